@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "basalt/Export.h"
+
+namespace Basalt {
+namespace StringUtil {
+
+// Standard (RFC 4648, padded) Base64 of bytes.
+BASALT_API std::string Base64Encode(const std::vector<unsigned char>& bytes);
+BASALT_API std::string Base64Encode(const void* data, size_t size);
+// Decodes padded standard Base64 into bytes (replacing bytes' contents). XML white space (blank,
+// tab, CR, LF) anywhere in the text is skipped, since Base64 in XML is often wrapped. Any other
+// character outside the alphabet, a length that is not a multiple of four, misplaced or excess
+// padding, or non-zero bits after the last encoded byte throw Base64FormatException.
+BASALT_API void Base64Decode(std::string_view text, std::vector<unsigned char>& bytes);
+
+// A new random (version 4) UUID as 36 lower-case characters, e.g. "1b4e28ba-2fa1-41d2-883f-...".
+BASALT_API std::string GenerateUuid();
+
+// Copy of text with ASCII letters lower-cased; other bytes unchanged.
+BASALT_API std::string ToLower(std::string_view text);
+
+}  // namespace StringUtil
+
+// Length of the Base64 text of size bytes, not counting a terminating NUL.
+BASALT_API size_t Base64_EncodedLength(size_t size);
+// Writes the Base64 text of data into out, which holds at least Base64_EncodedLength(size) bytes;
+// returns the number written (no NUL is added).
+BASALT_API size_t Base64_Encode(const void* data, size_t size, char* out);
+
+}  // namespace Basalt

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# The project's one test command: installs what is missing, builds with AddressSanitizer and
+# UndefinedBehaviorSanitizer and runs every test, then runs the suites again under
+# ThreadSanitizer. Usage: ./run-tests.sh [--no-tsan]
+set -euo pipefail
+cd "$(dirname "$0")"
+
+packages=(
+    build-essential cmake ninja-build pkg-config git
+    libxml2-dev libxmlsec1-dev libssl-dev libcurl4-openssl-dev uuid-dev libboost-dev
+    libgtest-dev libgmock-dev libbenchmark-dev
+    openssl xmlsec1 xml-security-c-utils
+)
+missing=()
+for package in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$package")
+    fi
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo="sudo"
+    echo "Installing: ${missing[*]}"
+    $sudo apt-get update
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
+fi
+
+jobs=$(nproc)
+cmake --preset asan
+cmake --build --preset asan -j "$jobs"
+ctest --preset asan -j "$jobs"
+
+if [ "${1:-}" != "--no-tsan" ]; then
+    cmake --preset tsan
+    cmake --build --preset tsan -j "$jobs" --target basalt_tests ssoclient_tests
+    # The install and symbol checks do not depend on the sanitizer; they ran above.
+    ctest --preset tsan -j "$jobs" -E '^(exported_symbols|install_and_consume)$'
+fi

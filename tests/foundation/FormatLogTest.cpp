@@ -1,0 +1,131 @@
+#include <basalt/Format.h>
+#include <basalt/Log.h>
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Basalt::DatePrintFormatter;
+using Basalt::PrintFormatter;
+using Basalt::Detail::ASPrintInternal;
+
+TEST(FormatTest, EveryKindPrints) {
+    std::string text = "str";
+    EXPECT_EQ(ASPrintInternal("%1|%2|%3|%4|%5|%6|%7", PrintFormatter(true), PrintFormatter(false),
+                              PrintFormatter(int32_t{-7}), PrintFormatter(int64_t{1} << 40),
+                              PrintFormatter("c-string"), PrintFormatter(text),
+                              DatePrintFormatter(Basalt::System::DateTime("2024-01-05T03:04:05Z"))),
+              "true|false|-7|1099511627776|c-string|str|2024-01-05T03:04:05.000000Z");
+    EXPECT_EQ(ASPrintInternal("%1", PrintFormatter(static_cast<const char*>(nullptr))), "(null)");
+}
+
+TEST(FormatTest, PlaceholdersByNumberAndLiteralText) {
+    const PrintFormatter a("A"), b("B"), c("C"), d("D"), e("E"), f("F"), g("G"), h("H"), i("I");
+    EXPECT_EQ(ASPrintInternal("%9%8%7%6%5%4%3%2%1", a, b, c, d, e, f, g, h, i), "IHGFEDCBA");
+    EXPECT_EQ(ASPrintInternal("%2 before %1, %2 again", a, b), "B before A, B again");
+    EXPECT_EQ(ASPrintInternal("%10", a), "A0");
+    EXPECT_EQ(ASPrintInternal("100% sure %", a), "100% sure %");
+    EXPECT_EQ(ASPrintInternal("%3 has no argument", a, b), "%3 has no argument");
+    EXPECT_EQ(ASPrintInternal("%0 and %% stay", a), "%0 and %% stay");
+    EXPECT_EQ(ASPrintInternal("no args %1"), "no args %1");
+    // An argument's own text is not scanned for placeholders.
+    EXPECT_EQ(ASPrintInternal("%1%2", PrintFormatter("%2"), b), "%2B");
+}
+
+TEST(FormatTest, PrintWritesToAWriter) {
+    Basalt::Ref<Basalt::StringWriter> writer;
+    Basalt::CreateStringWriter(writer);
+    PrintFormatter(int32_t{12}).Print(writer.Get());
+    DatePrintFormatter(Basalt::System::DateTimeFromUtc(1, false)).Print(writer.Get());
+    EXPECT_EQ(writer->GetString(), "121970-01-01T00:00:00.000001Z");
+}
+
+struct CapturedLine {
+    std::string logger;
+    int level;
+    std::string message;
+};
+
+class LogTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        Basalt::Service::SetLogSink(
+            [this](const Basalt::Service::Logger& logger, int level, std::string_view message) {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_lines.push_back({logger.GetName(), level, std::string(message)});
+            });
+    }
+    void TearDown() override { Basalt::Service::SetLogSink({}); }
+
+    std::vector<CapturedLine> Lines() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
+    }
+
+    std::mutex m_mutex;
+    std::vector<CapturedLine> m_lines;
+};
+
+TEST_F(LogTest, LevelDecidesWhatReachesTheSink) {
+    Basalt::Service::StaticLogger logger("LogTest.Levels");
+    using Level = Basalt::Service::Logger;
+    EXPECT_TRUE(logger->IsEnabled(Level::LL_Warning));
+    EXPECT_FALSE(logger->IsEnabled(Level::LL_Info));
+    Basalt::Service::LogInternal(logger.Get(), Level::LL_Info, "hidden %1", PrintFormatter(1));
+    Basalt::Service::LogInternal(logger.Get(), Level::LL_Warning, "shown %1 %2", PrintFormatter(1),
+                                 PrintFormatter("two"));
+    ASSERT_TRUE(Basalt::Service::SetLoggerLevel("LogTest.Levels", Level::LL_Trace));
+    Basalt::Service::LogInternal(logger.Get(), Level::LL_Trace, "trace");
+    Basalt::Service::LogInternal(nullptr, Level::LL_Emergency, "no logger");
+
+    auto lines = Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].logger, "LogTest.Levels");
+    EXPECT_EQ(lines[0].level, 4);
+    EXPECT_EQ(lines[0].message, "shown 1 two");
+    EXPECT_EQ(lines[1].message, "trace");
+}
+
+TEST_F(LogTest, LoggersAreFoundByNameUntilTheyGo) {
+    {
+        Basalt::Service::StaticLogger logger("LogTest.Scoped", 6);
+        Basalt::Service::Logger* found = Basalt::Service::FindLogger("LogTest.Scoped");
+        ASSERT_EQ(found, logger.Get());
+        EXPECT_EQ(found->GetLevel(), 6);
+    }
+    EXPECT_EQ(Basalt::Service::FindLogger("LogTest.Scoped"), nullptr);
+    EXPECT_FALSE(Basalt::Service::SetLoggerLevel("LogTest.Scoped", 7));
+}
+
+TEST_F(LogTest, ThrowingSinkDoesNotFailTheCaller) {
+    Basalt::Service::StaticLogger logger("LogTest.Throwing");
+    Basalt::Service::SetLogSink([](const Basalt::Service::Logger&, int, std::string_view) {
+        throw std::runtime_error("sink broke");
+    });
+    EXPECT_NO_THROW(Basalt::Service::LogInternal(logger.Get(), 0, "still fine"));
+}
+
+TEST_F(LogTest, ConcurrentLoggingDeliversEveryLine) {
+    Basalt::Service::StaticLogger logger("LogTest.Threads", 7);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 250; ++i) {
+                Basalt::Service::LogInternal(logger.Get(), 7, "%1:%2", PrintFormatter(t),
+                                             PrintFormatter(i));
+                if (i == 100) {
+                    logger->SetLevel(7);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(Lines().size(), 1000u);
+}
+
+}  // namespace

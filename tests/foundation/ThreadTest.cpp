@@ -1,0 +1,101 @@
+#include <basalt/Exception.h>
+#include <basalt/Thread.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+namespace {
+
+using namespace Basalt::System;
+
+class CountingItem : public ScheduledItemMixin<Basalt::ObjectImpl> {
+  public:
+    explicit CountingItem(std::atomic<int>& runs) : m_runs(runs) {}
+
+  protected:
+    void Execute() override { ++m_runs; }
+
+  private:
+    std::atomic<int>& m_runs;
+};
+
+TEST(ThreadPoolTest, RunsEveryPostedCallableAndItem) {
+    Basalt::Ref<ThreadPool> pool;
+    SystemFactory::Instance().CreateThreadPool(3, pool);
+    EXPECT_EQ(pool->GetThreadCount(), 3u);
+    std::atomic<int> calls{0};
+    std::atomic<int> runs{0};
+    for (int i = 0; i < 500; ++i) {
+        pool->GetWorkQueue()->Post([&] { ++calls; });
+        pool->GetWorkQueue()->Enqueue(Basalt::Ref<ScheduledItem>(new CountingItem(runs)));
+    }
+    pool->Shutdown();  // waits for queued work
+    EXPECT_EQ(calls, 500);
+    EXPECT_EQ(runs, 500);
+    EXPECT_THROW(pool->GetWorkQueue()->Post([] {}), Basalt::InvalidStateException);
+}
+
+TEST(ThreadPoolTest, CancelledItemDoesNotRunAndRunsAtMostOnce) {
+    std::atomic<int> runs{0};
+    Basalt::Ref<CountingItem> cancelled(new CountingItem(runs));
+    EXPECT_TRUE(cancelled->Cancel());
+    EXPECT_FALSE(cancelled->Cancel());
+    EXPECT_TRUE(cancelled->IsCancelled());
+    cancelled->Run();
+    EXPECT_EQ(runs, 0);
+
+    Basalt::Ref<CountingItem> item(new CountingItem(runs));
+    item->Run();
+    item->Run();
+    EXPECT_EQ(runs, 1);
+    EXPECT_FALSE(item->Cancel());
+}
+
+TEST(ThreadPoolTest, SubmitSurfacesResultsAndExceptions) {
+    WorkQueue* queue = GetThreadPool()->GetWorkQueue();
+    EXPECT_GE(GetThreadPool()->GetThreadCount(), 2u);
+    EXPECT_EQ(queue->Submit([] { return 6 * 7; }).get(), 42);
+    auto failing = queue->Submit([]() -> int { throw Basalt::InvalidStateException("no config"); });
+    try {
+        failing.get();
+        FAIL() << "no exception";
+    } catch (const Basalt::InvalidStateException& e) {
+        EXPECT_STREQ(e.what(), "no config");
+    }
+}
+
+TEST(ThreadPoolTest, EscapedExceptionReachesTheHandlerAndThePoolCarriesOn) {
+    Basalt::Ref<ThreadPool> pool;
+    SystemFactory::Instance().CreateThreadPool(1, pool);
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::string seen;
+    pool->SetUnhandledExceptionHandler([&](std::exception_ptr error) {
+        try {
+            std::rethrow_exception(error);
+        } catch (const std::exception& e) {
+            std::lock_guard<std::mutex> lock(mutex);
+            seen = e.what();
+        }
+        changed.notify_all();
+    });
+    pool->GetWorkQueue()->Post([] { throw std::runtime_error("escaped"); });
+    EXPECT_EQ(pool->GetWorkQueue()->Submit([] { return 1; }).get(), 1);  // still serving
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [&] { return !seen.empty(); });
+    }
+    EXPECT_EQ(seen, "escaped");
+    EXPECT_THROW(pool->GetWorkQueue()->Post({}), Basalt::InvalidArgumentException);
+    EXPECT_THROW(pool->GetWorkQueue()->Enqueue(nullptr), Basalt::InvalidArgumentException);
+}
+
+TEST(PanicDeathTest, WritesTheMessageAndAborts) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(Basalt::Panic("NOT_IMPLEMENTED %s:%d\n", "ssoClient/SamlTokenImpl", 94),
+                 "NOT_IMPLEMENTED ssoClient/SamlTokenImpl:94");
+}
+
+}  // namespace
