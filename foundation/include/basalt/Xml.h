@@ -1,0 +1,171 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "basalt/IO.h"
+#include "basalt/Object.h"
+
+namespace Basalt {
+namespace Xml {
+
+class Document;
+class ElementNode;
+
+enum class NodeType {
+    Element,
+    Text,  // character data, including CDATA sections
+    Comment,
+    ProcessingInstruction,
+    Document,
+    Other,
+};
+
+// A node of a DOM tree. Nodes are reference counted; a node keeps its document alive, so an
+// element may outlive every reference to its document. A tree is used by one thread at a time.
+class BASALT_API Node : public virtual Object {
+public:
+    virtual NodeType GetNodeType() const = 0;
+    // The children in document order, of every kind (text, comments and processing
+    // instructions included; adjacent text nodes are not merged).
+    virtual void GetChildren(std::vector<Ref<Node>>& children) const = 0;
+    virtual Ref<Node> GetFirstChild() const = 0;
+    virtual Ref<Node> GetNextSibling() const = 0;
+    // The parent element, or null for a root element or a detached node.
+    virtual Ref<ElementNode> GetParentElement() const = 0;
+    // The document the node belongs to now.
+    virtual Ref<Document> GetOwnerDocument() const = 0;
+    // The text of a text node, a comment or a processing instruction; for an element, the
+    // concatenated text of its descendant text nodes.
+    virtual std::string GetTextContent() const = 0;
+    // Writes this node and its subtree exactly as it stands (no reformatting, no XML
+    // declaration), with the namespace declarations needed to make it stand alone.
+    virtual void Serialize(Writer* writer) const = 0;
+
+protected:
+    ~Node() override;
+};
+
+// Character data.
+class BASALT_API TextNode : public virtual Node {
+public:
+    virtual std::string GetValue() const = 0;
+    virtual void SetValue(std::string_view value) = 0;
+
+protected:
+    ~TextNode() override;
+};
+
+// An attribute as read from an element.
+struct Attribute {
+    std::string qualifiedName;  // as written, e.g. "xsi:type" or "ID"
+    std::string prefix;         // empty when unprefixed
+    std::string localName;
+    std::string namespaceUri;  // empty for unprefixed attributes
+    std::string value;
+};
+
+class BASALT_API ElementNode : public virtual Node {
+public:
+    virtual std::string GetLocalName() const = 0;
+    // The namespace URI of the element, empty when it has none.
+    virtual std::string GetNamespaceUri() const = 0;
+    // The prefix as written, empty when unprefixed.
+    virtual std::string GetPrefix() const = 0;
+    // "prefix:local" or "local".
+    virtual std::string GetQualifiedName() const = 0;
+
+    // Attributes in document order; namespace declarations are not attributes here.
+    virtual void GetAttributes(std::vector<Attribute>& attributes) const = 0;
+    // Namespace declarations made on this element, in document order, as (prefix, URI); the
+    // prefix is empty for a default namespace declaration.
+    virtual void GetNamespaceDeclarations(
+        std::vector<std::pair<std::string, std::string>>& declarations) const = 0;
+    // The value of the attribute with that qualified name as written; false if absent.
+    virtual bool GetAttribute(std::string_view qualifiedName, std::string& value) const = 0;
+    // The value of the attribute with that namespace URI (empty for none) and local name.
+    virtual bool GetAttributeNS(std::string_view namespaceUri, std::string_view localName,
+                                std::string& value) const = 0;
+    // Sets an attribute. "xmlns:p" declares prefix p and "xmlns" the default namespace;
+    // "p:name" sets a namespaced attribute, p resolved in scope (throws InvalidArgumentException
+    // if p is not declared on this element or an ancestor).
+    virtual void SetAttribute(std::string_view name, std::string_view value) = 0;
+    // The namespace URI bound to prefix in this element's scope (empty prefix: the default
+    // namespace); false if unbound.
+    virtual bool LookupNamespaceUri(std::string_view prefix, std::string& uri) const = 0;
+    // Appends child as the last child. A node from another document is adopted, its in-scope
+    // namespace declarations reconciled so that its meaning does not change; a node that has a
+    // parent is moved. Appending an ancestor of this element throws InvalidArgumentException.
+    virtual void AppendChild(const Ref<Node>& child) = 0;
+    // The first child element with that namespace URI and local name, or null.
+    virtual Ref<ElementNode> FindChildElement(std::string_view namespaceUri,
+                                              std::string_view localName) const = 0;
+    // Where the element's start tag began in the parsed text (1-based); 0 for built elements.
+    virtual int GetLine() const = 0;
+    virtual int GetColumn() const = 0;
+
+protected:
+    ~ElementNode() override;
+};
+
+class BASALT_API Document : public virtual Node {
+public:
+    // The root element, or null.
+    virtual Ref<ElementNode> GetDocumentElement() const = 0;
+    // Hands the root element over to a new owner: element receives it and keeps the document's
+    // content alive from then on, whether or not the document itself is still referenced.
+    virtual void TakeDocumentElement(Ref<ElementNode>& element) = 0;
+
+protected:
+    ~Document() override;
+};
+
+// Receives a parse; the document handler builds a Document.
+class BASALT_API XMLHandler : public virtual Object {
+public:
+    // What the parse produced (a Document for the document handler), or null before a
+    // successful parse.
+    virtual Ref<Object> GetResult() const = 0;
+
+protected:
+    ~XMLHandler() override;
+};
+
+// Limits that bound what a parse may cost. The defaults accept tokens and SOAP replies of a few
+// hundred kilobytes with room to spare.
+struct ParserLimits {
+    size_t maxDocumentBytes = 8 * 1024 * 1024;
+    size_t maxDepth = 128;
+};
+
+// A namespace-aware, non-validating parser. Documents with a DOCTYPE are rejected, entities
+// other than the predefined ones and character references are never expanded, and nothing is
+// read from the network or the file system.
+class BASALT_API XMLParser : public virtual Object {
+public:
+    // Reads the whole input into the handler. Malformed or refused input throws
+    // XMLParseException whose message names the problem with its line and column.
+    virtual void Parse(Reader* input) = 0;
+
+protected:
+    ~XMLParser() override;
+};
+
+BASALT_API void CreateXMLDocumentHandler(Ref<XMLHandler>& handler);
+BASALT_API void CreateXMLParser(XMLHandler* handler, Ref<XMLParser>& parser);
+BASALT_API void CreateXMLParser(XMLHandler* handler, const ParserLimits& limits,
+                                Ref<XMLParser>& parser);
+
+// A detached element with that prefix and local name; its namespace is resolved from
+// declarations made on it or, once attached, on its ancestors, and at the latest when it is
+// serialised (an unresolvable prefix then throws InvalidStateException).
+BASALT_API void CreateElementNode(const std::string& prefix, const std::string& localName,
+                                  Ref<ElementNode>& element);
+// A detached, empty text node.
+BASALT_API void CreateTextNode(Ref<TextNode>& text);
+
+}  // namespace Xml
+}  // namespace Basalt
