@@ -27,7 +27,7 @@ enum class NodeType {
 // A node of a DOM tree. Nodes are reference counted; a node keeps its document alive, so an
 // element may outlive every reference to its document. A tree is used by one thread at a time.
 class BASALT_API Node : public virtual Object {
-public:
+  public:
     virtual NodeType GetNodeType() const = 0;
     // The children in document order, of every kind (text, comments and processing
     // instructions included; adjacent text nodes are not merged).
@@ -45,17 +45,17 @@ public:
     // declaration), with the namespace declarations needed to make it stand alone.
     virtual void Serialize(Writer* writer) const = 0;
 
-protected:
+  protected:
     ~Node() override;
 };
 
 // Character data.
 class BASALT_API TextNode : public virtual Node {
-public:
+  public:
     virtual std::string GetValue() const = 0;
     virtual void SetValue(std::string_view value) = 0;
 
-protected:
+  protected:
     ~TextNode() override;
 };
 
@@ -69,7 +69,7 @@ struct Attribute {
 };
 
 class BASALT_API ElementNode : public virtual Node {
-public:
+  public:
     virtual std::string GetLocalName() const = 0;
     // The namespace URI of the element, empty when it has none.
     virtual std::string GetNamespaceUri() const = 0;
@@ -90,8 +90,10 @@ public:
     virtual bool GetAttributeNS(std::string_view namespaceUri, std::string_view localName,
                                 std::string& value) const = 0;
     // Sets an attribute. "xmlns:p" declares prefix p and "xmlns" the default namespace;
-    // "p:name" sets a namespaced attribute, p resolved in scope (throws InvalidArgumentException
-    // if p is not declared on this element or an ancestor).
+    // "p:name" sets a namespaced attribute, p resolved in scope. When p is not declared yet (the
+    // builders set "p:name" before "xmlns:p"), it is resolved like a detached element's prefix:
+    // once declared here or on an ancestor, at the latest when serialised (InvalidStateException
+    // if still unbound then). A malformed name throws InvalidArgumentException.
     virtual void SetAttribute(std::string_view name, std::string_view value) = 0;
     // The namespace URI bound to prefix in this element's scope (empty prefix: the default
     // namespace); false if unbound.
@@ -107,50 +109,55 @@ public:
     virtual int GetLine() const = 0;
     virtual int GetColumn() const = 0;
 
-protected:
+  protected:
     ~ElementNode() override;
 };
 
 class BASALT_API Document : public virtual Node {
-public:
+  public:
     // The root element, or null.
     virtual Ref<ElementNode> GetDocumentElement() const = 0;
     // Hands the root element over to a new owner: element receives it and keeps the document's
-    // content alive from then on, whether or not the document itself is still referenced.
+    // content alive from then on, whether or not the document itself is still referenced. The
+    // document stays usable and still reports the element as its root.
     virtual void TakeDocumentElement(Ref<ElementNode>& element) = 0;
 
-protected:
+  protected:
     ~Document() override;
 };
 
 // Receives a parse; the document handler builds a Document.
 class BASALT_API XMLHandler : public virtual Object {
-public:
+  public:
     // What the parse produced (a Document for the document handler), or null before a
     // successful parse.
     virtual Ref<Object> GetResult() const = 0;
 
-protected:
+  protected:
     ~XMLHandler() override;
 };
 
 // Limits that bound what a parse may cost. The defaults accept tokens and SOAP replies of a few
 // hundred kilobytes with room to spare.
+// Exceeding a limit throws XMLParseException. libxml2's own limits apply underneath (no "huge"
+// mode): at most 256 levels of nesting whatever maxDepth says, 10 MB per text node.
 struct ParserLimits {
     size_t maxDocumentBytes = 8 * 1024 * 1024;
     size_t maxDepth = 128;
+    // Attributes and namespace declarations in one start tag.
+    size_t maxAttributesPerElement = 256;
 };
 
 // A namespace-aware, non-validating parser. Documents with a DOCTYPE are rejected, entities
 // other than the predefined ones and character references are never expanded, and nothing is
 // read from the network or the file system.
 class BASALT_API XMLParser : public virtual Object {
-public:
+  public:
     // Reads the whole input into the handler. Malformed or refused input throws
     // XMLParseException whose message names the problem with its line and column.
     virtual void Parse(Reader* input) = 0;
 
-protected:
+  protected:
     ~XMLParser() override;
 };
 
