@@ -1,0 +1,91 @@
+#include "ssoClient/xml/XmlUtils.h"
+
+#include <cstdio>
+#include <string_view>
+#include <typeinfo>
+
+#include <basalt/Exception.h>
+#include <basalt/IO.h>
+
+#include "ssoClient/Exceptions.h"
+
+namespace SsoClient {
+
+bool SkipWsAndCommentsFilter::Accept(const Basalt::Ref<Basalt::Xml::Node>& node) const {
+    switch (node->GetNodeType()) {
+        case Basalt::Xml::NodeType::Text: {
+            const auto* text = dynamic_cast<const Basalt::Xml::TextNode*>(node.Get());
+            if (text == nullptr) {
+                Basalt::ThrowTypeMismatchException(typeid(Basalt::Xml::TextNode),
+                                                   typeid(*node.Get()));
+            }
+            return text->GetValue().find_first_not_of("\t\n\r ") != std::string::npos;
+        }
+        case Basalt::Xml::NodeType::Comment:
+            return false;
+        default:
+            return true;
+    }
+}
+
+std::pair<std::string, std::string> ResolveQName(const Basalt::Xml::ElementNode& element,
+                                                 const std::string& qualifiedName,
+                                                 const std::string& defaultNamespace) {
+    const size_t colon = qualifiedName.find(':');
+    if (colon == std::string::npos) {
+        return {defaultNamespace, qualifiedName};
+    }
+    const std::string prefix = qualifiedName.substr(0, colon);
+    std::string uri;
+    if (!element.LookupNamespaceUri(prefix, uri)) {
+        // The message has no blank between the element's name and "at"; callers match on it.
+        throw ParseException(
+            "Element " + element.GetLocalName() + "at " + std::to_string(element.GetLine()) + "," +
+            std::to_string(element.GetColumn()) + " uses undefined prefix: `" + prefix + "'");
+    }
+    return {std::move(uri), qualifiedName.substr(colon + 1)};
+}
+
+void ParseXmlText(const std::string& text, Basalt::Ref<Basalt::Xml::Document>& document) {
+    Basalt::Ref<Basalt::StringReader> reader;
+    Basalt::CreateStringReader(text, reader);
+    Basalt::Ref<Basalt::Xml::XMLHandler> handler;
+    Basalt::Xml::CreateXMLDocumentHandler(handler);
+    Basalt::Ref<Basalt::Xml::XMLParser> parser;
+    Basalt::Xml::CreateXMLParser(handler.Get(), parser);
+    parser->Parse(reader.Get());
+
+    const Basalt::Ref<Basalt::Object> result = handler->GetResult();
+    if (!result) {
+        document = nullptr;
+        return;
+    }
+    auto* parsed = dynamic_cast<Basalt::Xml::Document*>(result.Get());
+    if (parsed == nullptr) {
+        Basalt::ThrowTypeMismatchException(typeid(Basalt::Xml::Document), typeid(*result.Get()));
+    }
+    document = parsed;
+}
+
+std::string FormatXmlDateTime(const Basalt::System::DateTime& value) {
+    const Basalt::System::DateTimeFields f = value.GetFields();
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", f.year, f.month,
+                  f.day, f.hour, f.minute, f.second, f.microsecond / 1000);
+    // The short form is "YYYY-MM-DDThh:mm:ss" followed by the zone suffix.
+    constexpr size_t kShortFormLength = 19;
+    const std::string shortForm = value.ToShortStringBias();
+    std::string result(buffer);
+    if (shortForm.size() > kShortFormLength) {
+        result.append(shortForm, kShortFormLength, std::string::npos);
+    }
+    return result;
+}
+
+Basalt::System::DateTime AddMinutes(const Basalt::System::DateTime& value, int32_t minutes) {
+    // Wraps in 32 bits by design; the unsigned multiply keeps the wrap well defined.
+    const auto product = static_cast<int32_t>(static_cast<uint32_t>(minutes) * 60000000u);
+    return Basalt::System::DateTimeFromUtc(static_cast<long>(value.GetUtcTime() + product), false);
+}
+
+}  // namespace SsoClient
