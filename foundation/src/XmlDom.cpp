@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <functional>
 #include <mutex>
 
 #include "XmlInternal.h"
@@ -184,7 +185,7 @@ void ResolvePendingNamespaces(xmlNode* root, bool strict) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Wrappers
+// Output
 
 namespace {
 
@@ -227,6 +228,17 @@ class OutputSink {
     std::exception_ptr m_error;
 };
 
+}  // namespace
+
+void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump) {
+    OutputSink(writer).Run(dump);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Wrappers
+
+namespace {
+
 void DumpNode(xmlOutputBuffer* buffer, xmlNode* node) {
     xmlNodeDumpOutput(buffer, node->doc, node, 0, 0, "UTF-8");
 }
@@ -256,7 +268,7 @@ void SerializeInnerElement(xmlNode* node, Writer* writer) {
             xmlNewNs(copy, (*ns)->href, (*ns)->prefix);
         }
     }
-    OutputSink(writer).Run([&](xmlOutputBuffer* buffer) { DumpNode(buffer, copy); });
+    WriteThrough(writer, [&](xmlOutputBuffer* buffer) { DumpNode(buffer, copy); });
 }
 
 template <class Interface>
@@ -322,7 +334,7 @@ class NodeBase : public ObjectImpl, public Interface, public NodeCore {
                 return;
             }
         }
-        OutputSink(writer).Run([&](xmlOutputBuffer* buffer) { DumpNode(buffer, m_node); });
+        WriteThrough(writer, [&](xmlOutputBuffer* buffer) { DumpNode(buffer, m_node); });
     }
 };
 
@@ -658,7 +670,9 @@ void CreateElementNode(const std::string& prefix, const std::string& localName,
     if (!node) {
         throw std::bad_alloc();
     }
-    owner->AddDetached(node);
+    // A new element is its document's root until it is attached elsewhere: libxml2's
+    // canonicalisation (and so signing) only sees nodes under the document.
+    xmlDocSetRootElement(owner->GetDoc(), node);
     owner->Pending()[node] = prefix;
     element = WrapElement(node);
 }

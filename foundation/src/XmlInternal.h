@@ -5,6 +5,7 @@
 
 #include <libxml/tree.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -122,6 +123,9 @@ std::string AttrPrefix(const xmlAttr* attr);
 
 // The value of an attribute (its text children joined).
 std::string AttrValue(const xmlAttr* attr);
+
+// Runs dump with an output buffer that forwards to writer; rethrows what the writer threw.
+void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump);
 
 // Links child as parent's last child without merging adjacent text (xmlAddChild would).
 void LinkLastChild(xmlNode* parent, xmlNode* child);

@@ -14,12 +14,12 @@ namespace Security {
 
 // Writes the canonical octets of a subtree.
 class BASALT_API Canonicalizer : public virtual Object {
-public:
+  public:
     // Canonicalises element and its subtree, with the namespaces in scope from its ancestors as
     // the algorithm requires. Throws XmlSecurityException on failure.
     virtual void Canonicalize(const ElementNode* element, Writer* output) const = 0;
 
-protected:
+  protected:
     ~Canonicalizer() override;
 };
 
@@ -31,13 +31,13 @@ BASALT_API void CreateCanonicalizer(std::string_view algorithm, Ref<Canonicalize
 // Supplies the keys a signature may be verified with. Keys come only from the resolver's own
 // trusted set: the certificate or key carried inside a signature is never trusted by itself.
 class BASALT_API KeyInfoResolver : public virtual Object {
-public:
+  public:
     // Fills candidates with the trusted certificates that may have made a signature whose
     // ds:KeyInfo is keyInfo (null when the signature has none). An empty list means no key.
     virtual void Resolve(const ElementNode* keyInfo,
                          std::vector<Ref<Crypto::Certificate>>& candidates) const = 0;
 
-protected:
+  protected:
     ~KeyInfoResolver() override;
 };
 
@@ -55,7 +55,7 @@ struct SignatureReference {
 
 // An XML signature: one read from a document, or a blank one being made.
 class BASALT_API Signature : public virtual Object {
-public:
+  public:
     // The ds:Signature element.
     virtual Ref<ElementNode> GetElement() const = 0;
     virtual std::string GetCanonicalizationMethod() const = 0;
@@ -70,15 +70,21 @@ public:
 
     // Making a signature: add references, optionally set the Id and the KeyInfo content, then
     // Sign. References are digested in the order added.
+    // transform may be empty for none. Unsupported algorithms, transforms or URIs (other than
+    // "" and "#id") throw XmlSecurityException; so does a signature read from a document.
     virtual void AddReference(std::string_view uri, std::string_view digestMethod,
                               std::string_view transform) = 0;
+    // The same with a chain of transforms applied in order (an enveloped signature needs the
+    // enveloped-signature transform and then a canonicalisation).
+    virtual void AddReference(std::string_view uri, std::string_view digestMethod,
+                              const std::vector<std::string>& transforms) = 0;
     virtual void SetId(std::string_view id) = 0;
     // Puts element into the signature's ds:KeyInfo (created on first use).
     virtual void AddKeyInfoContent(const Ref<ElementNode>& element) = 0;
     // Computes the digests and the signature value with key. Throws XmlSecurityException.
     virtual void Sign(const Crypto::PrivateKey& key) = 0;
 
-protected:
+  protected:
     ~Signature() override;
 };
 
