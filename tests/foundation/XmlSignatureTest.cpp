@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "basalt/Exception.h"
@@ -317,4 +319,20 @@ TEST_F(XmlSignatureTest, EcdsaSignaturesVerify) {
         SignAssertion(AssertionText(), "certs/user-ec.key", "certs/user-ec.pem", kEcdsaSha256);
     EXPECT_EQ(Outcome::Verified, Check(text, TrustOnly({"certs/user-ec.pem"}).Get()));
     EXPECT_EQ(Outcome::Rejected, Check(text, TrustOnly({kStsCert}).Get()));
+}
+
+TEST_F(XmlSignatureTest, IndependentDocumentsVerifyConcurrentlyWithOneResolver) {
+    std::vector<std::thread> threads;
+    std::atomic<int> verified{0};
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 5; ++i) {
+                verified += Check(s_signed, m_trusted.Get()) == Outcome::Verified ? 1 : 0;
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(20, verified.load());
 }
