@@ -20,9 +20,9 @@ from wstrust_client import (StsProcess, certificate_token, continued_leg_body, d
                             envelope, issue_body, post, renew_body, sign, tls_context,
                             username_token, validate_body, binary_exchange)
 from wstrust_service import gss_response  # noqa: E402
-from wstrust_xml import (ACTION_CONTINUE, ACTION_RENEW, ACTION_VALIDATE, DELEGATION_NS, DS_NS,  # noqa
-                         SAML_NS, SOAP_NS, STATUS_INVALID, STATUS_VALID, WSU_NS, WST_NS, XSI_NS,
-                         parse_time, q)
+from wstrust_xml import (ACTION_CONTINUE, ACTION_RENEW, ACTION_VALIDATE,  # noqa: E402
+                         DELEGATION_NS, DS_NS, SAML_NS, SOAP_NS, STATUS_INVALID, STATUS_VALID,
+                         WST_NS, XSI_NS, parse_time, q)
 
 EXT = "http://sso.example.com"
 HOK = "urn:oasis:names:tc:SAML:2.0:cm:holder-of-key"
@@ -111,6 +111,9 @@ class StsTestCase(unittest.TestCase):
         self.assertEqual(fault[:2], code, fault)
         self.assertTrue(fault[2].startswith(text_start), fault)
 
+    def subject(self, assertion):
+        return assertion.findtext("%s/%s" % (q(SAML_NS, "Subject"), q(SAML_NS, "NameID")))
+
     def subject_confirmation(self, assertion):
         return assertion.find("%s/%s" % (q(SAML_NS, "Subject"), q(SAML_NS, "SubjectConfirmation")))
 
@@ -121,8 +124,7 @@ class IssueTest(StsTestCase):
             lifetime_seconds=777, renewable=True, delegable=True, audience=["urn:b", "urn:a"],
             advice=[("urn:source", [("urn:first", ["v1", "v2"]), ("urn:empty", [])])]))
         self.assertTrue(assertion.get("ID").startswith("_"))
-        self.assertEqual(assertion.findtext("%s/%s" % (q(SAML_NS, "Subject"), q(SAML_NS, "NameID"))),
-                         "alice@example.test")
+        self.assertEqual(self.subject(assertion), "alice@example.test")
         self.assertEqual(self.subject_confirmation(assertion).get("Method"), BEARER)
         conditions = assertion.find(q(SAML_NS, "Conditions"))
         lifetime = (parse_time(conditions.get("NotOnOrAfter"))
@@ -165,11 +167,23 @@ class IssueTest(StsTestCase):
     def test_certificate_issue_binds_the_client_certificate(self):
         assertion = self.token(self.issue_by_certificate(lifetime_seconds=300))
         self.assertEqual(self.subject_confirmation(assertion).get("Method"), HOK)
-        embedded = self.subject_confirmation(assertion).find(".//" + q(DS_NS, "X509Certificate")).text
+        confirmation = self.subject_confirmation(assertion)
+        embedded = confirmation.find(".//" + q(DS_NS, "X509Certificate")).text
         with open(data_path("client.pem"), "rb") as handle:
             pem = handle.read().decode()
         self.assertEqual(embedded, "".join(pem.splitlines()[1:-1]))
         self.assertIn("client-solution@example.test", etree.tostring(assertion).decode())
+
+    def test_signed_password_issue_gives_a_holder_of_key_token_for_the_user(self):
+        root, _, body = envelope([username_token("bob", "bob-password"),
+                                  certificate_token(data_path("client.pem"))])
+        issue_body(body, holder_of_key=True, use_key="holderOfKeyProofSignature")
+        assertion = self.token(self.post(sign(root, data_path("client.key"))))
+        self.assertEqual(self.subject(assertion), "bob@example.test")
+        self.assertEqual(self.subject_confirmation(assertion).get("Method"), HOK)
+        root, _, body = envelope([username_token("bob", "bob-password")])
+        issue_body(body, holder_of_key=True)
+        self.assertFault(self.post(root), INVALID_REQUEST, "A holder-of-key token needs")
 
     def test_certificate_issue_rejects_bad_requests(self):
         def unsigned():
@@ -234,8 +248,7 @@ class IssueTest(StsTestCase):
 
         act_as_text = etree.tostring(self.token(self.issue_by_password(delegable=True)))
         acting = self.token(self.issue_by_certificate(act_as=act_as_text))
-        self.assertEqual(acting.findtext("%s/%s" % (q(SAML_NS, "Subject"), q(SAML_NS, "NameID"))),
-                         "alice@example.test")
+        self.assertEqual(self.subject(acting), "alice@example.test")
         self.assertEqual(self.subject_confirmation(acting).findtext(q(SAML_NS, "NameID")),
                          "client-solution@example.test")
 
@@ -257,7 +270,8 @@ class IssueTest(StsTestCase):
             return self.post(root, action=ACTION_CONTINUE, cookies=cookie)
 
         def server_leg(body):
-            response = etree.fromstring(body).find(".//" + q(WST_NS, "RequestSecurityTokenResponse"))
+            response = etree.fromstring(body).find(
+                ".//" + q(WST_NS, "RequestSecurityTokenResponse"))
             exchange = response.find(q(WST_NS, "BinaryExchange"))
             leg = base64.b64decode(exchange.text) if exchange is not None else b""
             return response.get("Context"), leg.decode().split()
@@ -298,7 +312,8 @@ class RenewValidateTest(StsTestCase):
         validate_body(body, etree.tostring(assertion))
         status, _, reply = self.post(root, action=ACTION_VALIDATE)
         self.assertEqual(status, 200, reply)
-        return etree.fromstring(reply).findtext(".//%s/%s" % (q(WST_NS, "Status"), q(WST_NS, "Code")))
+        return etree.fromstring(reply).findtext(
+            ".//%s/%s" % (q(WST_NS, "Status"), q(WST_NS, "Code")))
 
     def test_renew(self):
         original = self.token(self.issue_by_certificate(renewable=True))
@@ -371,7 +386,8 @@ class FaultInjectionTest(StsTestCase):
         issue_body(body)
         with self.assertRaises(http.client.IncompleteRead):
             self.post(root, path="/fault/truncate/sts")
-        with self.assertRaises((ConnectionResetError, ssl.SSLError, http.client.RemoteDisconnected)):
+        broken = (ConnectionResetError, ssl.SSLError, http.client.RemoteDisconnected)
+        with self.assertRaises(broken):
             self.post(root, path="/fault/reset/sts")
         with self.assertRaises(TimeoutError):
             self.post(root, path="/fault/slow:30/sts", timeout=0.5)

@@ -13,8 +13,8 @@ from cryptography import x509
 from cryptography.hazmat.primitives import serialization
 from lxml import etree
 
-from wstrust_xml import (DELEGATION_NS, DS_NS, ENVELOPED, EXC_C14N, SAML_NS, UPN_FORMAT, XS_NS, XSI_NS,
-                         check_signed_info, child, children, element_children, format_time,
+from wstrust_xml import (DELEGATION_NS, DS_NS, ENVELOPED, EXC_C14N, SAML_NS, UPN_FORMAT, XS_NS,
+                         XSI_NS, check_signed_info, child, children, element_children, format_time,
                          parse_time, q, text_of)
 
 BEARER_METHOD = "urn:oasis:names:tc:SAML:2.0:cm:bearer"
@@ -230,7 +230,8 @@ class Signer:
         signatures = children(detached, DS_NS, "Signature")
         if len(signatures) != 1:
             raise TokenError("the assertion must carry exactly one signature")
-        references = signatures[0].findall("%s/%s" % (q(DS_NS, "SignedInfo"), q(DS_NS, "Reference")))
+        references = signatures[0].findall(
+            "%s/%s" % (q(DS_NS, "SignedInfo"), q(DS_NS, "Reference")))
         if len(references) != 1 or references[0].get("URI") != "#" + (detached.get("ID") or ""):
             raise TokenError("the assertion's signature does not cover the assertion")
         check_signed_info(signatures[0], [[ENVELOPED, EXC_C14N], [ENVELOPED]])

@@ -12,9 +12,10 @@ import xmlsec
 from cryptography import x509
 
 from wstrust_saml import Signer, TokenContent, TokenError
-from wstrust_xml import (BASE64_ENCODING, DS_NS, EXC_C14N, PASSWORD_TEXT, SAML_NS, SAMLID_VALUE_TYPE,
-                         SOAP_NS, WSSE_NS, WSU_NS, X509_TOKEN_TYPE, SignatureFormError,
-                         check_signed_info, child, children, parse_time, q, text_of)
+from wstrust_xml import (BASE64_ENCODING, DS_NS, EXC_C14N, PASSWORD_TEXT, SAML_NS,
+                         SAMLID_VALUE_TYPE, SOAP_NS, WSSE_NS, WSU_NS, X509_TOKEN_TYPE,
+                         SignatureFormError, check_signed_info, child, children, parse_time, q,
+                         text_of)
 
 
 class SecurityError(Exception):
@@ -60,7 +61,8 @@ def _check_timestamp(timestamp, now, skew):
 def _certificate_from_binary_token(security, uri):
     if not uri or not uri.startswith("#"):
         raise SecurityError("the signature's token reference is not a same-document reference")
-    tokens = [t for t in children(security, WSSE_NS, "BinarySecurityToken") if _wsu_id(t) == uri[1:]]
+    tokens = [t for t in children(security, WSSE_NS, "BinarySecurityToken")
+              if _wsu_id(t) == uri[1:]]
     if len(tokens) != 1:
         raise SecurityError("the signature's BinarySecurityToken is missing or ambiguous")
     token = tokens[0]
@@ -75,7 +77,8 @@ def _certificate_from_binary_token(security, uri):
 
 
 def _presented_token(security, signer, assertion_id, now, skew_seconds):
-    assertions = [a for a in children(security, SAML_NS, "Assertion") if a.get("ID") == assertion_id]
+    assertions = [a for a in children(security, SAML_NS, "Assertion")
+                  if a.get("ID") == assertion_id]
     if len(assertions) != 1:
         raise SecurityError("the signature names a SAML token that is not in the header")
     try:

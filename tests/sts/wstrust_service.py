@@ -24,8 +24,8 @@ from wstrust_xml import (ACTION_CONTINUE, ACTION_ISSUE, ACTION_RENEW, ACTION_VAL
                          BASE64_ENCODING, KEY_TYPE_BEARER, KEY_TYPE_PUBLIC_KEY, REQUEST_ISSUE,
                          REQUEST_RENEW, REQUEST_VALIDATE, SAML_NS, SAML_TOKEN_TYPE, SOAP_NS,
                          SPNEGO_VALUE_TYPE, STATUS_INVALID, STATUS_TOKEN_TYPE, STATUS_VALID, WSA_NS,
-                         WSSE_NS, WSU_NS, WST14_NS, WST_NS, XSI_NS, XmlInputError, child, children,
-                         format_time, parse, parse_time, q, text_of, utc_now)
+                         WSSE_NS, WSU_NS, WST14_NS, WST_NS, XmlInputError, child, children,
+                         parse, parse_time, q, text_of, utc_now)
 
 PASSWORD_EXPIRED_TEXT = "Password of the user logging on is expired"
 RENEW_COUNT = 10
@@ -274,8 +274,8 @@ class Sts:
     def _authenticate_password(self, username, password):
         account = self._account(username)
         # Accounts without a password (certificate-only solutions) never log on by password.
-        if account is None or not account.password or not secrets.compare_digest(account.password.encode(),
-                                                         (password or "").encode()):
+        if account is None or not account.password or not secrets.compare_digest(
+                account.password.encode(), (password or "").encode()):
             raise SoapFault(FAILED_AUTHENTICATION, "Invalid user name or password")
         if account.password_expired:
             raise SoapFault(FAILED_AUTHENTICATION, "%s: %s" % (PASSWORD_EXPIRED_TEXT, account.upn))
@@ -446,7 +446,8 @@ class Sts:
                                     nsmap={"wst": WST_NS})
         etree.SubElement(response, q(WST_NS, "TokenType")).text = STATUS_TOKEN_TYPE
         status = etree.SubElement(response, q(WST_NS, "Status"))
-        etree.SubElement(status, q(WST_NS, "Code")).text = STATUS_INVALID if reason else STATUS_VALID
+        code = STATUS_INVALID if reason else STATUS_VALID
+        etree.SubElement(status, q(WST_NS, "Code")).text = code
         etree.SubElement(status, q(WST_NS, "Reason")).text = reason or "The token is valid"
         return Reply(200, envelope_out, "validate")
 
@@ -544,6 +545,3 @@ def gss_response(nonce, password, round_number):
     digest = hashlib.sha256(("%s:%s" % (nonce, password)).encode()).hexdigest()
     return ("RESPONSE %d %s" % (round_number, digest)).encode()
 
-
-__all__ = ["Sts", "Reply", "SoapFault", "Account", "load_accounts", "parse_account_option",
-           "fault_envelope", "gss_response", "XSI_NS"]

@@ -12,7 +12,8 @@ import threading
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 
-from wstrust_https import Controller, LoopbackHttpsServer, make_ssl_context, parse_faults  # noqa: E402
+from wstrust_https import (Controller, LoopbackHttpsServer, make_ssl_context,  # noqa: E402
+                           parse_faults)
 from wstrust_saml import ExtensionNames, Signer  # noqa: E402
 from wstrust_service import Sts, load_accounts, parse_account_option  # noqa: E402
 

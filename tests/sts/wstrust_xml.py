@@ -38,7 +38,8 @@ BASE64_ENCODING = ("http://docs.oasis-open.org/wss/2004/01/"
                    "oasis-200401-wss-soap-message-security-1.0#Base64Binary")
 X509_TOKEN_TYPE = ("http://docs.oasis-open.org/wss/2004/01/"
                    "oasis-200401-wss-x509-token-profile-1.0#X509v3")
-SAML_REFERENCE_TOKEN_TYPE = "http://docs.oasis-open.org/wss/oasis-wss-saml-tokenprofile-1.1#SAMLV2.0"
+SAML_REFERENCE_TOKEN_TYPE = ("http://docs.oasis-open.org/wss/"
+                             "oasis-wss-saml-tokenprofile-1.1#SAMLV2.0")
 SAMLID_VALUE_TYPE = "http://docs.oasis-open.org/wss/oasis-wss-saml-token-profile-1.1#SAMLID"
 SPNEGO_VALUE_TYPE = "http://schemas.xmlsoap.org/ws/2005/02/trust/spnego"
 EXC_C14N = "http://www.w3.org/2001/10/xml-exc-c14n#"
