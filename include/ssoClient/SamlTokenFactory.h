@@ -19,7 +19,7 @@ namespace SsoClient {
 // signature coverage problems, InvalidSignatureException when the signature does not verify;
 // XML parser and certificate failures of the foundation pass through.
 class SSOCLIENT_API SamlTokenFactory {
-public:
+  public:
     // Same as CreateSamlToken(xml, 600).
     virtual std::shared_ptr<const SamlToken> CreateSamlToken(const std::string& xml) const;
     // Parses, validates with the clock tolerance (seconds) and verifies the assertion text.
@@ -32,7 +32,7 @@ public:
     virtual std::shared_ptr<const SamlToken> CreateSamlTokenFromDom(
         Basalt::Xml::ElementNode* element, long clockToleranceSec) const = 0;
 
-protected:
+  protected:
     SamlTokenFactory() = default;
     SamlTokenFactory(const SamlTokenFactory&) = default;
     SamlTokenFactory& operator=(const SamlTokenFactory&) = default;

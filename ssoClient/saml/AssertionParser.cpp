@@ -55,7 +55,7 @@ std::string NameOf(const ElementNode& element) {
 
 // Yields the children of an element that the filter keeps.
 class ChildCursor {
-public:
+  public:
     explicit ChildCursor(const ElementNode& parent) : m_node(Skip(parent.GetFirstChild())) {}
     const Ref<Node>& Current() const { return m_node; }
     bool AtEnd() const { return !m_node; }
@@ -65,7 +65,7 @@ public:
         }
     }
 
-private:
+  private:
     static Ref<Node> Skip(Ref<Node> node) {
         while (node && !kFilter.Accept(node)) {
             node = node->GetNextSibling();
@@ -107,7 +107,7 @@ bool IsNamespaceDeclaration(const Basalt::Xml::Attribute& attribute) {
 
 // The attributes of one element, checked against what it may carry.
 class Attributes {
-public:
+  public:
     // Plain names, compared as written.
     Attributes(const ElementNode& element, std::initializer_list<std::string_view> required,
                std::initializer_list<std::string_view> optional)
@@ -144,9 +144,8 @@ public:
         }
         for (const auto& attribute : m_list) {
             const auto listed = [&](std::initializer_list<QName> names) {
-                return std::any_of(names.begin(), names.end(), [&](const QName& q) {
-                    return Matches(attribute, q);
-                });
+                return std::any_of(names.begin(), names.end(),
+                                   [&](const QName& q) { return Matches(attribute, q); });
             };
             if (!listed(required) && !listed(optional) && !IsNamespaceDeclaration(attribute)) {
                 Fail("Unexpected attribute '" + attribute.qualifiedName + "' on element '" +
@@ -186,7 +185,7 @@ public:
         return value;
     }
 
-private:
+  private:
     static bool Matches(const Basalt::Xml::Attribute& attribute, const QName& name) {
         return attribute.namespaceUri == name.ns && attribute.localName == name.local;
     }
@@ -268,8 +267,10 @@ bool HasXsiType(const Ref<Node>& node, const QName& type) {
 AttributeRecord ReadAttribute(const Ref<Node>& node) {
     const Ref<ElementNode> element = ExpectElement(node, "Attribute", kAssertionNs);
     const Attributes attributes(*element, {"Name"}, {"NameFormat", "FriendlyName"});
-    AttributeRecord record{attributes.Text("Name"), attributes.Text("NameFormat"),
-                           attributes.Text("FriendlyName"), {}};
+    AttributeRecord record{attributes.Text("Name"),
+                           attributes.Text("NameFormat"),
+                           attributes.Text("FriendlyName"),
+                           {}};
     for (ChildCursor cursor(*element); !cursor.AtEnd(); cursor.Advance()) {
         const Ref<ElementNode> value =
             ExpectElement(cursor.Current(), "AttributeValue", kAssertionNs);

@@ -11,8 +11,7 @@ namespace Saml {
 // allowed attributes, nothing unexpected. Builds the signature object and checks that it covers
 // the assertion, but neither verifies it nor looks at the clock. Throws ParseException; foundation
 // failures of certificate creation and Base64 decoding pass through.
-void WalkAssertion(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion,
-                   ParsedAssertion& parsed);
+void WalkAssertion(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion, ParsedAssertion& parsed);
 
 }  // namespace Saml
 }  // namespace SsoClient

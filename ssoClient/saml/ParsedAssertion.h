@@ -23,10 +23,10 @@ struct NameId {
 
 struct SubjectRecord {
     NameId nameId;
-    int32_t confirmationType = Saml_Bearer;  // Saml_Bearer or Saml_HOK
-    std::optional<NameId> delegateId;        // NameID inside SubjectConfirmation
-    Basalt::System::DateTime confirmationNotOnOrAfter;            // bearer only
-    Basalt::Ref<Basalt::Crypto::Certificate> certificate;         // holder-of-key only
+    int32_t confirmationType = Saml_Bearer;                // Saml_Bearer or Saml_HOK
+    std::optional<NameId> delegateId;                      // NameID inside SubjectConfirmation
+    Basalt::System::DateTime confirmationNotOnOrAfter;     // bearer only
+    Basalt::Ref<Basalt::Crypto::Certificate> certificate;  // holder-of-key only
 };
 
 struct CountRestriction {

@@ -11,7 +11,7 @@ namespace {
 
 // The factory behind CreateSamlTokenFactory: always verifies with its resolver.
 class SamlTokenFactoryDefault final : public SamlTokenFactory {
-public:
+  public:
     explicit SamlTokenFactoryDefault(const Basalt::Xml::Security::KeyInfoResolver* resolver)
         : m_resolver(resolver) {}
     ~SamlTokenFactoryDefault() = default;
@@ -23,12 +23,12 @@ public:
                                                      long clockToleranceSec) const override {
         return SsoClient::CreateSamlToken(xml, m_resolver.Get(), clockToleranceSec);
     }
-    std::shared_ptr<const SamlToken> CreateSamlTokenFromDom(
-        Basalt::Xml::ElementNode* element, long clockToleranceSec) const override {
+    std::shared_ptr<const SamlToken> CreateSamlTokenFromDom(Basalt::Xml::ElementNode* element,
+                                                            long clockToleranceSec) const override {
         return SsoClient::CreateSamlTokenFromDom(element, m_resolver.Get(), clockToleranceSec);
     }
 
-private:
+  private:
     Basalt::Ref<const Basalt::Xml::Security::KeyInfoResolver> m_resolver;
 };
 

@@ -96,8 +96,7 @@ SamlTokenImpl::SamlTokenImpl(Basalt::Xml::ElementNode& assertion, bool verify,
 
 SamlTokenImpl::~SamlTokenImpl() = default;
 
-void SamlTokenImpl::Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion,
-                               bool verify,
+void SamlTokenImpl::Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion, bool verify,
                                const Basalt::Xml::Security::KeyInfoResolver* resolver) {
     Saml::ParsedAssertion parsed;
     Saml::WalkAssertion(assertion, parsed);

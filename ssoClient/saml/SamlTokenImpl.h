@@ -19,7 +19,7 @@ struct ParsedAssertion;
 
 // A SAML token, fully built by its constructor or not at all.
 class SamlTokenImpl final : public SamlToken {
-public:
+  public:
     // From assertion text (copied byte for byte). Verifies the signature with resolver when
     // verify is set. Throws as the SamlTokenFactory entry points document.
     SamlTokenImpl(std::string_view xml, bool verify,
@@ -34,9 +34,7 @@ public:
 
     const std::string& GetId() const override { return m_id; }
     const Basalt::System::DateTime& GetStartTime() const override { return m_startTime; }
-    const Basalt::System::DateTime& GetExpirationTime() const override {
-        return m_expirationTime;
-    }
+    const Basalt::System::DateTime& GetExpirationTime() const override { return m_expirationTime; }
     Basalt::System::DateTime GetExpirationTimeWithTolerance() const override;
     const PrincipalId* GetSubject() const override { return m_subject.get(); }
     bool IsRenewable() const override { return m_renewCount > 0; }
@@ -60,7 +58,7 @@ public:
     const std::string& GetXml() const override { return m_xml; }
     [[noreturn]] void GetUnsupportedInfo() const override;
 
-private:
+  private:
     void Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion, bool verify,
                     const Basalt::Xml::Security::KeyInfoResolver* resolver);
     void InterpretAttributes(const Saml::ParsedAssertion& parsed);

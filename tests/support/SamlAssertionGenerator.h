@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <basalt/Crypto.h>
+#include <basalt/Object.h>
+#include <basalt/XmlSecurity.h>
+
+namespace TestSupport {
+
+// One SAML attribute to write.
+struct SamlAttribute {
+    std::string name;
+    std::vector<std::string> values;
+};
+
+// One RSAAdvice to write.
+struct SamlAdvice {
+    std::string source;
+    std::vector<SamlAttribute> attributes;
+};
+
+// A delegation-chain link: the delegate's UPN and when, in seconds relative to now.
+struct SamlDelegate {
+    std::string upn;
+    int64_t instantOffsetSec = -120;
+};
+
+// What a generated assertion says. Times are seconds relative to the current time, so tests
+// never depend on the wall clock having moved.
+struct AssertionSpec {
+    std::string id;  // empty: a fresh "_" + UUID
+    std::string version = "2.0";
+    std::string issuer = "https://sts.example.test/sts";
+    std::string subjectUpn = "alice@example.test";
+    bool holderOfKey = false;
+    std::string holderOfKeyCertificatePem;  // holder-of-key only; empty: tests/data user-ec.pem
+    int64_t notBeforeOffsetSec = -60;
+    int64_t notOnOrAfterOffsetSec = 3600;
+    // SubjectConfirmationData/@NotOnOrAfter; absent: the token's NotOnOrAfter for bearer tokens,
+    // no attribute for holder-of-key tokens.
+    std::optional<int64_t> confirmationNotOnOrAfterOffsetSec;
+    std::vector<SamlDelegate> delegates;  // a DelegationRestriction when not empty
+    // The NameID inside SubjectConfirmation: absent means the last delegate's UPN (if any).
+    std::optional<std::string> delegateId;
+    bool omitDelegateId = false;
+    std::vector<std::string> audiences;  // an AudienceRestriction when not empty
+    // ProxyRestriction / RenewRestriction: absent when nullopt; "" writes one without Count.
+    std::optional<std::string> proxyCount;
+    std::optional<std::string> renewCount;
+    std::vector<SamlAdvice> advice;         // an Advice element when not empty
+    std::vector<SamlAttribute> attributes;  // an AttributeStatement when not empty
+};
+
+// The STS signing key and certificate of tests/data/certs (sts-rsa), and an unrelated one.
+const Basalt::Ref<Basalt::Crypto::PrivateKey>& StsKey();
+const Basalt::Ref<Basalt::Crypto::Certificate>& StsCertificate();
+const Basalt::Ref<Basalt::Crypto::Certificate>& OtherCertificate();
+// Trusted-certificate resolvers over the STS certificate, and over the unrelated one.
+Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> StsResolver();
+Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> OtherResolver();
+
+// The unsigned assertion text. With a signature template, an empty ds:Signature for an external
+// signer (RSA-SHA256, exclusive c14n, reference "#ID") follows the Issuer.
+std::string BuildAssertionXml(const AssertionSpec& spec, bool withSignatureTemplate = false);
+
+// Signs assertion text with the foundation: an enveloped RSA-SHA256 signature over referenceUri
+// (default "#" + ID) placed right after the Issuer, the signing certificate in its KeyInfo.
+// Returns the serialised result.
+std::string SignAssertion(
+    const std::string& unsignedXml, const std::optional<std::string>& referenceUri = std::nullopt,
+    const Basalt::Crypto::PrivateKey& key = *StsKey(),
+    const Basalt::Ref<Basalt::Crypto::Certificate>& certificate = StsCertificate());
+
+// BuildAssertionXml + SignAssertion.
+std::string MakeSignedAssertion(const AssertionSpec& spec);
+
+// Replaces the first occurrence of from by to; throws std::logic_error if from is absent.
+std::string ReplaceOnce(std::string text, const std::string& from, const std::string& to);
+
+// Runs a shell command; returns its exit status and standard output.
+std::pair<int, std::string> RunCommand(const std::string& command);
+
+}  // namespace TestSupport
