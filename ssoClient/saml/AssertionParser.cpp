@@ -223,10 +223,11 @@ void ExpectEmpty(const ElementNode& element) {
 std::string ReadTextOnly(const ElementNode& element) {
     ChildCursor cursor(element);
     if (!cursor.AtEnd() && cursor.Current()->GetNodeType() == NodeType::Text) {
-        const auto* text = dynamic_cast<const Basalt::Xml::TextNode*>(cursor.Current().Get());
+        const Ref<Node> text = cursor.Current();
         cursor.Advance();
-        if (text != nullptr && cursor.AtEnd()) {
-            return text->GetValue();
+        const auto* textNode = dynamic_cast<const Basalt::Xml::TextNode*>(text.Get());
+        if (textNode != nullptr && cursor.AtEnd()) {
+            return textNode->GetValue();
         }
     }
     Fail("Element '" + NameOf(element) +

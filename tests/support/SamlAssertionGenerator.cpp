@@ -276,9 +276,10 @@ std::string SignAssertion(const std::string& unsignedXml,
     for (size_t i = 1; i < children.size(); ++i) {
         assertion->AppendChild(children[i]);
     }
-    signature->AddReference(referenceUri.value_or("#" + id),
-                            "http://www.w3.org/2001/04/xmlenc#sha256",
-                            "http://www.w3.org/2001/10/xml-exc-c14n#");
+    signature->AddReference(
+        referenceUri.value_or("#" + id), "http://www.w3.org/2001/04/xmlenc#sha256",
+        std::vector<std::string>{"http://www.w3.org/2000/09/xmldsig#enveloped-signature",
+                                 "http://www.w3.org/2001/10/xml-exc-c14n#"});
     Basalt::Ref<Basalt::Xml::ElementNode> x509Data;
     Basalt::Xml::CreateElementNode("ds", "X509Data", x509Data);
     Basalt::Ref<Basalt::Xml::ElementNode> x509Certificate;

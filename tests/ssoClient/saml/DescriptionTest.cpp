@@ -19,7 +19,7 @@ TEST(DescriptionTest, DescribesRecords) {
               "{Name: bob; Domain:eng} at 2024-01-05T03:04:05.006000Z");
     EXPECT_EQ(DescribeAdviceAttribute(AdviceAttribute{"colour", {"a", "b"}}),
               "[source=colour, attributes=[a, b]]");
-    // Plain strings keep the separator after an empty first value; records skip empty text.
+    // Plain strings keep the separator after an empty first value.
     EXPECT_EQ(DescribeAdviceAttribute(AdviceAttribute{"x", {"", "b"}}),
               "[source=x, attributes=[, b]]");
     EXPECT_EQ(DescribeAdviceAttribute(AdviceAttribute{"x", {}}), "[source=x, attributes=[]]");
@@ -28,7 +28,7 @@ TEST(DescriptionTest, DescribesRecords) {
               "[source=b, attributes=[]]]]");
     EXPECT_EQ(JoinDescriptions(std::vector<std::string>{"", "x", "", "y"},
                                [](const std::string& s) { return s; }),
-              "x, y");
+              "x, , y");  // a separator only once the text is not empty
 }
 
 TEST(DescriptionTest, DescribesTokenSpecs) {

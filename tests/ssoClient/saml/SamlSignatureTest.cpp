@@ -10,6 +10,8 @@
 #include <fstream>
 
 #include <basalt/Exception.h>
+#include <basalt/IO.h>
+#include <basalt/Xml.h>
 
 #include "TestData.h"
 #include "support/ExpectThrow.h"
@@ -21,6 +23,18 @@ using namespace SsoClient;
 using namespace TestSupport;
 
 const char kTampered[] = "Failed to verify signature: token might have been tampered with.";
+
+Basalt::Ref<Basalt::Xml::Document> ParseDocument(const std::string& xml) {
+    Basalt::Ref<Basalt::StringReader> reader;
+    Basalt::CreateStringReader(xml, reader);
+    Basalt::Ref<Basalt::Xml::XMLHandler> handler;
+    Basalt::Xml::CreateXMLDocumentHandler(handler);
+    Basalt::Ref<Basalt::Xml::XMLParser> parser;
+    Basalt::Xml::CreateXMLParser(handler.Get(), parser);
+    parser->Parse(reader.Get());
+    return Basalt::Ref<Basalt::Xml::Document>(
+        dynamic_cast<Basalt::Xml::Document*>(handler->GetResult().Get()));
+}
 
 // A scratch directory removed at the end of the test.
 class ScratchDir {
@@ -161,27 +175,36 @@ TEST(SamlSignatureTest, RefusesSignatureWrapping) {
                                            "Token's signature must cover the entire token"));
     }
     // 2. The forged assertion takes the genuine ID and hides the genuine assertion inside the
-    //    signature: the reference no longer resolves to exactly one element.
+    //    signature: the signature may not carry anything of the kind.
     forged.id = "_genuine";
+    const std::string forgedWithGenuineId =
+        ReplaceOnce(BuildAssertionXml(forged), "</saml2:Issuer>", "</saml2:Issuer>" + signature);
     {
-        std::string xml = BuildAssertionXml(forged);
-        const std::string wrapped = ReplaceOnce(
-            signature, "</ds:Signature>", "<ds:Object>" + original + "</ds:Object></ds:Signature>");
-        xml = ReplaceOnce(xml, "</saml2:Issuer>", "</saml2:Issuer>" + wrapped);
-        EXPECT_THROW(CreateSamlToken(xml, StsResolver().Get()), InvalidTokenException);
-        try {
-            CreateSamlToken(xml, StsResolver().Get());
-        } catch (const InvalidTokenException& e) {
-            EXPECT_EQ(std::string(e.what()).find("mallory"), std::string::npos);
-        }
+        const std::string xml =
+            ReplaceOnce(forgedWithGenuineId, "</ds:Signature>",
+                        "<ds:Object>" + original + "</ds:Object></ds:Signature>");
+        EXPECT_TRUE(Throws<ParseException>([&] { CreateSamlToken(xml, StsResolver().Get()); },
+                                           "Signature syntax error: ", true));
+    }
+    // 2b. The same ID twice in one SOAP message, the genuine assertion in a header: the reference
+    //     no longer names exactly one element.
+    {
+        const auto document = ParseDocument(
+            "<env:Envelope xmlns:env='http://schemas.xmlsoap.org/soap/envelope/'><env:Header>" +
+            original + "</env:Header><env:Body>" + forgedWithGenuineId +
+            "</env:Body></env:Envelope>");
+        const auto assertion =
+            document->GetDocumentElement()
+                ->FindChildElement("http://schemas.xmlsoap.org/soap/envelope/", "Body")
+                ->FindChildElement("urn:oasis:names:tc:SAML:2.0:assertion", "Assertion");
+        ASSERT_TRUE(assertion);
+        EXPECT_TRUE(Throws<InvalidSignatureException>(
+            [&] { CreateSamlTokenFromDom(assertion.Get(), StsResolver().Get()); },
+            "Signature verification error. ", true));
     }
     // 3. The genuine signature on the forged content with the same ID: digest mismatch.
-    {
-        std::string xml = BuildAssertionXml(forged);
-        xml = ReplaceOnce(xml, "</saml2:Issuer>", "</saml2:Issuer>" + signature);
-        EXPECT_TRUE(Throws<InvalidSignatureException>(
-            [&] { CreateSamlToken(xml, StsResolver().Get()); }, kTampered));
-    }
+    EXPECT_TRUE(Throws<InvalidSignatureException>(
+        [&] { CreateSamlToken(forgedWithGenuineId, StsResolver().Get()); }, kTampered));
 }
 
 TEST(SamlSignatureTest, MalformedSignaturesAreSyntaxErrors) {
