@@ -35,6 +35,7 @@ class StringWriterImpl final : public ObjectImpl, public StringWriter {
     void Write(const char* data, size_t size) override { m_text.append(data, size); }
     const std::string& GetString() const override { return m_text; }
     std::string TakeString() override { return std::exchange(m_text, std::string()); }
+    void Reserve(size_t size) override { m_text.reserve(size); }
 
   private:
     std::string m_text;

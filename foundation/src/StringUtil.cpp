@@ -1,5 +1,6 @@
 #include "basalt/StringUtil.h"
 
+#include <openssl/crypto.h>
 #include <uuid/uuid.h>
 
 #include <array>
@@ -145,6 +146,18 @@ std::string GenerateUuid() {
     char text[37];
     uuid_unparse_lower(uuid, text);
     return std::string(text, 36);
+}
+
+void SecureWipe(void* data, size_t size) {
+    if (data != nullptr && size > 0) {
+        OPENSSL_cleanse(data, size);
+    }
+}
+
+void SecureWipe(std::string& text) {
+    text.resize(text.capacity());
+    SecureWipe(text.data(), text.size());
+    text.clear();
 }
 
 std::string ToLower(std::string_view text) {

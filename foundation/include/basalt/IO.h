@@ -47,6 +47,9 @@ class BASALT_API StringWriter : public virtual Writer {
     virtual const std::string& GetString() const = 0;
     // Moves the accumulated text out, leaving the writer empty.
     virtual std::string TakeString() = 0;
+    // Makes room for size bytes in all, so that text written later is not copied around while
+    // the buffer grows (which would leave stray copies of secrets in freed memory).
+    virtual void Reserve(size_t size) = 0;
 
   protected:
     ~StringWriter() override;

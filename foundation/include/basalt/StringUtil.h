@@ -22,6 +22,11 @@ BASALT_API void Base64Decode(std::string_view text, std::vector<unsigned char>& 
 // A new random (version 4) UUID as 36 lower-case characters, e.g. "1b4e28ba-2fa1-41d2-883f-...".
 BASALT_API std::string GenerateUuid();
 
+// Overwrites the bytes with zeros in a way the compiler cannot elide (for passwords and keys).
+BASALT_API void SecureWipe(void* data, size_t size);
+// Overwrites the string's whole capacity with zeros and empties it.
+BASALT_API void SecureWipe(std::string& text);
+
 // Copy of text with ASCII letters lower-cased; other bytes unchanged.
 BASALT_API std::string ToLower(std::string_view text);
 
