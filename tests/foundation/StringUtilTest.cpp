@@ -90,6 +90,17 @@ TEST(StringUtilTest, UuidsAreRandomVersion4LowerCase) {
     EXPECT_EQ(seen.size(), 100u);
 }
 
+TEST(StringUtilTest, SecureWipeZeroesTheWholeBuffer) {
+    std::string secret(100, 'p');
+    secret.resize(10);  // bytes beyond the size once held the secret too
+    const char* buffer = secret.data();
+    size_t capacity = secret.capacity();
+    Basalt::StringUtil::SecureWipe(secret);
+    EXPECT_TRUE(secret.empty());
+    EXPECT_EQ(secret.data(), buffer);
+    EXPECT_EQ(std::string(buffer, capacity), std::string(capacity, '\0'));
+}
+
 TEST(StringUtilTest, ToLowerFoldsOnlyAsciiLetters) {
     EXPECT_EQ(Basalt::StringUtil::ToLower("MiXeD-Case_09 \xC3\x89"), "mixed-case_09 \xC3\x89");
     EXPECT_EQ(Basalt::StringUtil::ToLower(std::string("A\0B", 3)), std::string("a\0b", 3));
