@@ -2,8 +2,8 @@
 
 // Namespaces and fixed texts of the WS-Trust requests the library sends.
 
-#ifndef SSOCLIENT_EXTENSION_HOST
-#define SSOCLIENT_EXTENSION_HOST "http://www.example.com"
+#ifndef SSOCLIENT_SAML_EXTENSION_NS_BASE
+#error "SSOCLIENT_SAML_EXTENSION_NS_BASE must be defined by the build"
 #endif
 
 namespace SsoClient {
@@ -19,7 +19,7 @@ inline constexpr char kWsse11Ns[] =
     "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-secext-1.1.xsd";
 inline constexpr char kWsaNs[] = "http://www.w3.org/2005/08/addressing";
 inline constexpr char kSoapEnvNs[] = "http://schemas.xmlsoap.org/soap/envelope/";
-inline constexpr char kAdviceNs[] = SSOCLIENT_EXTENSION_HOST "/names/2009/12/std-ext/WS-Trust1.4/advice";
+inline constexpr char kAdviceNs[] = SSOCLIENT_SAML_EXTENSION_NS_BASE "/names/2009/12/std-ext/WS-Trust1.4/advice";
 inline constexpr char kSamlNs[] = "urn:oasis:names:tc:SAML:2.0:assertion";
 inline constexpr char kXsNs[] = "http://www.w3.org/2001/XMLSchema";
 inline constexpr char kXsiNs[] = "http://www.w3.org/2001/XMLSchema-instance";
