@@ -21,7 +21,8 @@ using namespace SsoClient;
 
 HolderOfKeyConfig LoadHolderOfKey() {
     HolderOfKeyConfig config;
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"), config.certificate);
+    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"),
+                                             config.certificate);
     Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("certs/sts-rsa.key"), config.privateKey);
     return config;
 }
@@ -38,7 +39,8 @@ void BM_UnsignedUserNameRequest(benchmark::State& state) {
     TokenSpec spec = Spec();
     size_t bytes = 0;
     for (auto _ : state) {
-        SoapRequest request = builder.BuildAcquireTokenRequest("alice@EXAMPLE.TEST", "secret", spec);
+        SoapRequest request =
+            builder.BuildAcquireTokenRequest("alice@EXAMPLE.TEST", "secret", spec);
         bytes = request.envelope.size();
         benchmark::DoNotOptimize(request.envelope.data());
     }
@@ -79,15 +81,17 @@ void BM_RawXmlsecSign(benchmark::State& state) {
         xmlDocPtr doc = xmlReadMemory(envelope.data(), static_cast<int>(envelope.size()), nullptr,
                                       nullptr, XML_PARSE_NONET);
         // Register the two wsu:Id values as ids, as a verifier or signer must.
-        for (xmlNodePtr node : {xmlSecFindNode(xmlDocGetRootElement(doc), BAD_CAST "Body",
-                                               BAD_CAST "http://schemas.xmlsoap.org/soap/envelope/"),
-                                xmlSecFindNode(xmlDocGetRootElement(doc), BAD_CAST "Timestamp", wsuNs)}) {
+        for (xmlNodePtr node :
+             {xmlSecFindNode(xmlDocGetRootElement(doc), BAD_CAST "Body",
+                             BAD_CAST "http://schemas.xmlsoap.org/soap/envelope/"),
+              xmlSecFindNode(xmlDocGetRootElement(doc), BAD_CAST "Timestamp", wsuNs)}) {
             xmlAttrPtr id = xmlHasNsProp(node, BAD_CAST "Id", wsuNs);
             xmlChar* value = xmlNodeListGetString(doc, id->children, 1);
             xmlAddID(nullptr, doc, value, id);
             xmlFree(value);
         }
-        xmlNodePtr signature = xmlSecFindNode(xmlDocGetRootElement(doc), xmlSecNodeSignature, xmlSecDSigNs);
+        xmlNodePtr signature =
+            xmlSecFindNode(xmlDocGetRootElement(doc), xmlSecNodeSignature, xmlSecDSigNs);
         xmlSecDSigCtxPtr ctx = xmlSecDSigCtxCreate(nullptr);
         ctx->signKey = xmlSecKeyDuplicate(key);
         if (xmlSecDSigCtxSign(ctx, signature) < 0) {

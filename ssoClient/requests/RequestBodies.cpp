@@ -87,8 +87,8 @@ std::shared_ptr<XMLCompositeBuilder> BuildIssueRequestWithUseKey(bool holderOfKe
     // The proof of possession is the request's own signature; a delegated request does not
     // prove the key.
     if (holderOfKey && !spec.delegateTo) {
-        request->Add(CreateElementBuilder("wst", "UseKey",
-                                          ToAttributeMap({{"Sig", kProofSignatureId}})));
+        request->Add(
+            CreateElementBuilder("wst", "UseKey", ToAttributeMap({{"Sig", kProofSignatureId}})));
     }
     return request;
 }
@@ -109,8 +109,8 @@ std::shared_ptr<XMLCompositeBuilder> BuildValidateRequest(const SamlToken& token
 
 std::shared_ptr<XMLCompositeBuilder> BuildLifetime(int64_t lifetimeSeconds) {
     const Basalt::System::DateTime created = Basalt::System::GetUtcDateTime();
-    const Basalt::System::DateTime expires = Basalt::System::DateTimeFromUtc(
-        created.GetUtcTime() + lifetimeSeconds * 1000000, false);
+    const Basalt::System::DateTime expires =
+        Basalt::System::DateTimeFromUtc(created.GetUtcTime() + lifetimeSeconds * 1000000, false);
     auto lifetime = Composite("wst", "Lifetime", {{"xmlns:wsu", kWsuNs}});
     lifetime->Add(Text("wsu", "Created", FormatXmlDateTime(created)))
         .Add(Text("wsu", "Expires", FormatXmlDateTime(expires)));

@@ -63,8 +63,8 @@ bool RequestBuilderImpl::SignsWithCertificate(const TokenSpec& spec) const {
 
 const HolderOfKeyConfig& RequestBuilderImpl::RequireHolderOfKey(const char* operation) const {
     if (!m_holderOfKey) {
-        throw Basalt::InvalidStateException(std::string("No HolderOfKeyConfig provided. Unable to ") +
-                                            operation);
+        throw Basalt::InvalidStateException(
+            std::string("No HolderOfKeyConfig provided. Unable to ") + operation);
     }
     return *m_holderOfKey;
 }
@@ -79,7 +79,8 @@ SoapRequest RequestBuilderImpl::BuildAcquireTokenRequest(const std::string& user
     if (signs) {
         header->Add(BuildCertificateToken(*m_holderOfKey->certificate));
     }
-    return Envelope(kIssueAction, header, BuildIssueRequestWithUseKey(AsksForHolderOfKey(spec), spec),
+    return Envelope(kIssueAction, header,
+                    BuildIssueRequestWithUseKey(AsksForHolderOfKey(spec), spec),
                     signs ? &*m_holderOfKey : nullptr, BuildCertificateReference());
 }
 
@@ -99,7 +100,8 @@ SoapRequest RequestBuilderImpl::BuildAcquireTokenByGSSRequest(const std::vector<
 SoapRequest RequestBuilderImpl::BuildContinueNegotiationRequest(
     const std::string& contextId, const std::vector<unsigned char>& leg) const {
     auto body = std::make_shared<XMLBodyBuilderContinuedSPNego>(contextId, leg);
-    return Envelope(kContinueAction, BuildSecurityHeader(kTimestampMinutes), body, nullptr, nullptr);
+    return Envelope(kContinueAction, BuildSecurityHeader(kTimestampMinutes), body, nullptr,
+                    nullptr);
 }
 
 SoapRequest RequestBuilderImpl::BuildAcquireTokenByCertificateRequest(const TokenSpec& spec) const {
@@ -122,8 +124,8 @@ SoapRequest RequestBuilderImpl::BuildAcquireTokenByTokenRequest(const SamlToken&
     const HolderOfKeyConfig& signer = RequireHolderOfKey(kByToken);
     auto header = BuildSecurityHeader(kTimestampMinutes);
     header->Add(CreatePreBuiltElement(token));
-    return Envelope(kIssueAction, header, BuildIssueRequest(AsksForHolderOfKey(spec), spec), &signer,
-                    BuildSamlTokenReference(token.GetId()));
+    return Envelope(kIssueAction, header, BuildIssueRequest(AsksForHolderOfKey(spec), spec),
+                    &signer, BuildSamlTokenReference(token.GetId()));
 }
 
 SoapRequest RequestBuilderImpl::BuildValidateTokenRequest(const SamlToken& token) const {

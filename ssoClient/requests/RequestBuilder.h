@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include <boost/optional.hpp>
 #include <ssoClient/HolderOfKeyConfig.h>
 #include <ssoClient/Types.h>
+#include <boost/optional.hpp>
 
 #include "ssoClient/requests/SoapRequest.h"
 
@@ -17,7 +17,7 @@ namespace SsoClient {
 // operation. Checks run before anything is built and throw Basalt::InvalidArgumentException or
 // Basalt::InvalidStateException; failures while building or signing pass out unchanged.
 class RequestBuilder {
-public:
+  public:
     virtual ~RequestBuilder();
     virtual SoapRequest BuildAcquireTokenRequest(const std::string& userName,
                                                  const std::string& password,
@@ -35,7 +35,7 @@ public:
 };
 
 class RequestBuilderImpl : public RequestBuilder {
-public:
+  public:
     explicit RequestBuilderImpl(boost::optional<HolderOfKeyConfig> holderOfKey);
 
     SoapRequest BuildAcquireTokenRequest(const std::string& userName, const std::string& password,
@@ -51,7 +51,7 @@ public:
     SoapRequest BuildRenewTokenRequest(const SamlToken& token,
                                        int64_t lifetimeSeconds) const override;
 
-private:
+  private:
     bool AsksForHolderOfKey(const TokenSpec& spec) const;
     bool SignsWithCertificate(const TokenSpec& spec) const;
     const HolderOfKeyConfig& RequireHolderOfKey(const char* operation) const;

@@ -113,8 +113,7 @@ void XMLSignedSoapBuilder::Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) con
     Basalt::Ref<Basalt::Xml::ElementNode> body = RequiredChild(*envelope, kSoapEnvNs, "Body");
     Basalt::Ref<Basalt::Xml::ElementNode> header = RequiredChild(*envelope, kSoapEnvNs, "Header");
     Basalt::Ref<Basalt::Xml::ElementNode> security = RequiredChild(*header, kWsseNs, "Security");
-    Basalt::Ref<Basalt::Xml::ElementNode> timestamp =
-        RequiredChild(*security, kWsuNs, "Timestamp");
+    Basalt::Ref<Basalt::Xml::ElementNode> timestamp = RequiredChild(*security, kWsuNs, "Timestamp");
 
     Basalt::Ref<Basalt::Xml::Security::Signature> signature;
     Basalt::Xml::Security::CreateBlankSignature(security.Get(), kExcC14n, kRsaSha256, "ds",

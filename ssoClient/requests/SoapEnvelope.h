@@ -24,12 +24,12 @@ XMLBuilderPtr BuildSamlTokenReference(const std::string& assertionId);
 // Builds the envelope and signs its Body and Timestamp with the holder-of-key private key; the
 // signature goes at the end of wsse:Security with keyInfo's element in its ds:KeyInfo.
 class XMLSignedSoapBuilder : public XMLBaseBuilder {
-public:
+  public:
     XMLSignedSoapBuilder(XMLBuilderPtr header, XMLBuilderPtr body, HolderOfKeyConfig holderOfKey,
                          XMLBuilderPtr keyInfo);
     void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
 
-private:
+  private:
     XMLBuilderPtr m_header;
     XMLBuilderPtr m_body;
     HolderOfKeyConfig m_holderOfKey;

@@ -19,7 +19,8 @@ inline constexpr char kWsse11Ns[] =
     "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-secext-1.1.xsd";
 inline constexpr char kWsaNs[] = "http://www.w3.org/2005/08/addressing";
 inline constexpr char kSoapEnvNs[] = "http://schemas.xmlsoap.org/soap/envelope/";
-inline constexpr char kAdviceNs[] = SSOCLIENT_SAML_EXTENSION_NS_BASE "/names/2009/12/std-ext/WS-Trust1.4/advice";
+inline constexpr char kAdviceNs[] =
+    SSOCLIENT_SAML_EXTENSION_NS_BASE "/names/2009/12/std-ext/WS-Trust1.4/advice";
 inline constexpr char kSamlNs[] = "urn:oasis:names:tc:SAML:2.0:assertion";
 inline constexpr char kXsNs[] = "http://www.w3.org/2001/XMLSchema";
 inline constexpr char kXsiNs[] = "http://www.w3.org/2001/XMLSchema-instance";
@@ -35,9 +36,11 @@ inline constexpr char kBearerKeyType[] = "http://docs.oasis-open.org/ws-sx/ws-tr
 inline constexpr char kPublicKeyKeyType[] =
     "http://docs.oasis-open.org/ws-sx/ws-trust/200512/PublicKey";
 inline constexpr char kPasswordText[] =
-    "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-username-token-profile-1.0#PasswordText";
+    "http://docs.oasis-open.org/wss/2004/01/"
+    "oasis-200401-wss-username-token-profile-1.0#PasswordText";
 inline constexpr char kBase64Binary[] =
-    "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-soap-message-security-1.0#Base64Binary";
+    "http://docs.oasis-open.org/wss/2004/01/"
+    "oasis-200401-wss-soap-message-security-1.0#Base64Binary";
 inline constexpr char kSpnegoValueType[] = "http://schemas.xmlsoap.org/ws/2005/02/trust/spnego";
 inline constexpr char kX509v3[] =
     "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-x509-token-profile-1.0#X509v3";

@@ -27,7 +27,7 @@ AttributeMap ToAttributeMap(const AttributeList& list);
 // Describes an element; Build makes a fresh DOM element for it each time (except for a
 // pre-built element, which always yields the same node).
 class XMLBaseBuilder {
-public:
+  public:
     virtual ~XMLBaseBuilder();
     // Creates the element with its subtree into out, replacing what out held.
     virtual void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const = 0;
@@ -37,11 +37,11 @@ using XMLBuilderPtr = std::shared_ptr<XMLBaseBuilder>;
 
 // An element without content.
 class ElementBuilderImpl : public XMLBaseBuilder {
-public:
+  public:
     ElementBuilderImpl(std::string prefix, std::string name, AttributeMap attributes = {});
     void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
 
-private:
+  private:
     std::string m_prefix;
     std::string m_name;
     AttributeMap m_attributes;
@@ -49,14 +49,14 @@ private:
 
 // An element whose only content is text (always one text child, even when empty).
 class TextElementBuilderImpl : public XMLBaseBuilder {
-public:
+  public:
     TextElementBuilderImpl(std::string prefix, std::string name, AttributeMap attributes,
                            std::string text);
     // The text may be a password: it is wiped when the builder goes.
     ~TextElementBuilderImpl() override;
     void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
 
-private:
+  private:
     std::string m_prefix;
     std::string m_name;
     AttributeMap m_attributes;
@@ -65,23 +65,23 @@ private:
 
 // An element that already exists as DOM, handed out as it is.
 class PreBuiltElementImpl : public XMLBaseBuilder {
-public:
+  public:
     explicit PreBuiltElementImpl(Basalt::Ref<Basalt::Xml::ElementNode> element);
     void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
 
-private:
+  private:
     Basalt::Ref<Basalt::Xml::ElementNode> m_element;
 };
 
 // An element (built by root) with element children in the order added.
 class XMLCompositeBuilder : public XMLBaseBuilder {
-public:
+  public:
     explicit XMLCompositeBuilder(const XMLBuilderPtr& root);
     // Appends child; a null child is ignored, so optional parts can be passed straight in.
     XMLCompositeBuilder& Add(const XMLBuilderPtr& child);
     void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
 
-private:
+  private:
     XMLBuilderPtr m_root;
     std::vector<XMLBuilderPtr> m_children;
 };

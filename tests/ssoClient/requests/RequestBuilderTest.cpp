@@ -23,7 +23,8 @@ constexpr char kIssue[] = "http://docs.oasis-open.org/ws-sx/ws-trust/200512/RST/
 
 HolderOfKeyConfig LoadHolderOfKey() {
     HolderOfKeyConfig config;
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"), config.certificate);
+    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"),
+                                             config.certificate);
     Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("certs/sts-rsa.key"), config.privateKey);
     return config;
 }
@@ -74,15 +75,18 @@ TEST(RequestBuilderTest, ChecksRunFirstAndInOrder) {
     TextToken hok = HolderOfKeyToken();
     TextToken bearerToken(hok.GetXml(), hok.GetId(), Saml_Bearer);
     const CheckCase cases[] = {
-        {"password, zero lifetime", [&](auto& b) { return b.BuildAcquireTokenRequest("u", "p", Spec(0)); },
-         true, typeid(Basalt::InvalidArgumentException), "Token lifetime must be positive"},
-        {"gss, negative lifetime", [&](auto& b) { return b.BuildAcquireTokenByGSSRequest({1}, Spec(-1)); },
-         true, typeid(Basalt::InvalidArgumentException), "Token lifetime must be positive"},
+        {"password, zero lifetime",
+         [&](auto& b) { return b.BuildAcquireTokenRequest("u", "p", Spec(0)); }, true,
+         typeid(Basalt::InvalidArgumentException), "Token lifetime must be positive"},
+        {"gss, negative lifetime",
+         [&](auto& b) { return b.BuildAcquireTokenByGSSRequest({1}, Spec(-1)); }, true,
+         typeid(Basalt::InvalidArgumentException), "Token lifetime must be positive"},
         {"certificate, lifetime before config",
          [&](auto& b) { return b.BuildAcquireTokenByCertificateRequest(Spec(0)); }, false,
          typeid(Basalt::InvalidArgumentException), "Token lifetime must be positive"},
-        {"certificate, no config", [&](auto& b) { return b.BuildAcquireTokenByCertificateRequest(Spec()); },
-         false, typeid(Basalt::InvalidStateException), noConfig + "acquire token by certificate"},
+        {"certificate, no config",
+         [&](auto& b) { return b.BuildAcquireTokenByCertificateRequest(Spec()); }, false,
+         typeid(Basalt::InvalidStateException), noConfig + "acquire token by certificate"},
         {"certificate, config before confirmation",
          [&](auto& b) { return b.BuildAcquireTokenByCertificateRequest(bearer); }, false,
          typeid(Basalt::InvalidStateException), noConfig + "acquire token by certificate"},
@@ -90,16 +94,18 @@ TEST(RequestBuilderTest, ChecksRunFirstAndInOrder) {
          [&](auto& b) { return b.BuildAcquireTokenByCertificateRequest(five); }, true,
          typeid(Basalt::InvalidArgumentException),
          "TokenSpec::confirmation must be CONFIRMATION_DEFAULT for acquire token by certificate"},
-        {"token, zero lifetime", [&](auto& b) { return b.BuildAcquireTokenByTokenRequest(hok, Spec(0)); },
-         false, typeid(Basalt::InvalidArgumentException), "Token lifetime must be positive"},
-        {"token, no config", [&](auto& b) { return b.BuildAcquireTokenByTokenRequest(hok, Spec()); },
-         false, typeid(Basalt::InvalidStateException), noConfig + "acquire token by token"},
+        {"token, zero lifetime",
+         [&](auto& b) { return b.BuildAcquireTokenByTokenRequest(hok, Spec(0)); }, false,
+         typeid(Basalt::InvalidArgumentException), "Token lifetime must be positive"},
+        {"token, no config",
+         [&](auto& b) { return b.BuildAcquireTokenByTokenRequest(hok, Spec()); }, false,
+         typeid(Basalt::InvalidStateException), noConfig + "acquire token by token"},
         {"renew, zero lifetime", [&](auto& b) { return b.BuildRenewTokenRequest(hok, 0); }, true,
          typeid(Basalt::InvalidArgumentException), "Token lifetime must be positive"},
-        {"renew, no config", [&](auto& b) { return b.BuildRenewTokenRequest(bearerToken, 60); }, false,
-         typeid(Basalt::InvalidStateException), noConfig + "renew token"},
-        {"renew, bearer token", [&](auto& b) { return b.BuildRenewTokenRequest(bearerToken, 60); }, true,
-         typeid(Basalt::InvalidArgumentException),
+        {"renew, no config", [&](auto& b) { return b.BuildRenewTokenRequest(bearerToken, 60); },
+         false, typeid(Basalt::InvalidStateException), noConfig + "renew token"},
+        {"renew, bearer token", [&](auto& b) { return b.BuildRenewTokenRequest(bearerToken, 60); },
+         true, typeid(Basalt::InvalidArgumentException),
          "Unable to renew token: the provided token must be Holder Of Key"},
     };
     for (const CheckCase& c : cases) {
@@ -132,10 +138,12 @@ TEST(RequestBuilderTest, PasswordRequestFollowsTheHolderOfKeyAndSigningRules) {
         {"config", true, false, CONFIRMATION_DEFAULT, publicKey, true, true},
         {"config, delegate", true, true, CONFIRMATION_DEFAULT, publicKey, false, false},
         {"config, bearer asked", true, false, CONFIRMATION_BEARER, bearer, false, false},
-        {"config, any non-zero", true, false, static_cast<ConfirmationType>(5), bearer, false, false},
+        {"config, any non-zero", true, false, static_cast<ConfirmationType>(5), bearer, false,
+         false},
     };
     for (const Case& c : cases) {
-        RequestBuilderImpl builder(c.config ? boost::make_optional(LoadHolderOfKey()) : boost::none);
+        RequestBuilderImpl builder(c.config ? boost::make_optional(LoadHolderOfKey())
+                                            : boost::none);
         TokenSpec spec = Spec();
         spec.confirmation = c.confirmation;
         if (c.delegate) {
@@ -146,11 +154,13 @@ TEST(RequestBuilderTest, PasswordRequestFollowsTheHolderOfKeyAndSigningRules) {
         EXPECT_EQ(KeyType(request), c.keyType) << c.what;
         EXPECT_EQ(ChildNames(*BodyContent(request)).back() == "wst:UseKey", c.useKey) << c.what;
         EXPECT_EQ(IsSigned(request), c.signedRequest) << c.what;
-        Ref<ElementNode> token = Path(*Parse(request.envelope), {"Header", "Security", "UsernameToken"});
+        Ref<ElementNode> token =
+            Path(*Parse(request.envelope), {"Header", "Security", "UsernameToken"});
         EXPECT_EQ(Child(*token, "Username")->GetTextContent(), "alice");
         EXPECT_EQ(Child(*token, "Password")->GetTextContent(), "s3cret&<");
         EXPECT_EQ(Attribute(*Child(*token, "Password"), "Type"),
-                  "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-username-token-profile-1.0#PasswordText");
+                  "http://docs.oasis-open.org/wss/2004/01/"
+                  "oasis-200401-wss-username-token-profile-1.0#PasswordText");
     }
 }
 
@@ -175,8 +185,11 @@ TEST(RequestBuilderTest, EachOperationHasItsActionAndShape) {
          "wst:RequestSecurityTokenResponse", timestampOnly},
         {"certificate", builder.BuildAcquireTokenByCertificateRequest(Spec()), kIssue,
          "wst:RequestSecurityToken", withCertificate},
-        {"token", builder.BuildAcquireTokenByTokenRequest(token, Spec()), kIssue,
-         "wst:RequestSecurityToken", {"wsu:Timestamp", "saml2:Assertion", "ds:Signature"}},
+        {"token",
+         builder.BuildAcquireTokenByTokenRequest(token, Spec()),
+         kIssue,
+         "wst:RequestSecurityToken",
+         {"wsu:Timestamp", "saml2:Assertion", "ds:Signature"}},
         {"validate", builder.BuildValidateTokenRequest(token),
          "http://docs.oasis-open.org/ws-sx/ws-trust/200512/RST/Validate",
          "wst:RequestSecurityToken", timestampOnly},
@@ -193,8 +206,10 @@ TEST(RequestBuilderTest, EachOperationHasItsActionAndShape) {
         EXPECT_EQ(BodyContent(c.request)->GetQualifiedName(), c.bodyName) << c.what;
         EXPECT_EQ(SecurityHeader(c.request), c.security) << c.what;
         Ref<ElementNode> timestamp = Path(*envelope, {"Header", "Security", "Timestamp"});
-        int64_t created = Basalt::System::DateTime(Child(*timestamp, "Created")->GetTextContent()).GetUtcTime();
-        int64_t expires = Basalt::System::DateTime(Child(*timestamp, "Expires")->GetTextContent()).GetUtcTime();
+        int64_t created =
+            Basalt::System::DateTime(Child(*timestamp, "Created")->GetTextContent()).GetUtcTime();
+        int64_t expires =
+            Basalt::System::DateTime(Child(*timestamp, "Expires")->GetTextContent()).GetUtcTime();
         EXPECT_EQ(expires - created, int64_t{600} * 1000000) << c.what;
     }
     // By token: holder-of-key body without UseKey, the token named by its ID in the key info.
@@ -225,7 +240,8 @@ TEST(RequestBuilderTest, SignatureReferencesTheBodyThenTheTimestamp) {
     }
     std::string bodyId, timestampId;
     ASSERT_TRUE(Child(*envelope, "Body")->GetAttributeNS(kWsuNs, "Id", bodyId));
-    ASSERT_TRUE(Path(*envelope, {"Header", "Security", "Timestamp"})->GetAttributeNS(kWsuNs, "Id", timestampId));
+    ASSERT_TRUE(Path(*envelope, {"Header", "Security", "Timestamp"})
+                    ->GetAttributeNS(kWsuNs, "Id", timestampId));
     EXPECT_EQ(uris, (std::vector<std::string>{"#" + bodyId, "#" + timestampId}));
     Ref<ElementNode> certificateReference =
         Path(*signature, {"KeyInfo", "SecurityTokenReference", "Reference"});

@@ -11,9 +11,10 @@ namespace RequestTest {
 
 // A token standing in for a parsed one: request construction reads only its XML, ID and type.
 class TextToken : public SsoClient::SamlToken {
-public:
+  public:
     TextToken(std::string xml, std::string id, SsoClient::TokenType type)
         : m_xml(std::move(xml)), m_id(std::move(id)), m_type(type) {}
+    virtual ~TextToken() = default;
     const std::string& GetId() const override { return m_id; }
     const Basalt::System::DateTime& GetStartTime() const override { return m_time; }
     const Basalt::System::DateTime& GetExpirationTime() const override { return m_time; }
@@ -36,7 +37,7 @@ public:
     const std::string& GetXml() const override { return m_xml; }
     void GetUnsupportedInfo() const override {}
 
-private:
+  private:
     std::string m_xml;
     std::string m_id;
     SsoClient::TokenType m_type;

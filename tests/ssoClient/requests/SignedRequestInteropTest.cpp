@@ -3,7 +3,10 @@
 #include <basalt/Crypto.h>
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
 #include <array>
+
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -26,7 +29,7 @@ struct CommandResult {
     std::string output;
 };
 
-CommandResult Run(const std::string& command) {
+CommandResult RunCommand(const std::string& command) {
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((command + " 2>&1").c_str(), "r"), pclose);
     if (!pipe) {
         return {-1, "popen failed"};
@@ -41,10 +44,11 @@ CommandResult Run(const std::string& command) {
 }
 
 class SignedRequestInteropTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
-        if (Run("command -v xsec-checksig && command -v xmlsec1").status != 0) {
-            GTEST_SKIP() << "xml-security-c-utils and xmlsec1 are needed (run-tests.sh installs them)";
+        if (RunCommand("command -v xsec-checksig && command -v xmlsec1").status != 0) {
+            GTEST_SKIP()
+                << "xml-security-c-utils and xmlsec1 are needed (run-tests.sh installs them)";
         }
         m_dir = ::testing::TempDir() + "signed-request-" + std::to_string(::getpid()) + "/";
         std::system(("mkdir -p " + m_dir).c_str());
@@ -72,16 +76,18 @@ protected:
 
     CommandResult Santuario(const std::string& envelope) {
         std::string file = Write("santuario.xml", WithInlineCertificate(envelope));
-        return Run(std::string("xsec-checksig --idns ") + kWsuNs + " Id " + file);
+        return RunCommand(std::string("xsec-checksig --idns ") + kWsuNs + " Id " + file);
     }
 
     CommandResult Xmlsec(const std::string& envelope) {
         std::string file = Write("xmlsec.xml", envelope);
         std::string cert = m_dir + "cert.pem";
         std::ofstream(cert) << TestData::Read("certs/sts-rsa.pem");
-        return Run("xmlsec1 --verify --enabled-reference-uris same-doc --pubkey-cert-pem " + cert +
-                   " --id-attr:Id http://schemas.xmlsoap.org/soap/envelope/:Body"
-                   " --id-attr:Id " + kWsuNs + ":Timestamp " + file);
+        return RunCommand("xmlsec1 --verify --enabled-reference-uris same-doc --pubkey-cert-pem " +
+                          cert +
+                          " --id-attr:Id http://schemas.xmlsoap.org/soap/envelope/:Body"
+                          " --id-attr:Id " +
+                          kWsuNs + ":Timestamp " + file);
     }
 
     std::string m_dir;
@@ -89,7 +95,8 @@ protected:
 
 HolderOfKeyConfig LoadHolderOfKey() {
     HolderOfKeyConfig config;
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"), config.certificate);
+    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"),
+                                             config.certificate);
     Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("certs/sts-rsa.key"), config.privateKey);
     return config;
 }
@@ -99,8 +106,8 @@ TEST_F(SignedRequestInteropTest, EverySignedOperationVerifiesElsewhere) {
     TokenSpec spec;
     spec.tokenLifetimeSec = 300;
     spec.advice = {{"urn:src", {{"a", {"1"}}}}};
-    TextToken token(TestData::Read("requests/assertion.xml"), "_4c5a2d8e-0f1b-4a77-9c1e-5d7f00b1c0de",
-                    Saml_HOK);
+    TextToken token(TestData::Read("requests/assertion.xml"),
+                    "_4c5a2d8e-0f1b-4a77-9c1e-5d7f00b1c0de", Saml_HOK);
     const std::pair<const char*, SoapRequest> requests[] = {
         {"certificate", builder.BuildAcquireTokenByCertificateRequest(spec)},
         {"password", builder.BuildAcquireTokenRequest("alice", "pw", spec)},
@@ -109,7 +116,9 @@ TEST_F(SignedRequestInteropTest, EverySignedOperationVerifiesElsewhere) {
     };
     for (const auto& [what, request] : requests) {
         CommandResult santuario = Santuario(request.envelope);
-        EXPECT_EQ(santuario.status, 0) << what << "\n" << santuario.output << "\n" << request.envelope;
+        EXPECT_EQ(santuario.status, 0) << what << "\n"
+                                       << santuario.output << "\n"
+                                       << request.envelope;
         CommandResult xmlsec = Xmlsec(request.envelope);
         EXPECT_EQ(xmlsec.status, 0) << what << "\n" << xmlsec.output;
     }
