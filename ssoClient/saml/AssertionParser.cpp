@@ -256,15 +256,6 @@ std::pair<std::string, std::string> ResolveXsiType(const ElementNode& element,
     return ResolveQName(element, written, defaultNs);
 }
 
-bool HasXsiType(const Ref<Node>& node, const QName& type) {
-    if (!IsElement(node, "Condition")) {
-        return false;
-    }
-    std::string written;
-    const auto resolved = ResolveXsiType(*AsElement(node), written);
-    return resolved.first == type.ns && resolved.second == type.local;
-}
-
 AttributeRecord ReadAttribute(const Ref<Node>& node) {
     const Ref<ElementNode> element = ExpectElement(node, "Attribute", kAssertionNs);
     const Attributes attributes(*element, {"Name"}, {"NameFormat", "FriendlyName"});
@@ -393,14 +384,31 @@ CountRestriction ReadRenewRestriction(const ElementNode& condition) {
 
 // Tries the restriction kinds not yet seen, in a fixed order; true if one consumed the node.
 bool ReadRestriction(const Ref<Node>& node, ConditionsRecord& conditions) {
-    if (!conditions.delegationRestriction && HasXsiType(node, kDelegationRestrictionType)) {
-        conditions.delegationRestriction = ReadDelegationRestriction(*AsElement(node));
-    } else if (!conditions.audienceRestriction && IsElement(node, "AudienceRestriction")) {
-        conditions.audienceRestriction = ReadAudienceRestriction(*AsElement(node));
-    } else if (!conditions.proxyRestriction && IsElement(node, "ProxyRestriction")) {
-        conditions.proxyRestriction = ReadProxyRestriction(*AsElement(node));
-    } else if (!conditions.renewRestriction && HasXsiType(node, kRenewRestrictionType)) {
-        conditions.renewRestriction = ReadRenewRestriction(*AsElement(node));
+    const Ref<ElementNode> element = AsElement(node);
+    if (!element || element->GetNamespaceUri() != kAssertionNs) {
+        return false;
+    }
+    const std::string localName = element->GetLocalName();
+    // A Condition's xsi:type is resolved once, and only when a kind needs it.
+    std::optional<std::pair<std::string, std::string>> type;
+    const auto isCondition = [&](const QName& expected) {
+        if (localName != "Condition") {
+            return false;
+        }
+        if (!type) {
+            std::string written;
+            type = ResolveXsiType(*element, written);
+        }
+        return type->first == expected.ns && type->second == expected.local;
+    };
+    if (!conditions.delegationRestriction && isCondition(kDelegationRestrictionType)) {
+        conditions.delegationRestriction = ReadDelegationRestriction(*element);
+    } else if (!conditions.audienceRestriction && localName == "AudienceRestriction") {
+        conditions.audienceRestriction = ReadAudienceRestriction(*element);
+    } else if (!conditions.proxyRestriction && localName == "ProxyRestriction") {
+        conditions.proxyRestriction = ReadProxyRestriction(*element);
+    } else if (!conditions.renewRestriction && isCondition(kRenewRestrictionType)) {
+        conditions.renewRestriction = ReadRenewRestriction(*element);
     } else {
         return false;
     }

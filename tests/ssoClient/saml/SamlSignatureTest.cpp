@@ -80,22 +80,45 @@ std::string SignWithXmlsec1Tool(const AssertionSpec& spec) {
     return ReadFile(out);
 }
 
-TEST(SamlSignatureTest, AcceptsTokensSignedByAnIndependentSignerOnlyWithTheRightKey) {
+// Signs with Apache Santuario's xsec-templatesign: a whole-document reference, the certificate
+// added to a KeyInfo of its own.
+std::string SignWithSantuario(const AssertionSpec& spec) {
+    const ScratchDir dir;
+    std::string xml = BuildAssertionXml(spec, true);
+    const size_t uri = xml.find("URI=\"#");
+    xml.replace(uri, xml.find('"', uri + 5) + 1 - uri, "URI=\"\"");
+    xml = ReplaceOnce(xml, "<ds:DigestValue/>", "<ds:DigestValue>A</ds:DigestValue>");
+    xml = ReplaceOnce(xml, "<ds:SignatureValue/>", "<ds:SignatureValue>A</ds:SignatureValue>");
+    xml = ReplaceOnce(
+        xml, "<ds:KeyInfo><ds:X509Data><ds:X509Certificate/></ds:X509Data></ds:KeyInfo>", "");
+    const std::string in = dir.Write("in.xml", xml);
+    const std::string certs = std::string(SSOCLIENT_TEST_DATA_DIR) + "/certs/";
+    const auto [status, output] =
+        RunCommand("xsec-templatesign --rsakey " + certs + "sts-rsa.key '' --x509cert " + certs +
+                   "sts-rsa.pem " + in);
+    if (status != 0) {
+        throw std::runtime_error("xsec-templatesign failed: " + output);
+    }
+    return output;
+}
+
+TEST(SamlSignatureTest, AcceptsTokensSignedByIndependentSignersOnlyWithTheRightKey) {
     AssertionSpec bearer;
     bearer.delegates = {{"bob@example.test", -60}};
     bearer.attributes = {{"urn:x", {"1"}}};
     AssertionSpec holderOfKey;
     holderOfKey.holderOfKey = true;
     for (const auto& spec : {bearer, holderOfKey}) {
-        const std::string xml = SignWithXmlsec1Tool(spec);
-        ASSERT_NE(xml.find("<ds:SignatureValue>"), std::string::npos) << xml;
-        const auto token = CreateSamlToken(xml, StsResolver().Get());
-        EXPECT_EQ(token->GetSubject()->name, "alice");
-        EXPECT_TRUE(Throws<InvalidSignatureException>(
-            [&] { CreateSamlToken(xml, OtherResolver().Get()); }, kTampered));
-        EXPECT_TRUE(Throws<InvalidSignatureException>(
-            [&] { CreateSamlToken(ReplaceOnce(xml, "alice@", "alicf@"), StsResolver().Get()); },
-            kTampered));
+        for (const std::string& xml : {SignWithXmlsec1Tool(spec), SignWithSantuario(spec)}) {
+            const auto token = CreateSamlToken(xml, StsResolver().Get());
+            EXPECT_EQ(token->GetSubject()->name, "alice");
+            EXPECT_EQ(token->GetXml(), xml);
+            EXPECT_TRUE(Throws<InvalidSignatureException>(
+                [&] { CreateSamlToken(xml, OtherResolver().Get()); }, kTampered));
+            EXPECT_TRUE(Throws<InvalidSignatureException>(
+                [&] { CreateSamlToken(ReplaceOnce(xml, "alice@", "alicf@"), StsResolver().Get()); },
+                kTampered));
+        }
     }
 }
 
