@@ -406,6 +406,7 @@ class FaultInjectionTest(StsTestCase):
         self.assertEqual(statuses, [502, 502, 200])
         stats = self.sts.command("stats")
         self.assertIn('"connections": 1', stats)
+        self.assertIn('"handshakes": 1', stats)
         self.assertIn('"requests": 3', stats)
         self.assertIn('"issue-password": 1', stats)
 

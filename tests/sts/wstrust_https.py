@@ -73,6 +73,8 @@ class Controller:
     def reset(self):
         with self.lock:
             self.connections = 0
+            self.handshakes = 0
+            self.resumed = 0
             self.requests = 0
             self.operations = Counter()
             self.injected = Counter()
@@ -81,6 +83,11 @@ class Controller:
     def count_connection(self):
         with self.lock:
             self.connections += 1
+
+    def count_handshake(self, resumed):
+        with self.lock:
+            self.handshakes += 1
+            self.resumed += 1 if resumed else 0
 
     def count_request(self, path_faults):
         """Counts a SOAP request and returns the faults to apply to it."""
@@ -99,7 +106,8 @@ class Controller:
 
     def stats(self):
         with self.lock:
-            return {"connections": self.connections, "requests": self.requests,
+            return {"connections": self.connections, "handshakes": self.handshakes,
+                    "resumed": self.resumed, "requests": self.requests,
                     "operations": dict(self.operations), "injected": dict(self.injected),
                     "armed": len(self.armed)}
 
@@ -310,6 +318,7 @@ class LoopbackHttpsServer(http.server.ThreadingHTTPServer):
             tls = self.ssl_context.wrap_socket(request, server_side=True)
         except (ssl.SSLError, OSError):
             return
+        self.controller.count_handshake(tls.session_reused)
         try:
             self.RequestHandlerClass(tls, client_address, self)
         finally:
