@@ -20,7 +20,7 @@ from wstrust_client import (StsProcess, certificate_token, continued_leg_body, d
                             envelope, issue_body, post, renew_body, sign, tls_context,
                             username_token, validate_body, binary_exchange)
 from wstrust_service import gss_response  # noqa: E402
-from wstrust_xml import (ACTION_CONTINUE, ACTION_RENEW, ACTION_VALIDATE,  # noqa: E402
+from wstrust_xml import (ACTION_CONTINUE, ACTION_ISSUE, ACTION_RENEW, ACTION_VALIDATE,  # noqa: E402
                          DELEGATION_NS, DS_NS, SAML_NS, SOAP_NS, STATUS_INVALID, STATUS_VALID,
                          WST_NS, XSI_NS, parse_time, q)
 
@@ -409,6 +409,16 @@ class FaultInjectionTest(StsTestCase):
         self.assertIn('"handshakes": 1', stats)
         self.assertIn('"requests": 3', stats)
         self.assertIn('"issue-password": 1', stats)
+
+    def test_soap_over_the_control_channel(self):
+        root, _, body = envelope([username_token("alice", "alice-password")])
+        issue_body(body)
+        words = self.sts.command("soap %s %s" % (ACTION_ISSUE, base64.b64encode(
+            etree.tostring(root)).decode())).split()
+        self.assertEqual(words[:2], ["REPLY", "200"])
+        self.assertTrue(xmlsec1_verifies(issued_assertion(base64.b64decode(words[2]))))
+        self.assertEqual(self.sts.command("soap %s %s" % (ACTION_ISSUE, "***")),
+                         "ERROR the envelope must be Base64")
 
     def test_content_faults(self):
         root, _, body = envelope([username_token("alice", "alice-password")])

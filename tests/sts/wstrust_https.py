@@ -2,6 +2,8 @@
 handshakes in the connection's own thread), request and connection counters, the control
 interface and fault injection."""
 
+import base64
+import binascii
 import http
 import http.server
 import json
@@ -137,12 +139,29 @@ class Controller:
                 with self.sts.lock:
                     self.sts.revoked.add(arguments[0])
                 return "OK"
+            if command == "soap" and len(arguments) == 2:
+                return self._soap(arguments[0], arguments[1])
             if command == "quit":
                 self.stop_event.set()
                 return "OK"
         except ValueError as error:
             return "ERROR %s" % error
         return "ERROR unknown command %r" % line.strip()
+
+
+    def _soap(self, action, encoded):
+        """Handles a SOAP request given on the control channel (no HTTP, no fault injection):
+        lets a test feed a client-built envelope to the STS without an HTTP client."""
+        try:
+            envelope = base64.b64decode(encoded, validate=True)
+        except binascii.Error:
+            return "ERROR the envelope must be Base64"
+        with self.lock:
+            self.requests += 1
+        reply = self.sts.handle(action, envelope, {})
+        self.count_operation(reply.operation)
+        data = etree.tostring(reply.envelope, xml_declaration=True, encoding="utf-8")
+        return "REPLY %d %s" % (reply.status, base64.b64encode(data).decode("ascii"))
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
