@@ -95,18 +95,27 @@ class WsTrustSts {
     }
 
     // Hands a SOAP envelope to the STS over the control channel (no HTTP, no fault injection)
-    // and returns the reply's HTTP status; the reply envelope goes to `reply`.
-    int Soap(const std::string& action, const std::string& envelope, std::string& reply) {
-        const std::string answer =
-            Command("soap " + action + " " +
-                    Basalt::StringUtil::Base64Encode(envelope.data(), envelope.size()));
+    // and returns the reply's HTTP status; the reply envelope goes to `reply`. `cookie` is sent
+    // as "name=value" and replaced by the cookie the reply sets, if any (the GSS legs need it).
+    int Soap(const std::string& action, const std::string& envelope, std::string& reply,
+             std::string* cookie = nullptr) {
+        std::string line = "soap " + action + " " +
+                           Basalt::StringUtil::Base64Encode(envelope.data(), envelope.size());
+        if (cookie && !cookie->empty()) {
+            line += " " + *cookie;
+        }
+        const std::string answer = Command(line);
         const size_t space = answer.find(' ', 6);
         if (answer.compare(0, 6, "REPLY ") != 0 || space == std::string::npos) {
             throw std::runtime_error("the test STS refused the envelope: " + answer);
         }
+        const size_t cookieAt = answer.find(' ', space + 1);
         std::vector<unsigned char> bytes;
-        Basalt::StringUtil::Base64Decode(answer.substr(space + 1), bytes);
+        Basalt::StringUtil::Base64Decode(answer.substr(space + 1, cookieAt - space - 1), bytes);
         reply.assign(bytes.begin(), bytes.end());
+        if (cookie && cookieAt != std::string::npos) {
+            *cookie = answer.substr(cookieAt + 1);
+        }
         return std::stoi(answer.substr(6, space - 6));
     }
 

@@ -139,8 +139,8 @@ class Controller:
                 with self.sts.lock:
                     self.sts.revoked.add(arguments[0])
                 return "OK"
-            if command == "soap" and len(arguments) == 2:
-                return self._soap(arguments[0], arguments[1])
+            if command == "soap" and len(arguments) in (2, 3):
+                return self._soap(*arguments)
             if command == "quit":
                 self.stop_event.set()
                 return "OK"
@@ -149,19 +149,24 @@ class Controller:
         return "ERROR unknown command %r" % line.strip()
 
 
-    def _soap(self, action, encoded):
+    def _soap(self, action, encoded, cookie=""):
         """Handles a SOAP request given on the control channel (no HTTP, no fault injection):
-        lets a test feed a client-built envelope to the STS without an HTTP client."""
+        lets a test feed a client-built envelope to the STS without an HTTP client. `cookie` is
+        "name=value" as a Cookie header would carry it; a cookie the reply sets is appended to
+        the answer in the same form."""
         try:
             envelope = base64.b64decode(encoded, validate=True)
         except binascii.Error:
             return "ERROR the envelope must be Base64"
         with self.lock:
             self.requests += 1
-        reply = self.sts.handle(action, envelope, {})
+        name, _, value = cookie.partition("=")
+        reply = self.sts.handle(action, envelope, {name: value} if name else {})
         self.count_operation(reply.operation)
         data = etree.tostring(reply.envelope, xml_declaration=True, encoding="utf-8")
-        return "REPLY %d %s" % (reply.status, base64.b64encode(data).decode("ascii"))
+        answer = "REPLY %d %s" % (reply.status, base64.b64encode(data).decode("ascii"))
+        set_cookie = reply.headers.get("Set-Cookie")
+        return answer + (" " + set_cookie.split(";")[0] if set_cookie else "")
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
