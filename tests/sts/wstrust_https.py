@@ -173,6 +173,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
     server_version = "WsTrustTestSTS/1.0"
     timeout = 60  # idle keep-alive connections are closed after this
+    wbufsize = 64 * 1024  # headers and body leave in one write (see _send's flush)
 
     def log_message(self, format, *args):  # noqa: A002 - quiet unless asked
         if self.server.verbose:
@@ -260,7 +261,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self._drop(reset="reset" in faults)
         elif "status" in faults:
             code = int(faults["status"])
-            self._send(code, ("injected status %d\n" % code).encode(), "text/plain")
+            if code < 200:
+                # An informational status cannot end an exchange: send it and hang up.
+                self.send_response_only(code, "Injected Status")
+                self.end_headers()
+                self.wfile.flush()
+                self._drop(reset=False)
+            else:
+                body = b"" if code in (204, 304) else ("injected status %d\n" % code).encode()
+                self._send(code, body, "text/plain")
         elif "malformed" in faults:
             self._send(200, b'<?xml version="1.0"?>\n<soapenv:Envelope xmlns:soapenv="'
                        + SOAP_NS.encode() + b'"><soapenv:Body><wst:RequestSecurityTokenResponse')
@@ -338,6 +347,8 @@ class LoopbackHttpsServer(http.server.ThreadingHTTPServer):
         # The handshake runs here, in the connection's thread, so a stalled client cannot block
         # the accept loop.
         request.settimeout(30)
+        # Replies are written whole; waiting for ACKs of earlier segments only adds latency.
+        request.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         try:
             tls = self.ssl_context.wrap_socket(request, server_side=True)
         except (ssl.SSLError, OSError):

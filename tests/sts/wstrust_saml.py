@@ -5,6 +5,7 @@ import base64
 import copy
 import dataclasses
 import datetime
+import threading
 import uuid
 from typing import List, Optional, Tuple
 
@@ -107,7 +108,13 @@ class Signer:
         with open(certificate_path, "rb") as handle:
             self.certificate_pem = handle.read()
         self.certificate = x509.load_pem_x509_certificate(self.certificate_pem)
-        self.key_path = key_path
+        # Loaded once: parsing the PEM key costs as much as a signature. Contexts take a copy of
+        # the key when it is assigned, under the lock, so threads never share a live handle.
+        self._signing_key = xmlsec.Key.from_file(key_path, xmlsec.KeyFormat.PEM)
+        self._signing_key.load_cert_from_memory(self.certificate_pem, xmlsec.KeyFormat.PEM)
+        self._verifying_key = xmlsec.Key.from_memory(self.certificate_pem,
+                                                     xmlsec.KeyFormat.CERT_PEM)
+        self._key_lock = threading.Lock()
         self.names = names
         self.issuer = issuer
 
@@ -212,11 +219,10 @@ class Signer:
         xmlsec.template.add_transform(reference, xmlsec.Transform.EXCL_C14N)
         key_info = xmlsec.template.ensure_key_info(signature)
         xmlsec.template.x509_data_add_certificate(xmlsec.template.add_x509_data(key_info))
-        key = xmlsec.Key.from_file(self.key_path, xmlsec.KeyFormat.PEM)
-        key.load_cert_from_memory(self.certificate_pem, xmlsec.KeyFormat.PEM)
         context = xmlsec.SignatureContext()
         context.register_id(assertion, "ID")
-        context.key = key
+        with self._key_lock:
+            context.key = self._signing_key
         context.sign(signature)
 
     # ---- reading back ------------------------------------------------------------------------
@@ -237,7 +243,8 @@ class Signer:
         check_signed_info(signatures[0], [[ENVELOPED, EXC_C14N], [ENVELOPED]])
         context = xmlsec.SignatureContext()
         context.register_id(detached, "ID")
-        context.key = xmlsec.Key.from_memory(self.certificate_pem, xmlsec.KeyFormat.CERT_PEM)
+        with self._key_lock:
+            context.key = self._verifying_key
         try:
             context.verify(signatures[0])
         except xmlsec.Error as error:
