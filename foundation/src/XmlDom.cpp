@@ -8,6 +8,7 @@
 #include <exception>
 #include <functional>
 #include <mutex>
+#include <unordered_set>
 
 #include "XmlInternal.h"
 #include "basalt/Exception.h"
@@ -49,8 +50,17 @@ DocOwner::~DocOwner() {
 }
 
 std::pair<int, int> DocOwner::GetPosition(const xmlNode* node) const {
-    auto found = m_positions.find(node);
-    return found == m_positions.end() ? std::pair<int, int>{0, 0} : found->second;
+    auto byNode = [](const Position& a, const Position& b) { return a.node < b.node; };
+    if (!m_positionsSorted) {
+        std::sort(m_positions.begin(), m_positions.end(), byNode);
+        m_positionsSorted = true;
+    }
+    auto found =
+        std::lower_bound(m_positions.begin(), m_positions.end(), Position{node, 0, 0}, byNode);
+    if (found == m_positions.end() || found->node != node) {
+        return {0, 0};
+    }
+    return {found->line, found->column};
 }
 
 void DocOwner::ForgetDetached(xmlNode* node) {
@@ -84,14 +94,13 @@ void WalkSubtree(xmlNode* root, Visit&& visit) {
 }  // namespace
 
 void DocOwner::TransferSubtree(xmlNode* root, DocOwner& target) {
+    std::unordered_set<const xmlNode*> moved;
     WalkSubtree(root, [&](xmlNode* node) {
         if (node->type != XML_ATTRIBUTE_NODE && node->_private) {
             static_cast<NodeCore*>(node->_private)->SetOwner(&target);
         }
-        auto position = m_positions.find(node);
-        if (position != m_positions.end()) {
-            target.m_positions[node] = position->second;
-            m_positions.erase(position);
+        if (node->type == XML_ELEMENT_NODE && !m_positions.empty()) {
+            moved.insert(node);
         }
         auto pending = m_pending.find(node);
         if (pending != m_pending.end()) {
@@ -99,6 +108,15 @@ void DocOwner::TransferSubtree(xmlNode* root, DocOwner& target) {
             m_pending.erase(pending);
         }
     });
+    if (moved.empty()) {
+        return;
+    }
+    auto stays = std::partition(m_positions.begin(), m_positions.end(),
+                                [&](const Position& p) { return !moved.count(p.node); });
+    target.m_positions.insert(target.m_positions.end(), stays, m_positions.end());
+    target.m_positionsSorted = false;
+    m_positions.erase(stays, m_positions.end());
+    m_positionsSorted = false;
 }
 
 Ref<DocOwner> CreateDocOwner() {

@@ -59,9 +59,17 @@ class DocOwner final : public ObjectImpl {
     // Called when node gets a parent or leaves the document.
     void ForgetDetached(xmlNode* node);
 
-    void SetPosition(const xmlNode* node, int line, int column) {
-        m_positions[node] = {line, column};
+    // Where parsed elements began: kept as the parser recorded them, sorted on first lookup.
+    struct Position {
+        const xmlNode* node;
+        int line;
+        int column;
+    };
+    void SetPositions(std::vector<Position> positions) {
+        m_positions = std::move(positions);
+        m_positionsSorted = false;
     }
+    // (line, column) of node, (0, 0) if unknown.
     std::pair<int, int> GetPosition(const xmlNode* node) const;
 
     // Prefixes of elements and attributes whose namespace is not resolved yet (the node's ns is
@@ -78,7 +86,8 @@ class DocOwner final : public ObjectImpl {
   private:
     xmlDoc* m_doc;
     std::vector<xmlNode*> m_detached;
-    std::unordered_map<const xmlNode*, std::pair<int, int>> m_positions;
+    mutable std::vector<Position> m_positions;
+    mutable bool m_positionsSorted = true;
     std::unordered_map<const void*, std::string> m_pending;
 };
 

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <tuple>
+#include <string_view>
 #include <vector>
 
 #include "XmlInternal.h"
@@ -41,7 +41,7 @@ struct ParserCtxtDeleter {
 
 struct ParseState {
     const ParserLimits* limits = nullptr;
-    std::vector<std::tuple<const xmlNode*, int, int>> positions;
+    std::vector<DocOwner::Position> positions;
     bool failed = false;
     std::string message;
     int line = 0;
@@ -68,22 +68,20 @@ bool IsUtf8Continuation(xmlChar c) {
 }
 
 // Line and column of the '<' that opened the start tag the parser has just read (libxml2 is
-// left just before its '>').
+// left just before its '>', and an attribute value cannot hold a literal '<').
 std::pair<int, int> StartTagPosition(const xmlParserInput* input) {
     const xmlChar* begin = input->base;
-    const xmlChar* open = input->cur;
+    const xmlChar* end = input->cur;
+    const auto* found = static_cast<const xmlChar*>(memrchr(begin, '<', end - begin));
+    const xmlChar* open = found ? found : begin;
     int newlines = 0;
-    int characters = 0;
-    while (open > begin && *open != '<') {
-        --open;
-        if (*open == '\n') {
-            ++newlines;
-        } else if (!IsUtf8Continuation(*open)) {
-            ++characters;
-        }
+    int continuations = 0;
+    for (const xmlChar* p = open; p < end; ++p) {  // branch-free, so it vectorises
+        newlines += *p == '\n';
+        continuations += IsUtf8Continuation(*p);
     }
     if (newlines == 0) {
-        return {input->line, input->col - characters};
+        return {input->line, input->col - static_cast<int>(end - open) + continuations};
     }
     // A start tag spread over several lines: count back to the line's beginning.
     int column = 1;
@@ -102,9 +100,14 @@ void OnStartElement(void* context, const xmlChar* localName, const xmlChar* pref
     xmlSAX2StartElementNs(context, localName, prefix, uri, namespaceCount, namespaces,
                           attributeCount, defaultedCount, attributes);
     if (ctxt->node) {
-        state.positions.emplace_back(ctxt->node, position.first, position.second);
+        state.positions.push_back({ctxt->node, position.first, position.second});
     }
-    if (static_cast<size_t>(ctxt->nodeNr) > state.limits->maxDepth) {
+    size_t attributeTotal =
+        static_cast<size_t>(attributeCount) + static_cast<size_t>(namespaceCount);
+    if (attributeTotal > state.limits->maxAttributesPerElement) {
+        Fail(ctxt, "A start tag has more than " +
+                       std::to_string(state.limits->maxAttributesPerElement) + " attributes");
+    } else if (static_cast<size_t>(ctxt->nodeNr) > state.limits->maxDepth) {
         Fail(ctxt, "Elements are nested deeper than " + std::to_string(state.limits->maxDepth) +
                        " levels");
     }
@@ -149,50 +152,54 @@ std::pair<int, int> PositionOfOffset(const std::string& text, size_t offset) {
 }
 
 // libxml2 checks attribute names for duplicates pair by pair; a start tag with a huge number of
-// attributes would cost quadratic time before any hook runs, so count them first (a linear
-// pass that skips comments, CDATA sections and processing instructions).
-void CheckAttributeCounts(const std::string& text, size_t limit) {
-    static const std::pair<const char*, const char*> kSkipped[] = {
+// attributes would cost quadratic time before any hook runs, so count them first: a linear pass
+// that skips comments, CDATA sections, processing instructions and quoted values. Returns the
+// number of tags seen (to size the position table).
+size_t CheckAttributeCounts(const std::string& text, size_t limit) {
+    static const std::pair<std::string_view, std::string_view> kSkipped[] = {
         {"<!--", "-->"}, {"<![CDATA[", "]]>"}, {"<?", "?>"}};
-    size_t at = text.find('<');
-    while (at != std::string::npos) {
-        size_t next = std::string::npos;
+    const char* const begin = text.data();
+    const char* const end = begin + text.size();
+    size_t tags = 0;
+    const char* p = begin;
+    while (p < end && (p = static_cast<const char*>(std::memchr(p, '<', end - p)))) {
+        std::string_view rest(p, end - p);
         bool skipped = false;
         for (const auto& [open, close] : kSkipped) {
-            if (text.compare(at, std::strlen(open), open) == 0) {
-                size_t end = text.find(close, at + std::strlen(open));
-                next = end == std::string::npos ? end : end + std::strlen(close);
+            if (rest.substr(0, open.size()) == open) {
+                size_t closing = rest.find(close, open.size());
+                p = closing == std::string_view::npos ? end : p + closing + close.size();
                 skipped = true;
                 break;
             }
         }
-        if (!skipped) {
-            size_t count = 0;
-            char quote = 0;
-            size_t i = at + 1;
-            for (; i < text.size(); ++i) {
-                char c = text[i];
-                if (quote) {
-                    quote = c == quote ? 0 : quote;
-                } else if (c == '"' || c == '\'') {
-                    quote = c;
-                } else if (c == '=') {
-                    ++count;
-                } else if (c == '>') {
-                    break;
-                }
-            }
-            if (count > limit) {
-                auto [line, column] = PositionOfOffset(text, at);
-                ThrowParseError(
-                    "A start tag has more than " + std::to_string(limit) + " attributes", line,
-                    column);
-            }
-            next = i;
+        if (skipped) {
+            continue;
         }
-        at = next == std::string::npos ? next : text.find('<', next);
+        ++tags;
+        const char* tag = p++;
+        size_t count = 0;
+        while (p < end && *p != '>') {
+            if (*p == '"' || *p == '\'') {
+                const char* closing = static_cast<const char*>(std::memchr(p + 1, *p, end - p - 1));
+                p = closing ? closing + 1 : end;
+                continue;
+            }
+            count += *p == '=' ? 1 : 0;
+            ++p;
+        }
+        if (count > limit) {
+            auto [line, column] = PositionOfOffset(text, static_cast<size_t>(tag - begin));
+            ThrowParseError("A start tag has more than " + std::to_string(limit) + " attributes",
+                            line, column);
+        }
     }
+    return tags;
 }
+
+// Below this size a start tag cannot hold enough attributes for libxml2's pairwise duplicate
+// check to matter (at most a few milliseconds).
+constexpr size_t kPrescanThreshold = 16 * 1024;
 
 std::string ReadAll(Reader* input, size_t limit) {
     std::string text;
@@ -231,12 +238,16 @@ class XMLParserImpl final : public ObjectImpl, public XMLParser {
             BASALT_THROW(InvalidArgumentException, "No input to parse");
         }
         std::string text = ReadAll(input, m_limits.maxDocumentBytes);
-        CheckAttributeCounts(text, m_limits.maxAttributesPerElement);
-        m_handler->SetResult(ParseText(text));
+        // The start-element hook enforces the attribute limit exactly; the pre-scan only matters
+        // where libxml2's quadratic duplicate check could be made to cost real time.
+        size_t tags = text.size() > kPrescanThreshold
+                          ? CheckAttributeCounts(text, m_limits.maxAttributesPerElement)
+                          : text.size() / 64;
+        m_handler->SetResult(ParseText(text, tags));
     }
 
   private:
-    Ref<Document> ParseText(const std::string& text) const {
+    Ref<Document> ParseText(const std::string& text, size_t tags) const {
         if (text.size() > static_cast<size_t>(INT32_MAX)) {
             ThrowParseError("The document is too large", 1, 1);
         }
@@ -247,6 +258,7 @@ class XMLParserImpl final : public ObjectImpl, public XMLParser {
         }
         ParseState state;
         state.limits = &m_limits;
+        state.positions.reserve(tags);  // start and end tags: room for every element
         ctxt->_private = &state;
         xmlSAXHandler* sax = ctxt->sax;
         sax->startElementNs = OnStartElement;
@@ -264,9 +276,7 @@ class XMLParserImpl final : public ObjectImpl, public XMLParser {
         }
         Ref<DocOwner> owner(new DocOwner(XmlDocPtr(ctxt->myDoc)));
         ctxt->myDoc = nullptr;
-        for (const auto& [node, line, column] : state.positions) {
-            owner->SetPosition(node, line, column);
-        }
+        owner->SetPositions(std::move(state.positions));
         return WrapDocument(owner->GetDoc());
     }
 

@@ -3,6 +3,7 @@
 #include <libxml/c14n.h>
 #include <xmlsec/crypto.h>
 #include <xmlsec/errors.h>
+#include <xmlsec/openssl/evp.h>
 #include <xmlsec/xmlsec.h>
 
 #include <mutex>
@@ -142,6 +143,26 @@ xmlSecTransformId TransformIdOf(const Algorithm& algorithm) {
                      std::string("The algorithm ") + algorithm.uri + " is not available");
     }
     return id;
+}
+
+xmlSecKey* CreateXmlSecKey(EVP_PKEY* native) {
+    if (EVP_PKEY_up_ref(native) != 1) {
+        throw std::bad_alloc();
+    }
+    xmlSecKeyData* data = xmlSecOpenSSLEvpKeyAdopt(native);
+    if (!data) {
+        EVP_PKEY_free(native);
+        BASALT_THROW(XmlSecurityException, "Unsupported key: " + TakeXmlSecError());
+    }
+    xmlSecKey* key = xmlSecKeyCreate();
+    if (!key || xmlSecKeySetValue(key, data) < 0) {
+        xmlSecKeyDataDestroy(data);
+        if (key) {
+            xmlSecKeyDestroy(key);
+        }
+        throw std::bad_alloc();
+    }
+    return key;
 }
 
 namespace {

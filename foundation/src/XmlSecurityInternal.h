@@ -3,11 +3,16 @@
 // Shared by the canonicaliser and the signature code: xmlsec initialisation and the allow-list
 // of algorithms. Never included from a public header.
 
+#include <xmlsec/keys.h>
 #include <xmlsec/transforms.h>
 
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <openssl/evp.h>
+
+#include "basalt/Crypto.h"
 
 namespace Basalt {
 namespace Xml {
@@ -38,6 +43,21 @@ const Algorithm* FindAlgorithm(std::string_view uri, AlgorithmKind kind);
 const std::vector<Algorithm>& AllowedAlgorithms();
 // The xmlsec transform of an allowed algorithm.
 xmlSecTransformId TransformIdOf(const Algorithm& algorithm);
+
+// Implemented by resolvers that hold verification keys ready for xmlsec (the trusted-certificate
+// resolver makes them once, when it is created).
+class ReadyKeySource {
+  public:
+    // The key of certificate, owned by the source and shared read-only between verifications;
+    // null if the source has none for it.
+    virtual xmlSecKey* ReadyKey(const Crypto::Certificate& certificate) const = 0;
+
+  protected:
+    ~ReadyKeySource() = default;
+};
+
+// A new xmlsec key over a native key (which gains a reference).
+xmlSecKey* CreateXmlSecKey(EVP_PKEY* native);
 
 }  // namespace Security
 }  // namespace Xml

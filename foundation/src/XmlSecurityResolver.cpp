@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -87,14 +88,32 @@ std::string TextOf(const xmlNode* node) {
     return Str(content.get());
 }
 
+// The text of node without XML white space.
+std::string CompactTextOf(const xmlNode* node) {
+    std::string text = TextOf(node);
+    text.erase(
+        std::remove_if(text.begin(), text.end(),
+                       [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }),
+        text.end());
+    return text;
+}
+
+struct KeyDeleter {
+    void operator()(xmlSecKey* key) const { xmlSecKeyDestroy(key); }
+};
+
 struct TrustedEntry {
     Ref<Crypto::Certificate> certificate;
+    std::string base64;  // of the DER encoding, as X509Certificate carries it
     std::string issuer;  // normalised
     std::string serial;
     std::vector<unsigned char> subjectKeyId;
+    std::unique_ptr<xmlSecKey, KeyDeleter> key;  // ready for verification
 };
 
-class TrustedCertificateResolver final : public ObjectImpl, public KeyInfoResolver {
+class TrustedCertificateResolver final : public ObjectImpl,
+                                         public KeyInfoResolver,
+                                         public ReadyKeySource {
   public:
     explicit TrustedCertificateResolver(const std::vector<Ref<Crypto::Certificate>>& trusted) {
         for (const auto& certificate : trusted) {
@@ -108,9 +127,12 @@ class TrustedCertificateResolver final : public ObjectImpl, public KeyInfoResolv
                                                            " cannot be used");
             }
             TrustedEntry entry{certificate,
+                               StringUtil::Base64Encode(certificate->GetDer()),
                                NormalizeName(certificate->GetIssuerName()),
                                NormalizeSerial(certificate->GetSerialNumber()),
+                               {},
                                {}};
+            entry.key.reset(CreateXmlSecKey(X509_get0_pubkey(native)));
             if (const ASN1_OCTET_STRING* ski = X509_get0_subject_key_id(native)) {
                 entry.subjectKeyId.assign(ski->data, ski->data + ski->length);
             }
@@ -129,6 +151,15 @@ class TrustedCertificateResolver final : public ObjectImpl, public KeyInfoResolv
                 candidates.push_back(entry.certificate);
             }
         }
+    }
+
+    xmlSecKey* ReadyKey(const Crypto::Certificate& certificate) const override {
+        for (const TrustedEntry& entry : m_trusted) {
+            if (entry.certificate.Get() == &certificate) {
+                return entry.key.get();
+            }
+        }
+        return nullptr;
     }
 
   private:
@@ -155,7 +186,7 @@ class TrustedCertificateResolver final : public ObjectImpl, public KeyInfoResolv
 
     static bool Names(const xmlNode* item, const TrustedEntry& entry) {
         if (IsDsig(item, "X509Certificate")) {
-            return DecodeBase64(TextOf(item)) == entry.certificate->GetDer();
+            return CompactTextOf(item) == entry.base64;
         }
         if (IsDsig(item, "X509SKI")) {
             return !entry.subjectKeyId.empty() && DecodeBase64(TextOf(item)) == entry.subjectKeyId;
@@ -176,6 +207,7 @@ class TrustedCertificateResolver final : public ObjectImpl, public KeyInfoResolv
 
 void CreateTrustedCertificateResolver(const std::vector<Ref<Crypto::Certificate>>& trusted,
                                       Ref<KeyInfoResolver>& resolver) {
+    InitXmlSecurity();
     resolver = new TrustedCertificateResolver(trusted);
 }
 

@@ -360,13 +360,11 @@ const AllowedTransformIds& AllowedIds() {
 
 // A context that takes its key from the caller only, processes only same-document references
 // and accepts only the allowed algorithms (xmlsec's empty lists would allow everything).
-DSigCtxPtr CreateContext(xmlSecKey* key) {
+DSigCtxPtr CreateContext() {
     DSigCtxPtr ctx(xmlSecDSigCtxCreate(nullptr));
     if (!ctx) {
-        xmlSecKeyDestroy(key);
         throw std::bad_alloc();
     }
-    ctx->signKey = key;
     ctx->flags |= XMLSEC_DSIG_FLAGS_IGNORE_MANIFESTS;
     ctx->enabledReferenceUris = static_cast<xmlSecTransformUriType>(
         xmlSecTransformUriTypeEmpty | xmlSecTransformUriTypeSameDocument);
@@ -382,27 +380,6 @@ DSigCtxPtr CreateContext(xmlSecKey* key) {
         }
     }
     return ctx;
-}
-
-// An xmlsec key over a native key (which keeps its own reference).
-xmlSecKey* CreateKey(EVP_PKEY* native) {
-    if (EVP_PKEY_up_ref(native) != 1) {
-        throw std::bad_alloc();
-    }
-    xmlSecKeyData* data = xmlSecOpenSSLEvpKeyAdopt(native);
-    if (!data) {
-        EVP_PKEY_free(native);
-        BASALT_THROW(XmlSecurityException, "Unsupported key: " + TakeXmlSecError());
-    }
-    xmlSecKey* key = xmlSecKeyCreate();
-    if (!key || xmlSecKeySetValue(key, data) < 0) {
-        xmlSecKeyDataDestroy(data);
-        if (key) {
-            xmlSecKeyDestroy(key);
-        }
-        throw std::bad_alloc();
-    }
-    return key;
 }
 
 KeyKind KindOf(EVP_PKEY* key) {
@@ -471,13 +448,17 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         if (candidates.empty()) {
             BASALT_THROW(XmlSecurityException, "No trusted key to verify the signature with");
         }
+        auto* ready = dynamic_cast<const ReadyKeySource*>(resolver);
         for (const auto& candidate : candidates) {
             if (!candidate) {
                 continue;
             }
             EVP_PKEY* key = X509_get0_pubkey(Crypto::NativeCertificate(*candidate));
-            if (key && KindOf(key) == current.keyKind &&
-                VerifyWith(signature, key, current.references.size())) {
+            if (!key || KindOf(key) != current.keyKind) {
+                continue;
+            }
+            xmlSecKey* shared = ready ? ready->ReadyKey(*candidate) : nullptr;
+            if (VerifyWith(signature, shared, key, current.references.size())) {
                 return true;
             }
         }
@@ -563,7 +544,8 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         for (const SignatureReference& reference : m_parsed.references) {
             ids.push_back(BindSignedElement(reference.uri, root));
         }
-        DSigCtxPtr ctx = CreateContext(CreateKey(native));
+        DSigCtxPtr ctx = CreateContext();
+        ctx->signKey = CreateXmlSecKey(native);
         TakeXmlSecError();
         if (xmlSecDSigCtxSign(ctx.get(), signature) < 0 ||
             ctx->status != xmlSecDSigStatusSucceeded) {
@@ -624,9 +606,21 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         return std::make_unique<IdRegistration>(root->doc, IdAttributeOf(found[0], id), id);
     }
 
-    // True if xmlsec verifies the signature and every reference with key, and says so.
-    static bool VerifyWith(xmlNode* signature, EVP_PKEY* key, size_t referenceCount) {
-        DSigCtxPtr ctx = CreateContext(CreateKey(key));
+    // True if xmlsec verifies the signature and every reference with the key (shared, a ready
+    // key that stays with its owner, or else one made from native), and says so.
+    static bool VerifyWith(xmlNode* signature, xmlSecKey* shared, EVP_PKEY* native,
+                           size_t referenceCount) {
+        DSigCtxPtr ctx = CreateContext();
+        ctx->signKey = shared ? shared : CreateXmlSecKey(native);
+        struct KeepShared {
+            xmlSecDSigCtx* ctx;
+            bool shared;
+            ~KeepShared() {
+                if (shared) {
+                    ctx->signKey = nullptr;  // the context must not destroy it
+                }
+            }
+        } keep{ctx.get(), shared != nullptr};
         ctx->flags |= XMLSEC_DSIG_FLAGS_STORE_SIGNEDINFO_REFERENCES;
         TakeXmlSecError();
         if (xmlSecDSigCtxVerify(ctx.get(), signature) < 0) {
