@@ -1,6 +1,7 @@
 // The DOM classes over libxml2: one wrapper per native node, made on first use and cached in
 // the node's _private; every wrapper holds a reference to its document's owner.
 
+#include <libxml/globals.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
@@ -200,6 +201,26 @@ void ResolvePendingNamespaces(xmlNode* root, bool strict) {
         }
         pending.erase(found);
     });
+}
+
+LibxmlErrorCapture::LibxmlErrorCapture()
+    : m_previous(xmlStructuredError), m_previousContext(xmlStructuredErrorContext) {
+    xmlSetStructuredErrorFunc(this, &LibxmlErrorCapture::OnError);
+}
+
+LibxmlErrorCapture::~LibxmlErrorCapture() {
+    xmlSetStructuredErrorFunc(m_previousContext, m_previous);
+}
+
+void LibxmlErrorCapture::OnError(void* self, xmlError* error) {
+    auto* capture = static_cast<LibxmlErrorCapture*>(self);
+    if (capture->m_first.empty() && error && error->message) {
+        capture->m_first = error->message;
+        while (!capture->m_first.empty() &&
+               (capture->m_first.back() == '\n' || capture->m_first.back() == ' ')) {
+            capture->m_first.pop_back();
+        }
+    }
 }
 
 // ---------------------------------------------------------------------------------------------

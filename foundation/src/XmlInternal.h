@@ -4,6 +4,7 @@
 // canonicaliser and signature code. Never included from a public header.
 
 #include <libxml/tree.h>
+#include <libxml/xmlerror.h>
 
 #include <functional>
 #include <memory>
@@ -135,6 +136,25 @@ std::string AttrValue(const xmlAttr* attr);
 
 // Runs dump with an output buffer that forwards to writer; rethrows what the writer threw.
 void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump);
+
+// While it lives, libxml2 errors raised outside a parser context on this thread (c14n, XPath)
+// are kept here instead of being printed; the previous handler comes back afterwards.
+class LibxmlErrorCapture {
+  public:
+    LibxmlErrorCapture();
+    ~LibxmlErrorCapture();
+    LibxmlErrorCapture(const LibxmlErrorCapture&) = delete;
+    LibxmlErrorCapture& operator=(const LibxmlErrorCapture&) = delete;
+    // The first error caught, or empty.
+    const std::string& FirstError() const { return m_first; }
+
+  private:
+    static void OnError(void* self, xmlError* error);
+
+    xmlStructuredErrorFunc m_previous;
+    void* m_previousContext;
+    std::string m_first;
+};
 
 // Links child as parent's last child without merging adjacent text (xmlAddChild would).
 void LinkLastChild(xmlNode* parent, xmlNode* child);

@@ -190,12 +190,15 @@ class CanonicalizerImpl final : public ObjectImpl, public Canonicalizer {
         xmlNode* node = NativeElementOf(element);
         ResolvePendingNamespaces(node, true);
         int result = 0;
+        LibxmlErrorCapture errors;
         WriteThrough(output, [&](xmlOutputBuffer* buffer) {
             result = xmlC14NExecute(node->doc, IsInSubtree, node, m_algorithm.c14nMode, nullptr,
                                     m_algorithm.withComments ? 1 : 0, buffer);
         });
         if (result < 0) {
-            BASALT_THROW(XmlSecurityException, "Canonicalisation failed");
+            BASALT_THROW(XmlSecurityException,
+                         "Canonicalisation failed" +
+                             (errors.FirstError().empty() ? "" : ": " + errors.FirstError()));
         }
     }
 

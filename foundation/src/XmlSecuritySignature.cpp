@@ -547,6 +547,7 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         DSigCtxPtr ctx = CreateContext();
         ctx->signKey = CreateXmlSecKey(native);
         TakeXmlSecError();
+        LibxmlErrorCapture errors;
         if (xmlSecDSigCtxSign(ctx.get(), signature) < 0 ||
             ctx->status != xmlSecDSigStatusSucceeded) {
             BASALT_THROW(XmlSecurityException, "Signing failed: " + TakeXmlSecError());
@@ -623,6 +624,7 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         } keep{ctx.get(), shared != nullptr};
         ctx->flags |= XMLSEC_DSIG_FLAGS_STORE_SIGNEDINFO_REFERENCES;
         TakeXmlSecError();
+        LibxmlErrorCapture errors;
         if (xmlSecDSigCtxVerify(ctx.get(), signature) < 0) {
             BASALT_THROW(XmlSecurityException,
                          "Signature verification failed: " + TakeXmlSecError());

@@ -120,3 +120,13 @@ TEST(XmlCanonicalizerTest, UnknownAlgorithmsAreRefused) {
             << algorithm;
     }
 }
+
+TEST(XmlCanonicalizerTest, RelativeNamespaceUrisFailWithTheReason) {
+    Ref<ElementNode> root = ParseRoot("<p:r xmlns:p=\"relative/uri\"/>");
+    try {
+        Canonical(kExc, *root);
+        FAIL() << "canonicalised";
+    } catch (const XmlSecurityException& e) {
+        EXPECT_NE(std::string::npos, std::string(e.what()).find("Relative namespace")) << e.what();
+    }
+}
