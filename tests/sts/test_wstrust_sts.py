@@ -440,6 +440,22 @@ class LifecycleTest(unittest.TestCase):
     def test_closing_stdin_stops_the_server(self):
         self.assertEqual(StsProcess().stop(), 0)
 
+    def test_workers_share_the_port_and_stop_together(self):
+        sts = StsProcess("--workers", "3")
+        connections = [http.client.HTTPSConnection("localhost", sts.port, context=tls_context())
+                       for _ in range(6)]
+        for connection in connections:
+            root, _, body = envelope([username_token("alice", "alice-password")])
+            issue_body(body)
+            self.assertEqual(post(sts.port, root, connection=connection)[0], 200)
+            connection.close()
+        children = subprocess.run(["pgrep", "-P", str(sts.process.pid)], capture_output=True,
+                                  text=True).stdout.split()
+        self.assertEqual(len(children), 2)
+        self.assertEqual(sts.stop(), 0)
+        for child in children:  # reaped by the server before it exited
+            self.assertFalse(os.path.exists("/proc/%s" % child))
+
 
 if __name__ == "__main__":
     unittest.main()

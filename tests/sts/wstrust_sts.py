@@ -8,6 +8,7 @@ import os
 import signal
 import sys
 import threading
+import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
@@ -47,6 +48,10 @@ def parse_arguments(argv):
                         help="faults applied to every SOAP request (see README)")
     parser.add_argument("--no-stdin", action="store_true",
                         help="ignore stdin (run in the background; stop with SIGTERM)")
+    parser.add_argument("--workers", type=int, default=1,
+                        help="processes serving the port (for throughput runs only: counters, "
+                             "control commands, revocations and GSS contexts stay per process, "
+                             "and only the first process answers the control channel)")
     parser.add_argument("--verbose", action="store_true", help="log every HTTP request")
     return parser.parse_args(argv)
 
@@ -76,10 +81,29 @@ def watch_stdin(controller, stop_event):
     stop_event.set()
 
 
+def fork_worker(server):
+    """Starts another process serving the same listening socket; it ends with SIGTERM or when
+    this process goes away. Called before any thread exists."""
+    parent = os.getpid()
+    pid = os.fork()
+    if pid:
+        return pid
+    signal.signal(signal.SIGTERM, lambda *_: os._exit(0))
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.2},
+                     daemon=True).start()
+    while os.getppid() == parent:
+        time.sleep(1.0)
+    os._exit(0)
+
+
 def main(argv=None):
     arguments = parse_arguments(argv)
     stop_event = threading.Event()
     server, controller = build(arguments, stop_event)
+    # Several processes may wake for one connection; the ones that lose must not block.
+    server.socket.setblocking(False)
+    workers = [fork_worker(server) for _ in range(max(0, arguments.workers - 1))]
     for number in (signal.SIGTERM, signal.SIGINT):
         signal.signal(number, lambda *_: stop_event.set())
     threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.2},
@@ -91,6 +115,9 @@ def main(argv=None):
         pass
     server.shutdown()
     server.server_close()
+    for pid in workers:
+        os.kill(pid, signal.SIGTERM)
+        os.waitpid(pid, 0)
     return 0
 
 
