@@ -6,6 +6,7 @@ import datetime
 import http.client
 import os
 import signal
+import socket
 import ssl
 import subprocess
 import sys
@@ -429,6 +430,22 @@ class FaultInjectionTest(StsTestCase):
         issue_body(body)
         _, _, reply = self.post(root, path="/fault/tamper/sts")
         self.assertFalse(xmlsec1_verifies(issued_assertion(reply)))
+
+
+class HttpTest(StsTestCase):
+    def test_expect_continue_is_answered_before_the_body(self):
+        root, _, body = envelope([username_token("alice", "alice-password")])
+        issue_body(body)
+        data = etree.tostring(root)
+        raw = socket.create_connection(("127.0.0.1", self.sts.port), timeout=10)
+        with tls_context().wrap_socket(raw, server_hostname="localhost") as tls:
+            tls.sendall(b"POST /sts/STSService HTTP/1.1\r\nHost: localhost\r\n"
+                        b"Content-Type: text/xml\r\nSOAPAction: \"%s\"\r\n"
+                        b"Expect: 100-continue\r\nContent-Length: %d\r\n\r\n"
+                        % (ACTION_ISSUE.encode(), len(data)))
+            self.assertTrue(tls.recv(64).startswith(b"HTTP/1.1 100"))
+            tls.sendall(data)
+            self.assertIn(b"200 OK", tls.recv(64))
 
 
 class LifecycleTest(unittest.TestCase):

@@ -179,6 +179,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if self.server.verbose:
             super().log_message(format, *args)
 
+    def handle_expect_100(self):
+        # The buffered writer would otherwise hold "100 Continue" back until the reply.
+        result = super().handle_expect_100()
+        self.wfile.flush()
+        return result
+
     def _send(self, status, body, content_type="text/xml; charset=utf-8", headers=None, limit=None):
         try:
             reason = http.HTTPStatus(status).phrase
