@@ -422,14 +422,39 @@ class FaultInjectionTest(StsTestCase):
                          "ERROR the envelope must be Base64")
 
     def test_content_faults(self):
+        def reply(fault):
+            root, _, body = envelope()
+            binary_exchange(issue_body(body), b"HELLO bob")
+            status, _, data = self.post(root, path="/fault/%s/sts" % fault)
+            self.assertEqual(status, 200, data)
+            return data
+
+        self.assertIn(b"Context=", reply("slow:0"))
+        self.assertNotIn(b"Context=", reply("nocontext"))
         root, _, body = envelope([username_token("alice", "alice-password")])
         issue_body(body)
-        _, _, reply = self.post(root, path="/fault/notoken/sts")
-        self.assertNotIn(b"RequestedSecurityToken", reply)
+        _, _, data = self.post(root, path="/fault/notoken,wrongtokentype/sts")
+        self.assertNotIn(b"RequestedSecurityToken", data)
+        self.assertIn(b"SAML:1.0:assertion</wst:TokenType>", data)
         root, _, body = envelope([username_token("alice", "alice-password")])
         issue_body(body)
-        _, _, reply = self.post(root, path="/fault/tamper/sts")
-        self.assertFalse(xmlsec1_verifies(issued_assertion(reply)))
+        _, _, data = self.post(root, path="/fault/tamper/sts")
+        self.assertFalse(xmlsec1_verifies(issued_assertion(data)))
+
+    def test_control_over_https_and_bad_fault_paths(self):
+        def control(command):
+            connection = http.client.HTTPSConnection("localhost", self.sts.port,
+                                                     context=tls_context())
+            connection.request("POST", "/control", body=command.encode())
+            return connection.getresponse().read().decode().strip()
+
+        self.assertEqual(control("arm notsoap"), "OK")
+        root, _, body = envelope([username_token("alice", "alice-password")])
+        issue_body(body)
+        self.assertIn(b"<html>", self.post(root)[2])
+        self.assertTrue(control("stats").startswith("STATS {"))
+        self.assertEqual(self.post(root, path="/fault/status:99/sts")[0], 400)
+        self.assertEqual(self.post(root, path="/fault/teapot/sts")[0], 400)
 
 
 class HttpTest(StsTestCase):
@@ -453,6 +478,15 @@ class LifecycleTest(unittest.TestCase):
         sts = StsProcess("--no-stdin")
         sts.process.send_signal(signal.SIGTERM)
         self.assertEqual(sts.stop(), 0)
+
+    def test_faults_option_applies_to_every_request(self):
+        sts = StsProcess("--faults", "status:418")
+        try:
+            root, _, body = envelope([username_token("alice", "alice-password")])
+            issue_body(body)
+            self.assertEqual([post(sts.port, root)[0] for _ in range(2)], [418, 418])
+        finally:
+            self.assertEqual(sts.stop(), 0)
 
     def test_closing_stdin_stops_the_server(self):
         self.assertEqual(StsProcess().stop(), 0)
