@@ -313,7 +313,7 @@ class Sts:
         raise SoapFault(INVALID_REQUEST, "A holder-of-key token needs a signed request")
 
     def _make_token(self, identity: TokenContent, spec: IssueSpec, certificate, requester_upn):
-        now = utc_now().replace(microsecond=utc_now().microsecond // 1000 * 1000)
+        now = _now_to_the_millisecond()
         lifetime = min(spec.lifetime or datetime.timedelta(hours=1), self.max_lifetime)
         token = dataclasses.replace(identity, not_before=now, not_on_or_after=now + lifetime,
                                     certificate=certificate, delegates=list(identity.delegates),
@@ -425,7 +425,7 @@ class Sts:
             raise SoapFault(INVALID_REQUEST, "The token is not renewable")
         lifetime = _lifetime(child(request, WST_NS, "Lifetime")) or (
             token.not_on_or_after - token.not_before)
-        now = utc_now().replace(microsecond=utc_now().microsecond // 1000 * 1000)
+        now = _now_to_the_millisecond()
         renewed = dataclasses.replace(token, not_before=now,
                                       not_on_or_after=now + min(lifetime, self.max_lifetime),
                                       renew_count=token.renew_count - 1)
@@ -533,6 +533,12 @@ def _leg_words(exchange):
         return base64.b64decode(text_of(exchange), validate=True).decode("utf-8").split()
     except (binascii.Error, UnicodeDecodeError):
         raise SoapFault(INVALID_REQUEST, "GSS: the leg is not Base64 of UTF-8 text") from None
+
+
+def _now_to_the_millisecond():
+    """Token times go on the wire in milliseconds; cutting here keeps lifetimes exact."""
+    now = utc_now()
+    return now.replace(microsecond=now.microsecond // 1000 * 1000)
 
 
 def _envelope():
