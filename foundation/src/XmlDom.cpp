@@ -146,6 +146,10 @@ std::string AttrPrefix(const xmlAttr* attr) {
 }
 
 std::string AttrValue(const xmlAttr* attr) {
+    const xmlNode* text = attr->children;
+    if (text && !text->next && text->type == XML_TEXT_NODE) {
+        return Str(text->content);  // the usual shape: one text child
+    }
     XmlCharPtr value(xmlNodeListGetString(attr->doc, attr->children, 1));
     return Str(value.get());
 }

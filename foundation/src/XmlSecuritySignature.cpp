@@ -284,17 +284,31 @@ void ForEachElement(xmlNode* root, Visit&& visit) {
     }
 }
 
-// Every element of the document that carries id in one of its id attributes.
-std::vector<xmlNode*> ElementsWithId(xmlDoc* doc, const std::string& id) {
-    std::vector<xmlNode*> found;
-    for (xmlNode* top = doc->children; top; top = top->next) {
+// How many elements of the document carry id in one of their id attributes (counting stops
+// at two: one is all that may).
+size_t CountElementsWithId(xmlDoc* doc, const std::string& id) {
+    size_t found = 0;
+    for (xmlNode* top = doc->children; top && found < 2; top = top->next) {
         ForEachElement(top, [&](xmlNode* element) {
-            if (IdAttributeOf(element, id)) {
-                found.push_back(element);
+            if (found < 2 && IdAttributeOf(element, id)) {
+                ++found;
             }
         });
     }
     return found;
+}
+
+// The one element of the tree under root that carries id, or null if none or several do.
+xmlNode* UniqueElementWithId(xmlNode* root, const std::string& id, size_t& count) {
+    xmlNode* found = nullptr;
+    count = 0;
+    ForEachElement(root, [&](xmlNode* element) {
+        if (IdAttributeOf(element, id)) {
+            found = element;
+            ++count;
+        }
+    });
+    return count == 1 ? found : nullptr;
 }
 
 // Registers attr as the one holder of its id in the document's id table for the lifetime of
@@ -580,7 +594,7 @@ class SignatureImpl final : public ObjectImpl, public Signature {
             BASALT_THROW(XmlSecurityException,
                          "The reference '" + uri + "' does not name the signed element");
         }
-        if (ElementsWithId(doc, id).size() != 1) {
+        if (CountElementsWithId(doc, id) != 1) {
             BASALT_THROW(XmlSecurityException,
                          "The id '" + id + "' appears on more than one element of the document");
         }
@@ -598,13 +612,14 @@ class SignatureImpl final : public ObjectImpl, public Signature {
             return nullptr;
         }
         std::string id = uri.substr(1);
-        std::vector<xmlNode*> found = ElementsWithId(root->doc, id);
-        if (found.size() != 1) {
+        size_t count = 0;
+        xmlNode* found = UniqueElementWithId(root, id, count);
+        if (!found) {
             BASALT_THROW(XmlSecurityException,
-                         found.empty() ? "No element has the id '" + id + "'"
-                                       : "More than one element has the id '" + id + "'");
+                         count == 0 ? "No element has the id '" + id + "'"
+                                    : "More than one element has the id '" + id + "'");
         }
-        return std::make_unique<IdRegistration>(root->doc, IdAttributeOf(found[0], id), id);
+        return std::make_unique<IdRegistration>(root->doc, IdAttributeOf(found, id), id);
     }
 
     // True if xmlsec verifies the signature and every reference with the key (shared, a ready
@@ -622,7 +637,6 @@ class SignatureImpl final : public ObjectImpl, public Signature {
                 }
             }
         } keep{ctx.get(), shared != nullptr};
-        ctx->flags |= XMLSEC_DSIG_FLAGS_STORE_SIGNEDINFO_REFERENCES;
         TakeXmlSecError();
         LibxmlErrorCapture errors;
         if (xmlSecDSigCtxVerify(ctx.get(), signature) < 0) {

@@ -58,6 +58,7 @@ TEST(XmlParserTest, RefusesHostileInputWithAClearMessage) {
         {"undeclared entity", "<r>&x;</r>", "line 1"},
         {"excessive depth", Nested(129), "nested deeper than 128"},
         {"too many attributes", ManyAttributes(257), "more than 256 attributes"},
+        {"attribute flood (quadratic in libxml2)", ManyAttributes(50000), "more than 256"},
         {"unclosed element", "<r>\n  <a>\n</r>", "line 3"},
         {"empty input", "", "empty"},
         {"XInclude is not processed, so nothing to include: but a prefix must be declared",
