@@ -66,6 +66,9 @@ class BASALT_API Signature : public virtual Object {
     // Returns true if one of them verifies everything, false if none does. Throws
     // XmlSecurityException when verification cannot be carried out (null resolver, unsupported
     // algorithm, a reference that does not resolve to exactly one element of this document).
+    // References must name the signed element ("" only when it is the document element), and
+    // its id must appear on no other element. The document's id table is used for the duration,
+    // so a tree is verified by one thread at a time; independent documents verify in parallel.
     virtual bool Verify(const KeyInfoResolver* resolver) const = 0;
 
     // Making a signature: add references, optionally set the Id and the KeyInfo content, then
