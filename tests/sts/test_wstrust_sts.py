@@ -2,6 +2,7 @@
 issued assertions checked with the xmlsec1 command-line tool, and the fault paths."""
 
 import base64
+import concurrent.futures
 import datetime
 import http.client
 import os
@@ -471,6 +472,17 @@ class HttpTest(StsTestCase):
             self.assertTrue(tls.recv(64).startswith(b"HTTP/1.1 100"))
             tls.sendall(data)
             self.assertIn(b"200 OK", tls.recv(64))
+
+
+class ConcurrencyTest(StsTestCase):
+    def test_concurrent_connections_are_all_served(self):
+        root, _, body = envelope([username_token("alice", "alice-password")])
+        issue_body(body)
+        data = etree.tostring(root)
+        with concurrent.futures.ThreadPoolExecutor(max_workers=32) as pool:
+            statuses = list(pool.map(lambda _: post(self.sts.port, data)[0], range(64)))
+        self.assertEqual(statuses, [200] * 64)
+        self.assertIn('"issue-password": 64', self.sts.command("stats"))
 
 
 class LifecycleTest(unittest.TestCase):

@@ -336,6 +336,7 @@ class LoopbackHttpsServer(http.server.ThreadingHTTPServer):
     daemon_threads = True
     block_on_close = False
     allow_reuse_address = True
+    request_queue_size = 128  # bursts of new connections from concurrent tests and benchmarks
 
     def __init__(self, port, ssl_context, sts, controller, stop_event, verbose=False):
         self.ssl_context = ssl_context
