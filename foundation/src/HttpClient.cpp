@@ -168,6 +168,9 @@ class UserAgentImpl final : public ObjectImpl, public HttpUserAgent {
         if (m_pool) {
             PoolShare(m_pool.Get());  // refuses foreign pools now rather than per request
         }
+        if (!m_endpoint.reusable) {
+            m_ownShare = std::make_unique<CurlShare>();
+        }
     }
 
     void SendAsync(ClientRequest* request, CompletionCallback completion,
@@ -177,10 +180,10 @@ class UserAgentImpl final : public ObjectImpl, public HttpUserAgent {
 
     const Endpoint& GetEndpoint() const { return m_endpoint; }
     CookieStore& GetCookies() const { return *m_cookies; }
-    // The connection cache for this agent's transfers, or null when connections are not reused.
+    // The connection cache for this agent's transfers.
     CURLSH* GetShare() const {
-        if (!m_endpoint.reusable) {
-            return nullptr;
+        if (m_ownShare) {
+            return m_ownShare->Get();
         }
         if (m_endpoint.context) {
             return m_endpoint.context->GetShare();
@@ -192,6 +195,9 @@ class UserAgentImpl final : public ObjectImpl, public HttpUserAgent {
     const Endpoint m_endpoint;
     Ref<CookieStore> m_cookies;
     const Ref<HttpConnectionPool> m_pool;
+    // Connections private to this agent, when its specification is not reusable. Declared last:
+    // it goes first, and no transfer uses it any more since each holds the agent.
+    std::unique_ptr<CurlShare> m_ownShare;
 };
 
 // The HTTP thread and its multi handle.
@@ -503,12 +509,7 @@ void Transfer::SetupConnection() {
         m_connectTo = curl_slist_append(nullptr, endpoint.connectTo.c_str());
         SetOption(CURLOPT_CONNECT_TO, m_connectTo);
     }
-    if (CURLSH* share = m_agent->GetShare()) {
-        SetOption(CURLOPT_SHARE, share);
-    } else {
-        SetOption(CURLOPT_FRESH_CONNECT, 1L);
-        SetOption(CURLOPT_FORBID_REUSE, 1L);
-    }
+    SetOption(CURLOPT_SHARE, m_agent->GetShare());
 }
 
 void Transfer::SetupTls() {

@@ -137,6 +137,11 @@ TEST(TlsConnections, ConnectionsAreReusedOnlyUnderTheSameContext) {
     Exchange(*second, "/echo", "b");
     Exchange(*first, "/echo", "c");
     EXPECT_EQ(server.Stats()["handshakes"], 1);
+    // Once the server closes, the next connection resumes the TLS session.
+    Exchange(*first, "/close");
+    Exchange(*second, "/echo", "d");
+    EXPECT_EQ(server.Stats()["handshakes"], 2);
+    EXPECT_EQ(server.Stats()["resumed"], 1);
     // A kept-alive connection verified under one context never serves a context that would
     // not have trusted the server.
     Ssl::SSLContextOptions systemStore;

@@ -5,6 +5,9 @@
   /status          replies with ?code= and ?reason= (and ?body=)
   /cookies/set     sets the cookie ?name=?value (Path=/)
   /cookies/show    replies with the Cookie header received (empty body when none)
+  /close           replies 200 and closes the connection
+  /headers         replies with the request headers, one "Name: value" line each
+  /cookies         replies with the Cookie header received and sets the cookie seen=yes
 anything else      404
 """
 
@@ -32,7 +35,24 @@ def cookies_show(request):
     return Response(200, body=request.headers.get("Cookie", ""))
 
 
+def close(request):
+    return Response(200, headers=[("Connection", "close")], body="closed\n")
+
+
+def headers(request):
+    lines = "".join("%s: %s\n" % (name, value) for name, value in request.headers.items())
+    return Response(200, headers=[("Content-Type", "text/plain")], body=lines)
+
+
+def cookies(request):
+    return Response(200, headers=[("Set-Cookie", "seen=yes; Path=/")],
+                    body=request.headers.get("Cookie", ""))
+
+
 def install(server):
+    server.route("/headers", headers)
+    server.route("/cookies", cookies)
+    server.route("/close", close)
     server.route("/echo", echo)
     server.route("/status", status)
     server.route("/cookies/set", cookies_set)

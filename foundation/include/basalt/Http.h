@@ -52,7 +52,8 @@ class BASALT_API ConnectionSpec : public virtual Object {
     // The name sent as SNI and verified against the server's certificate; empty means the host.
     virtual std::string GetServerName() const = 0;
     // True if connections may be kept alive and reused by later requests of any user agent
-    // with the same pool (TLS sessions are resumed too); false closes each after its request.
+    // with the same pool (TLS sessions are resumed too); false keeps each user agent's
+    // connections (and TLS sessions) to itself, closed when the agent goes.
     virtual bool IsReusable() const = 0;
 
   protected:
