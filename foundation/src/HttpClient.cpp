@@ -257,6 +257,9 @@ class HttpEngine {
             for (const Ref<Transfer>& transfer : cancels) {
                 Stop(transfer.Get(), "Request cancelled: ");
             }
+            // Finished transfers must not be kept alive (with their agents) across the wait.
+            starts.clear();
+            cancels.clear();
             int running = 0;
             curl_multi_perform(m_multi, &running);
             CollectFinished();
