@@ -38,7 +38,7 @@ bool IsValidHostName(const std::string& host) {
             }));
 }
 
-// What a user agent fixed at creation: its specification's answers are read once.
+// What a user agent fixed at creation: its ConnectionSpec's answers are read once.
 struct Endpoint {
     Ref<ConnectionSpec> spec;
     const CustomConnectionSpec* custom = nullptr;
@@ -51,8 +51,7 @@ struct Endpoint {
 
 Endpoint MakeEndpoint(ConnectionSpec* spec) {
     if (!spec) {
-        throw InvalidArgumentException(
-            "CreateHttpUserAgent: a connection specification is required");
+        throw InvalidArgumentException("CreateHttpUserAgent: a connection spec is required");
     }
     Endpoint endpoint;
     endpoint.spec = spec;
@@ -195,7 +194,7 @@ class UserAgentImpl final : public ObjectImpl, public HttpUserAgent {
     const Endpoint m_endpoint;
     Ref<CookieStore> m_cookies;
     const Ref<HttpConnectionPool> m_pool;
-    // Connections private to this agent, when its specification is not reusable. Declared last:
+    // Connections private to this agent, when its ConnectionSpec is not reusable. Declared last:
     // it goes first, and no transfer uses it any more since each holds the agent.
     std::unique_ptr<CurlShare> m_ownShare;
 };
@@ -661,7 +660,7 @@ std::string Transfer::ErrorText(CURLcode code) const {
         return "TLS setup failed for " + peer + ": " + m_tlsSetupError;
     }
     if (!m_handshakeError.empty()) {
-        return "TLS handshake rejected by the connection specification for " + peer + ": " +
+        return "TLS handshake rejected by the connection spec for " + peer + ": " +
                m_handshakeError;
     }
     const char* cause = "HTTP transfer failed with ";

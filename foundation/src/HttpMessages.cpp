@@ -1,4 +1,4 @@
-// Requests, responses, cookie stores, connection specifications and pools.
+// Requests, responses, cookie stores, connection specs and pools.
 
 #include <strings.h>
 

@@ -12,7 +12,7 @@
 
 namespace SsoClient {
 
-// The transport over the foundation's HTTP client. Either it owns a connection specification
+// The transport over the foundation's HTTP client. Either it owns a connection spec
 // made from the service URL (each session then gets its own user agent and cookie store), or it
 // was given a ready user agent that all sessions share.
 // Exported (though its header is not installed) so the library's tests can drive it.
@@ -20,7 +20,7 @@ class SSOCLIENT_API HttpsClient : public Transport {
   public:
     // Parses url; an https URL needs sslContext (Basalt::InvalidArgumentException "HTTPS
     // connection requested but no SSLContext provided." otherwise). sslParameter and
-    // reuseConnections go to the connection-specification factories unchanged. waitTimeout is
+    // reuseConnections go to the connection-spec factories unchanged. waitTimeout is
     // in microseconds.
     HttpsClient(const std::string& url, Basalt::Ssl::SSLContext* sslContext,
                 const std::string& sslParameter, int64_t waitTimeout, bool reuseConnections);

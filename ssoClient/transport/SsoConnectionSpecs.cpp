@@ -1,4 +1,4 @@
-// The library's connection specifications for the foundation's HTTP client.
+// The library's connection specs for the foundation's HTTP client.
 
 #include <basalt/Format.h>
 #include <basalt/Net.h>

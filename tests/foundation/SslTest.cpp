@@ -217,7 +217,7 @@ TEST(SSLContext, RefusesInconsistentOptions) {
     }
 }
 
-// A custom specification whose handshake step refuses servers of a given subject.
+// A custom ConnectionSpec whose handshake step refuses servers of a given subject.
 class PickySpec final : public ObjectImpl, public Http::CustomConnectionSpec {
   public:
     PickySpec(int port, Ssl::SSLContext* context, std::string refused)
@@ -253,7 +253,7 @@ TEST(TlsConnections, CustomSpecificationTakesPartInTheHandshake) {
         if (std::string(refused) == "CN=nobody") {
             EXPECT_EQ(failure, "(no exception)");
         } else {
-            EXPECT_THAT(failure, AllOf(HasSubstr("rejected by the connection specification"),
+            EXPECT_THAT(failure, AllOf(HasSubstr("rejected by the connection spec"),
                                        HasSubstr("is not welcome")));
         }
     }

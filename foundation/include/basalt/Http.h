@@ -60,7 +60,7 @@ class BASALT_API ConnectionSpec : public virtual Object {
     ~ConnectionSpec() override;
 };
 
-// A connection specification implemented outside the foundation. Besides describing the
+// A connection spec implemented outside the foundation. Besides describing the
 // endpoint it takes part in every new TLS connection: after the context's own checks passed,
 // the agent hands it the peer's certificate chain (leaf first) on the HTTP thread.
 class BASALT_API CustomConnectionSpec : public virtual ConnectionSpec {
@@ -73,13 +73,13 @@ class BASALT_API CustomConnectionSpec : public virtual ConnectionSpec {
     ~CustomConnectionSpec() override;
 };
 
-// Creates a foundation connection specification (no handshake step).
+// Creates a foundation connection spec (no handshake step).
 BASALT_API void CreateConnectionSpec(const std::string& host, int port, Ssl::SSLContext* context,
                                      const std::string& serverName, bool reusable,
                                      Ref<ConnectionSpec>& spec);
 
 // A cache of kept-alive connections and TLS sessions. Plain connections of reusable
-// specifications go to a process-wide pool unless the user agent was given its own; TLS
+// ConnectionSpecs go to a process-wide pool unless the user agent was given its own; TLS
 // connections are always cached per SSL context.
 class BASALT_API HttpConnectionPool : public virtual Object {
   protected:
@@ -148,7 +148,7 @@ class BASALT_API PendingRequestItem : public virtual Object {
 using CompletionCallback =
     std::function<void(const Exception* error, ClientResponse* response, PendingRequestItem* item)>;
 
-// Sends requests over the connections of one specification, with one cookie store. Usable from
+// Sends requests over the connections of one ConnectionSpec, with one cookie store. Usable from
 // any number of threads at once.
 class BASALT_API HttpUserAgent : public virtual Object {
   public:
