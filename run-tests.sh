@@ -32,6 +32,8 @@ cmake --build --preset asan -j "$jobs"
 ctest --preset asan -j "$jobs"
 
 if [ "${1:-}" != "--no-tsan" ]; then
+    # Known false positives of uninstrumented system libraries (see the file).
+    export TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp ${TSAN_OPTIONS:-}"
     cmake --preset tsan
     cmake --build --preset tsan -j "$jobs" --target basalt_tests ssoclient_tests
     # The install and symbol checks and the test STS's self-test do not depend on the sanitizer;

@@ -1,0 +1,114 @@
+#include "ssoClient/transport/HttpsClient.h"
+
+#include "ssoClient/ConnectionSpec.h"
+
+namespace SsoClient {
+
+TransportSession::~TransportSession() = default;
+Transport::~Transport() = default;
+
+HttpsClient::HttpsClient(const std::string& url, Basalt::Ssl::SSLContext* sslContext,
+                         const std::string& sslParameter, int64_t waitTimeout,
+                         bool reuseConnections)
+    : m_waitTimeout(waitTimeout) {
+    bool secure = false;
+    std::string host;
+    int port = 0;
+    Basalt::Http::ParseHttpURL(url, secure, host, port, m_path);
+    if (secure) {
+        if (!sslContext) {
+            throw Basalt::InvalidArgumentException(
+                "HTTPS connection requested but no SSLContext provided.");
+        }
+        CreateSsoSSLConnectionSpec(host, port, sslContext, sslParameter, reuseConnections,
+                                   m_connectionSpec);
+    } else {
+        CreateSsoConnectionSpec(host, port, reuseConnections, m_connectionSpec);
+    }
+}
+
+HttpsClient::HttpsClient(Basalt::Ref<Basalt::Http::HttpUserAgent> presetAgent,
+                         const std::string& path, int64_t waitTimeout)
+    : m_presetUserAgent(std::move(presetAgent)), m_path(path), m_waitTimeout(waitTimeout) {}
+
+std::shared_ptr<TransportSession> HttpsClient::CreateSession() const {
+    Basalt::Ref<Basalt::Http::HttpUserAgent> agent = m_presetUserAgent;
+    if (!agent) {
+        // A cookie store per session: cookies last for the session's requests only.
+        Basalt::Ref<Basalt::Http::CookieStore> cookies;
+        Basalt::Http::CreateCookieStore("", cookies);
+        Basalt::Http::CreateHttpUserAgent(m_connectionSpec.Get(), cookies.Get(), nullptr, agent);
+    }
+    return std::make_shared<HttpsSession>(std::move(agent), m_path, m_waitTimeout);
+}
+
+HttpsSession::HttpsSession(Basalt::Ref<Basalt::Http::HttpUserAgent> userAgent, std::string path,
+                           int64_t waitTimeout)
+    : m_userAgent(std::move(userAgent)), m_path(std::move(path)), m_waitTimeout(waitTimeout) {}
+
+Basalt::Ref<Basalt::Http::PendingRequestItem> HttpsSession::Start(
+    const SoapRequest& request, Basalt::Http::CompletionCallback completion) {
+    Basalt::Ref<Basalt::Http::ClientRequest> httpRequest;
+    Basalt::Http::CreateHttpRequest(Basalt::Http::HttpMethod::Post, m_path, httpRequest);
+    httpRequest->SetHeader("Content-Type", "text/xml");
+    httpRequest->SetHeader("SOAPAction", "\"" + request.soapAction + "\"");
+    httpRequest->GetBodyWriter()->Write(request.envelope.data(), request.envelope.size());
+    // The same limit ends an asynchronous exchange, which has nobody waiting on it.
+    if (m_waitTimeout > 0) {
+        httpRequest->SetTimeout(m_waitTimeout);
+    }
+    Basalt::Ref<Basalt::Http::PendingRequestItem> pending;
+    m_userAgent->SendAsync(httpRequest.Get(), std::move(completion), pending);
+    return pending;
+}
+
+Basalt::Ref<Basalt::Reader> HttpsSession::SendAndWait(const SoapRequest& request) {
+    Basalt::Ref<Basalt::Http::PendingRequestItem> pending = Start(request, nullptr);
+    std::shared_ptr<CommunicationException> failure;
+    Basalt::Ref<Basalt::Reader> body;
+    try {
+        Basalt::Ref<Basalt::Http::ClientResponse> response;
+        m_userAgent->Wait(pending.Get(), m_waitTimeout, response);
+        body = ConvertReply(nullptr, response.Get(), failure);
+    } catch (const Basalt::Exception& error) {
+        body = ConvertReply(&error, nullptr, failure);
+    }
+    if (failure) {
+        failure->Throw();
+    }
+    return body;
+}
+
+Basalt::Ref<Basalt::Http::PendingRequestItem> HttpsSession::SendAsync(
+    const SoapRequest& request, TransportCompletion completion) {
+    // The completion outlives the session if need be: it holds nothing of it.
+    return Start(request,
+                 [completion = std::move(completion)](const Basalt::Exception* error,
+                                                      Basalt::Http::ClientResponse* response,
+                                                      Basalt::Http::PendingRequestItem*) {
+                     std::shared_ptr<CommunicationException> failure;
+                     Basalt::Ref<Basalt::Reader> body = ConvertReply(error, response, failure);
+                     completion(failure.get(), body.Get());
+                 });
+}
+
+Basalt::Ref<Basalt::Reader> ConvertReply(const Basalt::Exception* error,
+                                         Basalt::Http::ClientResponse* response,
+                                         std::shared_ptr<CommunicationException>& failure) {
+    if (error) {
+        failure = std::make_shared<CommunicationException>(error->what());
+        return nullptr;
+    }
+    const int status = response->GetStatusCode();
+    // 500 carries SOAP faults, which the response handler interprets.
+    if (status != 500 && (status < 200 || status > 299)) {
+        failure = std::make_shared<CommunicationException>(
+            "Server returned error: " + std::to_string(status) + " " + response->GetReason());
+        return nullptr;
+    }
+    Basalt::Ref<Basalt::Reader> body;
+    response->GetBodyReader(body);
+    return body;
+}
+
+}  // namespace SsoClient
