@@ -5,26 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-packages=(
-    build-essential cmake ninja-build pkg-config git
-    libxml2-dev libxmlsec1-dev libssl-dev libcurl4-openssl-dev uuid-dev libboost-dev
-    libgtest-dev libgmock-dev libbenchmark-dev
-    openssl xmlsec1 xml-security-c-utils
-    python3 python3-lxml python3-xmlsec python3-cryptography
-)
-missing=()
-for package in "${packages[@]}"; do
-    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
-        missing+=("$package")
-    fi
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    sudo=""
-    [ "$(id -u)" -eq 0 ] || sudo="sudo"
-    echo "Installing: ${missing[*]}"
-    $sudo apt-get update
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+tools/install-packages.sh
 
 jobs=$(nproc)
 cmake --preset asan

@@ -14,18 +14,11 @@
 
 #include "TestData.h"
 #include "ssoClient/requests/RequestBuilder.h"
+#include "support/TestCredentials.h"
 
 namespace {
 
 using namespace SsoClient;
-
-HolderOfKeyConfig LoadHolderOfKey() {
-    HolderOfKeyConfig config;
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"),
-                                             config.certificate);
-    Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("certs/sts-rsa.key"), config.privateKey);
-    return config;
-}
 
 TokenSpec Spec() {
     TokenSpec spec;
@@ -49,7 +42,7 @@ void BM_UnsignedUserNameRequest(benchmark::State& state) {
 BENCHMARK(BM_UnsignedUserNameRequest)->Unit(benchmark::kMicrosecond);
 
 void BM_SignedCertificateRequest(benchmark::State& state) {
-    RequestBuilderImpl builder(LoadHolderOfKey());
+    RequestBuilderImpl builder(TestSupport::LoadHolderOfKey());
     TokenSpec spec = Spec();
     size_t bytes = 0;
     for (auto _ : state) {
@@ -67,7 +60,7 @@ void BM_RawXmlsecSign(benchmark::State& state) {
     xmlSecInit();
     xmlSecCryptoAppInit(nullptr);
     xmlSecCryptoInit();
-    RequestBuilderImpl builder(LoadHolderOfKey());
+    RequestBuilderImpl builder(TestSupport::LoadHolderOfKey());
     // A real signed envelope of ours, stripped of its signature values, is the template.
     std::string envelope = builder.BuildAcquireTokenByCertificateRequest(Spec()).envelope;
     std::string keyPem = TestData::Read("certs/sts-rsa.key");

@@ -15,8 +15,7 @@ namespace SsoClient {
 // The transport over the foundation's HTTP client. Either it owns a connection spec
 // made from the service URL (each session then gets its own user agent and cookie store), or it
 // was given a ready user agent that all sessions share.
-// Exported (though its header is not installed) so the library's tests can drive it.
-class SSOCLIENT_API HttpsClient : public Transport {
+class HttpsClient : public Transport {
   public:
     // Parses url; an https URL needs sslContext (Basalt::InvalidArgumentException "HTTPS
     // connection requested but no SSLContext provided." otherwise). sslParameter and
@@ -37,7 +36,7 @@ class SSOCLIENT_API HttpsClient : public Transport {
     int64_t m_waitTimeout;
 };
 
-class SSOCLIENT_API HttpsSession : public TransportSession {
+class HttpsSession : public TransportSession {
   public:
     HttpsSession(Basalt::Ref<Basalt::Http::HttpUserAgent> userAgent, std::string path,
                  int64_t waitTimeout);
@@ -58,7 +57,7 @@ class SSOCLIENT_API HttpsSession : public TransportSession {
 // Turns the outcome of an exchange into the reply body, or into the failure to report: a
 // transport error keeps its text; a status other than 2xx and 500 becomes "Server returned
 // error: <code> <reason>".
-SSOCLIENT_API Basalt::Ref<Basalt::Reader> ConvertReply(
+Basalt::Ref<Basalt::Reader> ConvertReply(
     const Basalt::Exception* error, Basalt::Http::ClientResponse* response,
     std::shared_ptr<CommunicationException>& failure);
 

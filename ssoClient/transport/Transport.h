@@ -12,21 +12,16 @@
 #include <string>
 
 #include "ssoClient/Export.h"
+#include "ssoClient/requests/SoapRequest.h"
 
 namespace SsoClient {
-
-// One SOAP request as the request builder writes it.
-struct SoapRequest {
-    std::string soapAction;  // the WS-Trust action URI, unquoted
-    std::string envelope;    // the complete SOAP envelope
-};
 
 // Called once when an asynchronous exchange ends: with the failure (a CommunicationException)
 // and a null reader, or with no failure and the reply body.
 using TransportCompletion = std::function<void(const Basalt::Exception*, Basalt::Reader*)>;
 
 // One exchange context (cookies persist across its requests). Used by one operation at a time.
-class SSOCLIENT_API TransportSession {
+class TransportSession {
   public:
     virtual ~TransportSession();
     // Posts the request and waits for the reply; returns its body. Throws CommunicationException
@@ -38,7 +33,7 @@ class SSOCLIENT_API TransportSession {
 };
 
 // A factory of sessions; immutable and shareable between threads.
-class SSOCLIENT_API Transport {
+class Transport {
   public:
     virtual ~Transport();
     virtual std::shared_ptr<TransportSession> CreateSession() const = 0;

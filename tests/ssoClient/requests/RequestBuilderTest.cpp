@@ -9,6 +9,7 @@
 #include "RequestTestSupport.h"
 #include "TestData.h"
 #include "ssoClient/requests/RequestBuilder.h"
+#include "support/TestCredentials.h"
 
 namespace {
 
@@ -20,14 +21,6 @@ using Basalt::Xml::ElementNode;
 constexpr char kWsuNs[] =
     "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-utility-1.0.xsd";
 constexpr char kIssue[] = "http://docs.oasis-open.org/ws-sx/ws-trust/200512/RST/Issue";
-
-HolderOfKeyConfig LoadHolderOfKey() {
-    HolderOfKeyConfig config;
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"),
-                                             config.certificate);
-    Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("certs/sts-rsa.key"), config.privateKey);
-    return config;
-}
 
 TokenSpec Spec(int64_t lifetime = 600) {
     TokenSpec spec;
@@ -109,8 +102,8 @@ TEST(RequestBuilderTest, ChecksRunFirstAndInOrder) {
          "Unable to renew token: the provided token must be Holder Of Key"},
     };
     for (const CheckCase& c : cases) {
-        RequestBuilderImpl builder(c.withHolderOfKey ? boost::make_optional(LoadHolderOfKey())
-                                                     : boost::none);
+        RequestBuilderImpl builder(
+            c.withHolderOfKey ? boost::make_optional(TestSupport::LoadHolderOfKey()) : boost::none);
         try {
             c.call(builder);
             ADD_FAILURE() << c.what << ": no exception";
@@ -142,7 +135,7 @@ TEST(RequestBuilderTest, PasswordRequestFollowsTheHolderOfKeyAndSigningRules) {
          false},
     };
     for (const Case& c : cases) {
-        RequestBuilderImpl builder(c.config ? boost::make_optional(LoadHolderOfKey())
+        RequestBuilderImpl builder(c.config ? boost::make_optional(TestSupport::LoadHolderOfKey())
                                             : boost::none);
         TokenSpec spec = Spec();
         spec.confirmation = c.confirmation;
@@ -165,7 +158,7 @@ TEST(RequestBuilderTest, PasswordRequestFollowsTheHolderOfKeyAndSigningRules) {
 }
 
 TEST(RequestBuilderTest, EachOperationHasItsActionAndShape) {
-    RequestBuilderImpl builder(LoadHolderOfKey());
+    RequestBuilderImpl builder(TestSupport::LoadHolderOfKey());
     TextToken token = HolderOfKeyToken();
     struct Case {
         const char* what;
@@ -227,7 +220,7 @@ TEST(RequestBuilderTest, EachOperationHasItsActionAndShape) {
 }
 
 TEST(RequestBuilderTest, SignatureReferencesTheBodyThenTheTimestamp) {
-    RequestBuilderImpl builder(LoadHolderOfKey());
+    RequestBuilderImpl builder(TestSupport::LoadHolderOfKey());
     SoapRequest request = builder.BuildAcquireTokenByCertificateRequest(Spec());
     Ref<ElementNode> envelope = Parse(request.envelope);
     Ref<ElementNode> signature = Path(*envelope, {"Header", "Security", "Signature"});

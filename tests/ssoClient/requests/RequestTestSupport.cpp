@@ -3,20 +3,15 @@
 #include <basalt/IO.h>
 #include <gtest/gtest.h>
 
+#include "ssoClient/xml/XmlUtils.h"
+
 namespace RequestTest {
 
 Basalt::Ref<Basalt::Xml::ElementNode> Parse(const std::string& text) {
-    Basalt::Ref<Basalt::StringReader> reader;
-    Basalt::CreateStringReader(text, reader);
-    Basalt::Ref<Basalt::Xml::XMLHandler> handler;
-    Basalt::Xml::CreateXMLDocumentHandler(handler);
-    Basalt::Ref<Basalt::Xml::XMLParser> parser;
-    Basalt::Xml::CreateXMLParser(handler.Get(), parser);
-    parser->Parse(reader.Get());
-    auto document = handler->GetResult();
-    auto* doc = dynamic_cast<Basalt::Xml::Document*>(document.Get());
-    EXPECT_NE(doc, nullptr);
-    return doc ? doc->GetDocumentElement() : nullptr;
+    Basalt::Ref<Basalt::Xml::Document> document;
+    SsoClient::ParseXmlText(text, document);
+    EXPECT_TRUE(document);
+    return document ? document->GetDocumentElement() : nullptr;
 }
 
 std::vector<Basalt::Ref<Basalt::Xml::ElementNode>> ChildElements(

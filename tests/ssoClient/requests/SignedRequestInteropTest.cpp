@@ -15,6 +15,7 @@
 #include "RequestTestSupport.h"
 #include "TestData.h"
 #include "ssoClient/requests/RequestBuilder.h"
+#include "support/TestCredentials.h"
 
 namespace {
 
@@ -93,16 +94,8 @@ class SignedRequestInteropTest : public ::testing::Test {
     std::string m_dir;
 };
 
-HolderOfKeyConfig LoadHolderOfKey() {
-    HolderOfKeyConfig config;
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"),
-                                             config.certificate);
-    Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("certs/sts-rsa.key"), config.privateKey);
-    return config;
-}
-
 TEST_F(SignedRequestInteropTest, EverySignedOperationVerifiesElsewhere) {
-    RequestBuilderImpl builder(LoadHolderOfKey());
+    RequestBuilderImpl builder(TestSupport::LoadHolderOfKey());
     TokenSpec spec;
     spec.tokenLifetimeSec = 300;
     spec.advice = {{"urn:src", {{"a", {"1"}}}}};
@@ -125,7 +118,7 @@ TEST_F(SignedRequestInteropTest, EverySignedOperationVerifiesElsewhere) {
 }
 
 TEST_F(SignedRequestInteropTest, TamperingWithEitherSignedPartIsDetected) {
-    RequestBuilderImpl builder(LoadHolderOfKey());
+    RequestBuilderImpl builder(TestSupport::LoadHolderOfKey());
     TokenSpec spec;
     spec.tokenLifetimeSec = 300;
     const std::string envelope = builder.BuildAcquireTokenByCertificateRequest(spec).envelope;

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <basalt/Exception.h>
+#include <basalt/Http.h>
+#include <basalt/Ssl.h>
+#include <basalt/XmlSecurity.h>
+#include <boost/optional.hpp>
+
+#include "ssoClient/Export.h"
+#include "ssoClient/HolderOfKeyConfig.h"
+#include "ssoClient/SamlToken.h"
+#include "ssoClient/SamlTokenFactory.h"
+#include "ssoClient/Types.h"
+
+namespace SsoClient {
+
+// Produces the caller's GSS/SPNego legs for AcquireTokenByGSS.
+class SSOCLIENT_API NegotiationHandler {
+  public:
+    virtual ~NegotiationHandler();
+    // Given the service's latest leg (empty on the first call), returns the next leg to send.
+    // Returning null is a contract violation (InvalidArgumentException).
+    virtual std::shared_ptr<std::vector<unsigned char>> NextLeg(
+        const std::vector<unsigned char>& serverLeg) = 0;
+};
+
+// Receives the result of an asynchronous token operation on a pool thread: the token (null on
+// failure, or when the reply carried none) and the exception (null on success; valid only during
+// the call).
+using TokenCallback =
+    std::function<void(const std::shared_ptr<const SamlToken>&, const Basalt::Exception*)>;
+// Receives the result of an asynchronous validation: a set optional on success, none on failure.
+using ValidationCallback =
+    std::function<void(const boost::optional<bool>&, const Basalt::Exception*)>;
+
+// The client of a WS-Trust token service. Immutable and safe to share between threads; each call
+// uses its own HTTP session. Token operations return the issued token (null when the reply carried
+// none) and throw on failure: InvalidCredentialsException / PasswordExpiredException for rejected
+// credentials, CommunicationException when the exchange fails, SsoException for unexpected
+// replies or tokens that do not parse, Basalt::InvalidArgumentException /
+// Basalt::InvalidStateException for misuse.
+class SSOCLIENT_API SecurityTokenService {
+  public:
+    virtual ~SecurityTokenService();
+
+    virtual std::shared_ptr<const SamlToken> AcquireToken(const std::string& user,
+                                                          const std::string& password,
+                                                          const TokenSpec& spec) const = 0;
+    virtual std::shared_ptr<const SamlToken> AcquireTokenByGSS(
+        const TokenSpec& spec, NegotiationHandler& handler) const = 0;
+    // Needs a HolderOfKeyConfig; the request is signed with its key.
+    virtual std::shared_ptr<const SamlToken> AcquireTokenByCertificate(
+        const TokenSpec& spec) const = 0;
+    // Presents a holder-of-key token, proving its key with the configured private key.
+    virtual std::shared_ptr<const SamlToken> AcquireTokenByToken(const SamlToken& token,
+                                                                 const TokenSpec& spec) const = 0;
+    // The service's verdict on the token.
+    virtual bool ValidateToken(const SamlToken& token) const = 0;
+    // A renewed holder-of-key token valid for seconds more.
+    virtual std::shared_ptr<const SamlToken> RenewToken(const SamlToken& token,
+                                                        long seconds) const = 0;
+
+    // The same operations run on the foundation's thread pool; each returns at once and calls
+    // the callback exactly once. Failures to queue are thrown to the caller.
+    virtual void AcquireTokenAsync(const std::string& user, const std::string& password,
+                                   const TokenSpec& spec, const TokenCallback& callback) const = 0;
+    virtual void AcquireTokenByGSSAsync(const TokenSpec& spec,
+                                        const std::shared_ptr<NegotiationHandler>& handler,
+                                        const TokenCallback& callback) const = 0;
+    virtual void AcquireTokenByCertificateAsync(const TokenSpec& spec,
+                                                const TokenCallback& callback) const = 0;
+    virtual void AcquireTokenByTokenAsync(const std::shared_ptr<const SamlToken>& token,
+                                          const TokenSpec& spec,
+                                          const TokenCallback& callback) const = 0;
+    virtual void ValidateTokenAsync(const std::shared_ptr<const SamlToken>& token,
+                                    const ValidationCallback& callback) const = 0;
+    virtual void RenewTokenAsync(const std::shared_ptr<const SamlToken>& token, long seconds,
+                                 const TokenCallback& callback) const = 0;
+};
+
+// Connect by URL: the library makes its own HTTP(S) connections.
+struct SecurityTokenServiceConfig {
+    // The service endpoint, e.g. "https://sts.example.com:8443/sts/STSService".
+    std::string url;
+    // Trusted token-signing certificates (used by negotiation contexts; issued tokens are
+    // verified by tokenFactory).
+    Basalt::Ref<const Basalt::Xml::Security::KeyInfoResolver> keyInfoResolver;
+    // Turns issued assertions into tokens (and verifies their signatures).
+    std::shared_ptr<SamlTokenFactory> tokenFactory;
+    // Server name to present and verify for HTTPS; empty means the URL's host.
+    std::string sslParameter;
+    // The client's signing identity, for holder-of-key operations.
+    boost::optional<HolderOfKeyConfig> holderOfKey;
+    // Required for an https URL.
+    Basalt::Ssl::SSLContext* sslContext = nullptr;
+    // Keep connections alive and reuse them across calls.
+    bool connectionFlag = false;
+};
+
+// Connect through the caller's own HTTP user agent (connections, TLS and cookies are the
+// caller's; every call shares them).
+struct SecurityTokenServiceConfigEx {
+    // The request target of every request, used as given (not parsed).
+    std::string url;
+    Basalt::Ref<Basalt::Http::HttpUserAgent> userAgent;
+    std::shared_ptr<SamlTokenFactory> tokenFactory;
+    boost::optional<HolderOfKeyConfig> holderOfKey;
+};
+
+// Assembles a service. Throws Basalt::InvalidArgumentException for an https URL without an SSL
+// context; URL parse errors pass through.
+SSOCLIENT_API std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
+    const SecurityTokenServiceConfig& config);
+SSOCLIENT_API std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
+    const SecurityTokenServiceConfigEx& config);
+
+}  // namespace SsoClient

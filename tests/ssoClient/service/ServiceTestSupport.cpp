@@ -1,0 +1,117 @@
+#include "ServiceTestSupport.h"
+
+#include <basalt/Crypto.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <sstream>
+
+#include "TestData.h"
+
+namespace ServiceTest {
+
+namespace {
+
+std::string Hex(const std::vector<unsigned char>& bytes) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char b : bytes) {
+        hex += kDigits[b >> 4];
+        hex += kDigits[b & 15];
+    }
+    return hex;
+}
+
+std::shared_ptr<std::vector<unsigned char>> Leg(const std::string& text) {
+    return std::make_shared<std::vector<unsigned char>>(text.begin(), text.end());
+}
+
+}  // namespace
+
+StsTrust::StsTrust() {
+    Basalt::Ssl::SSLContextOptions options;
+    options.trustedCaPem = TestData::Read("sts/ca.pem");
+    Basalt::Ssl::CreateSSLContext(options, sslContext);
+    std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
+    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
+    Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
+    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/client.pem"), client.certificate);
+    Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("sts/client.key"), client.privateKey);
+}
+
+std::shared_ptr<SsoClient::SecurityTokenService> MakeService(const StsTrust& trust,
+                                                             const std::string& url,
+                                                             bool withHolderOfKey,
+                                                             bool reuseConnections) {
+    SsoClient::SecurityTokenServiceConfig config;
+    config.url = url;
+    config.keyInfoResolver = trust.resolver;
+    config.tokenFactory = SsoClient::CreateSamlTokenFactory(trust.resolver.Get());
+    config.sslContext = trust.sslContext.Get();
+    config.connectionFlag = reuseConnections;
+    if (withHolderOfKey) {
+        config.holderOfKey = trust.client;
+    }
+    return SsoClient::CreateSecurityTokenService(config);
+}
+
+SsoClient::TokenSpec Spec(int64_t lifetimeSeconds) {
+    SsoClient::TokenSpec spec;
+    spec.tokenLifetimeSec = lifetimeSeconds;
+    return spec;
+}
+
+TestGssHandler::TestGssHandler(std::string upn, std::string password, int rounds)
+    : m_upn(std::move(upn)), m_password(std::move(password)), m_rounds(rounds) {}
+
+std::shared_ptr<std::vector<unsigned char>> TestGssHandler::NextLeg(
+    const std::vector<unsigned char>& serverLeg) {
+    std::string text(serverLeg.begin(), serverLeg.end());
+    if (serverLegs.empty() && text.empty()) {
+        serverLegs.push_back(text);
+        return Leg("HELLO " + m_upn + " " + std::to_string(m_rounds));
+    }
+    serverLegs.push_back(text);
+    std::istringstream words(text);
+    std::string kind, round, nonce;
+    words >> kind >> round >> nonce;
+    if (kind != "CHALLENGE") {
+        return Leg("");  // after WELCOME there is nothing more to say
+    }
+    std::string proof = nonce + ":" + m_password;
+    return Leg("RESPONSE " + round + " " +
+               Hex(Basalt::Crypto::Digest(Basalt::Crypto::DigestAlgorithm::Sha256, proof.data(),
+                                          proof.size())));
+}
+
+struct CallbackLatch::State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int remaining;
+    int calls = 0;
+};
+
+CallbackLatch::CallbackLatch(int expected) : m_state(std::make_shared<State>()) {
+    m_state->remaining = expected;
+}
+
+void CallbackLatch::CountDown() {
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    --m_state->remaining;
+    ++m_state->calls;
+    m_state->changed.notify_all();
+}
+
+bool CallbackLatch::Wait() {
+    std::unique_lock<std::mutex> lock(m_state->mutex);
+    return m_state->changed.wait_for(lock, std::chrono::minutes(2),
+                                     [&] { return m_state->remaining <= 0; });
+}
+
+int CallbackLatch::Calls() const {
+    std::lock_guard<std::mutex> lock(m_state->mutex);
+    return m_state->calls;
+}
+
+}  // namespace ServiceTest

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <basalt/Crypto.h>
+#include <ssoClient/HolderOfKeyConfig.h>
+
+#include <string>
+
+#include "TestData.h"
+
+namespace TestSupport {
+
+// A holder-of-key identity from PEM files under tests/data.
+inline SsoClient::HolderOfKeyConfig LoadHolderOfKey(
+    const std::string& certificateFile = "certs/sts-rsa.pem",
+    const std::string& keyFile = "certs/sts-rsa.key") {
+    SsoClient::HolderOfKeyConfig config;
+    Basalt::Crypto::CreateCertificateFromPem(TestData::Read(certificateFile), config.certificate);
+    Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read(keyFile), config.privateKey);
+    return config;
+}
+
+}  // namespace TestSupport
