@@ -12,6 +12,7 @@
 #include <xmlsec/xmldsig.h>
 #include <xmlsec/xmltree.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -419,8 +420,9 @@ xmlNode* TreeRoot(xmlNode* node) {
 class SignatureImpl final : public ObjectImpl, public Signature {
   public:
     // A signature read from a document.
-    SignatureImpl(Ref<ElementNode> signedElement, Ref<ElementNode> element, ParsedSignature parsed)
-        : m_signed(std::move(signedElement)),
+    SignatureImpl(std::vector<Ref<ElementNode>> signedElements, Ref<ElementNode> element,
+                  ParsedSignature parsed)
+        : m_signed(std::move(signedElements)),
           m_element(std::move(element)),
           m_parsed(std::move(parsed)),
           m_blank(false) {}
@@ -448,12 +450,20 @@ class SignatureImpl final : public ObjectImpl, public Signature {
             BASALT_THROW(XmlSecurityException, "No key resolver to verify the signature with");
         }
         xmlNode* signature = NativeElementOf(m_element.Get());
-        xmlNode* signedElement = NativeElementOf(m_signed.Get());
+        std::vector<xmlNode*> signedNodes;
+        for (const Ref<ElementNode>& element : m_signed) {
+            signedNodes.push_back(NativeElementOf(element.Get()));
+        }
         // The tree may have changed since the signature was read: read it again.
         ParsedSignature current = ParseSignature(signature);
         std::vector<std::unique_ptr<IdRegistration>> ids;
+        std::vector<bool> covered(signedNodes.size(), false);
         for (const SignatureReference& reference : current.references) {
-            ids.push_back(BindReference(reference.uri, signedElement));
+            ids.push_back(BindReference(reference.uri, signedNodes, covered));
+        }
+        if (std::find(covered.begin(), covered.end(), false) != covered.end()) {
+            BASALT_THROW(XmlSecurityException,
+                         "The signature does not cover every element it must sign");
         }
 
         std::vector<Ref<Crypto::Certificate>> candidates;
@@ -576,23 +586,37 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         }
     }
 
-    // Checks that uri names exactly the signed element and registers its id for xmlsec.
+    // Checks that uri names exactly one of the signed elements, not named before, and registers
+    // its id for xmlsec.
     std::unique_ptr<IdRegistration> BindReference(const std::string& uri,
-                                                  xmlNode* signedElement) const {
-        xmlDoc* doc = signedElement->doc;
-        if (uri.empty()) {
-            if (xmlDocGetRootElement(doc) != signedElement) {
-                BASALT_THROW(XmlSecurityException,
-                             "An empty reference URI is only allowed when the signed element is "
-                             "the document element");
+                                                  const std::vector<xmlNode*>& signedNodes,
+                                                  std::vector<bool>& covered) const {
+        xmlDoc* doc = signedNodes.front()->doc;
+        xmlAttr* attr = nullptr;
+        size_t index = 0;
+        std::string id = uri.empty() ? std::string() : uri.substr(1);
+        for (; index < signedNodes.size(); ++index) {
+            xmlNode* node = signedNodes[index];
+            bool named = uri.empty() ? xmlDocGetRootElement(doc) == node
+                                     : (attr = IdAttributeOf(node, id)) != nullptr;
+            if (named) {
+                break;
             }
-            return nullptr;
         }
-        std::string id = uri.substr(1);
-        xmlAttr* attr = IdAttributeOf(signedElement, id);
-        if (!attr) {
+        if (index == signedNodes.size()) {
             BASALT_THROW(XmlSecurityException,
-                         "The reference '" + uri + "' does not name the signed element");
+                         uri.empty()
+                             ? std::string("An empty reference URI is only allowed when the "
+                                           "signed element is the document element")
+                             : "The reference '" + uri + "' does not name the signed element");
+        }
+        if (covered[index] && signedNodes.size() > 1) {
+            BASALT_THROW(XmlSecurityException,
+                         "The reference '" + uri + "' names an element already referenced");
+        }
+        covered[index] = true;
+        if (uri.empty()) {
+            return nullptr;
         }
         if (CountElementsWithId(doc, id) != 1) {
             BASALT_THROW(XmlSecurityException,
@@ -643,13 +667,18 @@ class SignatureImpl final : public ObjectImpl, public Signature {
             BASALT_THROW(XmlSecurityException,
                          "Signature verification failed: " + TakeXmlSecError());
         }
+        // xmlsec stops at the first reference whose digest does not match: that is a plain
+        // "no". Success, though, must have looked at every reference.
+        if (ctx->status != xmlSecDSigStatusSucceeded) {
+            return false;
+        }
         if (xmlSecPtrListGetSize(&ctx->signedInfoReferences) != referenceCount) {
             BASALT_THROW(XmlSecurityException, "Not every reference was processed");
         }
-        return ctx->status == xmlSecDSigStatusSucceeded;
+        return true;
     }
 
-    Ref<ElementNode> m_signed;
+    std::vector<Ref<ElementNode>> m_signed;
     Ref<ElementNode> m_element;
     ParsedSignature m_parsed;
     bool m_blank;
@@ -685,18 +714,27 @@ void CreateBlankSignature(ElementNode* parent, std::string_view canonicalization
 
 void CreateSignatureFromDom(ElementNode* signedElement, ElementNode* signatureElement,
                             Ref<Signature>& signature) {
+    CreateSignatureFromDom(std::vector<ElementNode*>{signedElement}, signatureElement, signature);
+}
+
+void CreateSignatureFromDom(const std::vector<ElementNode*>& signedElements,
+                            ElementNode* signatureElement, Ref<Signature>& signature) {
     InitXmlSecurity();
-    if (!signedElement || !signatureElement) {
+    if (signedElements.empty() || !signatureElement ||
+        std::find(signedElements.begin(), signedElements.end(), nullptr) != signedElements.end()) {
         BASALT_THROW(InvalidArgumentException, "No signed element or no signature element");
     }
     xmlNode* signatureNode = NativeElementOf(signatureElement);
-    NativeElementOf(signedElement);
-    if (signatureNode->doc != NativeElementOf(signedElement)->doc) {
-        SyntaxError("The signature is not in the signed element's document");
+    std::vector<Ref<ElementNode>> held;
+    for (ElementNode* element : signedElements) {
+        if (signatureNode->doc != NativeElementOf(element)->doc) {
+            SyntaxError("The signature is not in the signed element's document");
+        }
+        held.emplace_back(element);
     }
     ParsedSignature parsed = ParseSignature(signatureNode);
-    signature = new SignatureImpl(Ref<ElementNode>(signedElement),
-                                  Ref<ElementNode>(signatureElement), std::move(parsed));
+    signature =
+        new SignatureImpl(std::move(held), Ref<ElementNode>(signatureElement), std::move(parsed));
 }
 
 }  // namespace Security

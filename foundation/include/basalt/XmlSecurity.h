@@ -102,6 +102,11 @@ BASALT_API void CreateBlankSignature(ElementNode* parent, std::string_view canon
 // same-document "#id" throw SignatureSyntaxException.
 BASALT_API void CreateSignatureFromDom(ElementNode* signedElement, ElementNode* signatureElement,
                                        Ref<Signature>& signature);
+// Reads a signature over several elements of one document, such as the Body and the Timestamp
+// of a signed SOAP message. Verify then requires every reference to name one of them, each by
+// exactly one reference, and every one of them to be referenced.
+BASALT_API void CreateSignatureFromDom(const std::vector<ElementNode*>& signedElements,
+                                       ElementNode* signatureElement, Ref<Signature>& signature);
 
 }  // namespace Security
 }  // namespace Xml

@@ -1,5 +1,6 @@
 #include <basalt/Crypto.h>
 #include <basalt/Exception.h>
+#include <basalt/XmlSecurity.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -239,6 +240,86 @@ TEST(RequestBuilderTest, SignatureReferencesTheBodyThenTheTimestamp) {
     Ref<ElementNode> certificateReference =
         Path(*signature, {"KeyInfo", "SecurityTokenReference", "Reference"});
     EXPECT_EQ(Attribute(*certificateReference, "URI"), "#holderOfKeyCertificate");
+}
+
+}  // namespace
+
+namespace {
+
+using namespace SsoClient;
+using namespace RequestTest;
+using Basalt::Ref;
+using Basalt::Xml::ElementNode;
+
+// Verifies a signed envelope with the foundation's verifier: the signature must cover exactly
+// the Body and the Timestamp, with a key from the trusted certificates only.
+bool VerifyEnvelope(const std::string& envelopeText, const std::string& trustedPem) {
+    Ref<ElementNode> envelope = Parse(envelopeText);
+    Ref<ElementNode> body = Child(*envelope, "Body");
+    Ref<ElementNode> timestamp = Path(*envelope, {"Header", "Security", "Timestamp"});
+    Ref<ElementNode> signatureElement = Path(*envelope, {"Header", "Security", "Signature"});
+    Ref<Basalt::Xml::Security::Signature> signature;
+    Basalt::Xml::Security::CreateSignatureFromDom({body.Get(), timestamp.Get()},
+                                                  signatureElement.Get(), signature);
+    std::vector<Ref<Basalt::Crypto::Certificate>> trusted(1);
+    Basalt::Crypto::CreateCertificateFromPem(TestData::Read(trustedPem), trusted[0]);
+    Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
+    Basalt::Xml::Security::CreateTrustedCertificateResolver(trusted, resolver);
+    return signature->Verify(resolver.Get());
+}
+
+TEST(SignedRequestVerificationTest, TheFoundationVerifiesWhatTheBuilderSigns) {
+    RequestBuilderImpl builder(TestSupport::LoadHolderOfKey());
+    TokenSpec spec;
+    spec.tokenLifetimeSec = 300;
+    TextToken token(TestData::Read("requests/assertion.xml"),
+                    "_4c5a2d8e-0f1b-4a77-9c1e-5d7f00b1c0de", Saml_HOK);
+    const std::pair<const char*, SoapRequest> requests[] = {
+        {"certificate", builder.BuildAcquireTokenByCertificateRequest(spec)},
+        {"password", builder.BuildAcquireTokenRequest("alice", "pw", spec)},
+        {"token", builder.BuildAcquireTokenByTokenRequest(token, spec)},
+        {"renew", builder.BuildRenewTokenRequest(token, 120)},
+    };
+    for (const auto& [what, request] : requests) {
+        EXPECT_TRUE(VerifyEnvelope(request.envelope, "certs/sts-rsa.pem")) << what;
+        EXPECT_FALSE(VerifyEnvelope(request.envelope, "certs/other-rsa.pem")) << what;
+    }
+    const std::string envelope = requests[0].second.envelope;
+    const std::pair<std::string, std::string> edits[] = {
+        {"http://docs.oasis-open.org/ws-sx/ws-trust/200512/PublicKey",
+         "http://docs.oasis-open.org/ws-sx/ws-trust/200512/Bearer"},  // in the Body
+        {"<wsu:Expires>2", "<wsu:Expires>3"},                         // in the Timestamp
+    };
+    for (const auto& [from, to] : edits) {
+        std::string tampered = envelope;
+        tampered.replace(tampered.find(from), from.size(), to);
+        EXPECT_FALSE(VerifyEnvelope(tampered, "certs/sts-rsa.pem")) << from;
+    }
+}
+
+TEST(SignedRequestVerificationTest, ASignatureMustCoverEveryPartAndNothingElse) {
+    RequestBuilderImpl builder(TestSupport::LoadHolderOfKey());
+    TokenSpec spec;
+    spec.tokenLifetimeSec = 300;
+    Ref<ElementNode> envelope = Parse(builder.BuildAcquireTokenByCertificateRequest(spec).envelope);
+    Ref<ElementNode> body = Child(*envelope, "Body");
+    Ref<ElementNode> header = Child(*envelope, "Header");
+    Ref<ElementNode> token = Path(*envelope, {"Header", "Security", "BinarySecurityToken"});
+    Ref<ElementNode> signatureElement = Path(*envelope, {"Header", "Security", "Signature"});
+    std::vector<Ref<Basalt::Crypto::Certificate>> trusted(1);
+    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("certs/sts-rsa.pem"), trusted[0]);
+    Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
+    Basalt::Xml::Security::CreateTrustedCertificateResolver(trusted, resolver);
+    // The Timestamp is signed but not what the caller relies on here: a reference to an element
+    // outside the expected set is refused, and so is an expected element left uncovered.
+    for (const std::vector<ElementNode*>& expected :
+         {std::vector<ElementNode*>{body.Get()}, std::vector<ElementNode*>{body.Get(), token.Get()},
+          std::vector<ElementNode*>{body.Get(), header.Get()}}) {
+        Ref<Basalt::Xml::Security::Signature> signature;
+        Basalt::Xml::Security::CreateSignatureFromDom(expected, signatureElement.Get(), signature);
+        EXPECT_THROW(signature->Verify(resolver.Get()),
+                     Basalt::Xml::Security::XmlSecurityException);
+    }
 }
 
 }  // namespace
