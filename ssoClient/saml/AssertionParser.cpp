@@ -223,11 +223,10 @@ void ExpectEmpty(const ElementNode& element) {
 std::string ReadTextOnly(const ElementNode& element) {
     ChildCursor cursor(element);
     if (!cursor.AtEnd() && cursor.Current()->GetNodeType() == NodeType::Text) {
-        const Ref<Node> text = cursor.Current();
+        std::string text = cursor.Current()->GetTextContent();
         cursor.Advance();
-        const auto* textNode = dynamic_cast<const Basalt::Xml::TextNode*>(text.Get());
-        if (textNode != nullptr && cursor.AtEnd()) {
-            return textNode->GetValue();
+        if (cursor.AtEnd()) {
+            return text;
         }
     }
     Fail("Element '" + NameOf(element) +

@@ -22,7 +22,6 @@ class NodeFilter {
 // empty); keeps everything else. Stateless, so one instance may be shared freely.
 class SkipWsAndCommentsFilter : public NodeFilter {
   public:
-    // Throws Basalt::TypeMismatchException if a node that claims to be text is not a TextNode.
     bool Accept(const Basalt::Ref<Basalt::Xml::Node>& node) const override;
 };
 
