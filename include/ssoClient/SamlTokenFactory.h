@@ -55,6 +55,11 @@ SSOCLIENT_API std::shared_ptr<const SamlToken> CreateSamlToken(
 SSOCLIENT_API std::shared_ptr<const SamlToken> CreateSamlToken(std::string_view xml,
                                                                long clockToleranceSec);
 SSOCLIENT_API std::shared_ptr<const SamlToken> CreateSamlToken(std::string_view xml);
+// A literal tolerance such as 0 would otherwise be ambiguous with a null resolver.
+inline std::shared_ptr<const SamlToken> CreateSamlToken(std::string_view xml,
+                                                        int clockToleranceSec) {
+    return CreateSamlToken(xml, static_cast<long>(clockToleranceSec));
+}
 
 // Chooses the resolver after parsing, e.g. by issuer.
 using KeyInfoResolverProvider =
@@ -75,6 +80,10 @@ SSOCLIENT_API std::shared_ptr<const SamlToken> CreateSamlTokenFromDom(
 // Without signature verification, as CreateSamlToken(xml, clockToleranceSec).
 SSOCLIENT_API std::shared_ptr<const SamlToken> CreateSamlTokenFromDom(
     Basalt::Xml::ElementNode* assertion, long clockToleranceSec);
+inline std::shared_ptr<const SamlToken> CreateSamlTokenFromDom(Basalt::Xml::ElementNode* assertion,
+                                                               int clockToleranceSec) {
+    return CreateSamlTokenFromDom(assertion, static_cast<long>(clockToleranceSec));
+}
 
 // A factory that always verifies with resolver (a reference is kept; may be null, in which case
 // every verification fails).

@@ -227,6 +227,7 @@ TEST(SamlTokenTest, EntryPointsVerifyOnlyWhenTheyTakeAResolver) {
 
     EXPECT_EQ(CreateSamlToken(tampered)->GetSubject()->name, "mallory");
     EXPECT_EQ(CreateSamlToken(tampered, 60L)->GetSubject()->name, "mallory");
+    EXPECT_EQ(CreateSamlToken(tampered, 0)->GetSubject()->name, "mallory");
     EXPECT_TRUE(Throws<InvalidSignatureException>(
         [&] { CreateSamlToken(tampered, StsResolver().Get()); }, tamperedMessage));
     EXPECT_TRUE(Throws<InvalidSignatureException>(
@@ -298,7 +299,7 @@ TEST(SamlTokenTest, FromDomKeepsTheCanonicalFormAndLeavesTheElementToTheCaller) 
 
     EXPECT_THROW(CreateSamlTokenFromDom(assertion.Get(), OtherResolver().Get(), 600),
                  InvalidSignatureException);
-    EXPECT_EQ(CreateSamlTokenFromDom(assertion.Get(), 0L)->GetTokenType(), Saml_HOK);
+    EXPECT_EQ(CreateSamlTokenFromDom(assertion.Get(), 0)->GetTokenType(), Saml_HOK);
     EXPECT_EQ(CreateSamlTokenFactory(StsResolver().Get())
                   ->CreateSamlTokenFromDom(assertion.Get())
                   ->GetId(),
