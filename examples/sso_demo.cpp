@@ -7,6 +7,7 @@
 // client.pem/client.key (the holder-of-key identity), as the loopback test STS provides them.
 #include <basalt/Crypto.h>
 #include <basalt/Ssl.h>
+#include <basalt/StringUtil.h>
 #include <basalt/XmlSecurity.h>
 #include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
@@ -27,16 +28,6 @@ std::string ReadFile(const std::string& path) {
         throw std::runtime_error("cannot read " + path);
     }
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::string Hex(const std::vector<unsigned char>& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char b : bytes) {
-        hex += kDigits[b >> 4];
-        hex += kDigits[b & 15];
-    }
-    return hex;
 }
 
 // The test STS's toy GSS mechanism: introduce yourself, then answer each challenge with a
@@ -61,8 +52,8 @@ class DemoNegotiation : public SsoClient::NegotiationHandler {
             words >> kind >> round >> nonce;
             std::string proof = nonce + ":" + m_password;
             reply = "RESPONSE " + round + " " +
-                    Hex(Basalt::Crypto::Digest(Basalt::Crypto::DigestAlgorithm::Sha256,
-                                               proof.data(), proof.size()));
+                    Basalt::StringUtil::ToHex(Basalt::Crypto::Digest(
+                        Basalt::Crypto::DigestAlgorithm::Sha256, proof.data(), proof.size()));
         }
         std::cout << "  GSS leg: server said \"" << text << "\", we answer \"" << reply << "\"\n";
         return std::make_shared<std::vector<unsigned char>>(reply.begin(), reply.end());

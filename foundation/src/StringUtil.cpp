@@ -140,6 +140,17 @@ void Base64Decode(std::string_view text, std::vector<unsigned char>& bytes) {
     bytes.swap(out);
 }
 
+std::string ToHex(const std::vector<unsigned char>& bytes) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string hex;
+    hex.reserve(bytes.size() * 2);
+    for (unsigned char b : bytes) {
+        hex += kDigits[b >> 4];
+        hex += kDigits[b & 15];
+    }
+    return hex;
+}
+
 std::string GenerateUuid() {
     uuid_t uuid;
     uuid_generate_random(uuid);

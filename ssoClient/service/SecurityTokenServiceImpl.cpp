@@ -50,8 +50,6 @@ class OperationTrace {
     const char* m_label;
 };
 
-constexpr char kProcessingResponse[] = "SecurityTokenServiceImpl::AcquireToken processing response";
-
 }  // namespace
 
 SecurityTokenServiceImpl::SecurityTokenServiceImpl(std::shared_ptr<RequestBuilder> requestBuilder,
@@ -87,6 +85,21 @@ std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::MakeToken(
     return token;
 }
 
+std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::IssueToken(const SoapRequest& request,
+                                                                      bool traceSending) const {
+    if (traceSending && Tracing()) {
+        Trace("SecurityTokenServiceImpl::AcquireToken sending request");
+    }
+    Basalt::Ref<Basalt::Reader> reply = Exchange(request);
+    // Every issue operation reports its reply under AcquireToken's name.
+    if (Tracing()) {
+        Trace("SecurityTokenServiceImpl::AcquireToken processing response");
+    }
+    std::string text;
+    m_responseHandler->ExtractIssuedToken(reply.Get(), text);
+    return MakeToken(text);
+}
+
 std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::AcquireToken(
     const std::string& user, const std::string& password, const TokenSpec& spec) const {
     OperationTrace trace("AcquireToken");
@@ -94,17 +107,7 @@ std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::AcquireToken(
         Trace("Requested token for subject `%1', spec `%2'", PrintFormatter(user),
               PrintFormatter(DescribeTokenSpec(spec)));
     }
-    SoapRequest request = m_requestBuilder->BuildAcquireTokenRequest(user, password, spec);
-    if (Tracing()) {
-        Trace("SecurityTokenServiceImpl::AcquireToken sending request");
-    }
-    Basalt::Ref<Basalt::Reader> reply = Exchange(request);
-    if (Tracing()) {
-        Trace(kProcessingResponse);
-    }
-    std::string text;
-    m_responseHandler->ExtractIssuedToken(reply.Get(), text);
-    std::shared_ptr<const SamlToken> token = MakeToken(text);
+    auto token = IssueToken(m_requestBuilder->BuildAcquireTokenRequest(user, password, spec), true);
     trace.End();
     return token;
 }
@@ -115,14 +118,7 @@ std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::AcquireTokenByCertifi
     if (Tracing()) {
         Trace("Requested token with spec `%1'", PrintFormatter(DescribeTokenSpec(spec)));
     }
-    Basalt::Ref<Basalt::Reader> reply =
-        Exchange(m_requestBuilder->BuildAcquireTokenByCertificateRequest(spec));
-    if (Tracing()) {
-        Trace(kProcessingResponse);
-    }
-    std::string text;
-    m_responseHandler->ExtractIssuedToken(reply.Get(), text);
-    std::shared_ptr<const SamlToken> token = MakeToken(text);
+    auto token = IssueToken(m_requestBuilder->BuildAcquireTokenByCertificateRequest(spec), false);
     trace.End();
     return token;
 }
@@ -135,14 +131,8 @@ std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::AcquireTokenByToken(
               PrintFormatter(CreateSamlTokenDescription(presented)),
               PrintFormatter(DescribeTokenSpec(spec)));
     }
-    Basalt::Ref<Basalt::Reader> reply =
-        Exchange(m_requestBuilder->BuildAcquireTokenByTokenRequest(presented, spec));
-    if (Tracing()) {
-        Trace(kProcessingResponse);
-    }
-    std::string text;
-    m_responseHandler->ExtractIssuedToken(reply.Get(), text);
-    std::shared_ptr<const SamlToken> token = MakeToken(text);
+    auto token =
+        IssueToken(m_requestBuilder->BuildAcquireTokenByTokenRequest(presented, spec), false);
     trace.End();
     return token;
 }

@@ -53,6 +53,9 @@ class SecurityTokenServiceImpl : public SecurityTokenService {
     // Sends request over a new session and hands back the reply body.
     Basalt::Ref<Basalt::Reader> Exchange(const SoapRequest& request) const;
     std::shared_ptr<const SamlToken> MakeToken(const std::string& text) const;
+    // Sends an issue request and makes the token of its reply.
+    std::shared_ptr<const SamlToken> IssueToken(const SoapRequest& request,
+                                                bool traceSending) const;
 
     std::shared_ptr<RequestBuilder> m_requestBuilder;
     std::shared_ptr<Transport> m_transport;

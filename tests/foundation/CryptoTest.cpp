@@ -10,16 +10,6 @@ namespace {
 
 using namespace Basalt::Crypto;
 
-std::string Hex(const std::vector<unsigned char>& bytes) {
-    static const char kDigits[] = "0123456789ABCDEF";
-    std::string hex;
-    for (unsigned char b : bytes) {
-        hex += kDigits[b >> 4];
-        hex += kDigits[b & 15];
-    }
-    return hex;
-}
-
 std::string TrimLine(std::string text) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
         text.pop_back();
@@ -39,8 +29,8 @@ TEST(CertificateTest, PemAndDerGiveTheSameCertificate) {
     EXPECT_EQ(fromPem->GetSubjectName(), "CN=Test STS Signing,O=Example Test,C=US");
     EXPECT_EQ(fromPem->GetIssuerName(), "CN=Test STS Signing,O=Example Test,C=US");
     EXPECT_EQ(fromPem->GetSerialNumber(), "4660");
-    EXPECT_EQ(Hex(fromPem->GetThumbprintSha256()),
-              TrimLine(TestData::Read("certs/sts-rsa.sha256")));
+    EXPECT_EQ(Basalt::StringUtil::ToHex(fromPem->GetThumbprintSha256()),
+              Basalt::StringUtil::ToLower(TrimLine(TestData::Read("certs/sts-rsa.sha256"))));
     EXPECT_LT(fromPem->GetNotBefore(), fromPem->GetNotAfter());
     EXPECT_EQ(fromPem->GetPublicKeyPem().rfind("-----BEGIN PUBLIC KEY-----", 0), 0u);
 }
@@ -139,10 +129,10 @@ TEST(PrivateKeyTest, BadKeysAndPassphrasesAreRejected) {
 }
 
 TEST(DigestTest, KnownAnswers) {
-    EXPECT_EQ(Hex(Digest(DigestAlgorithm::Sha256, "abc", 3)),
-              "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
-    EXPECT_EQ(Hex(Digest(DigestAlgorithm::Sha1, "abc", 3)),
-              "A9993E364706816ABA3E25717850C26C9CD0D89D");
+    EXPECT_EQ(Basalt::StringUtil::ToHex(Digest(DigestAlgorithm::Sha256, "abc", 3)),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(Basalt::StringUtil::ToHex(Digest(DigestAlgorithm::Sha1, "abc", 3)),
+              "a9993e364706816aba3e25717850c26c9cd0d89d");
 }
 
 TEST(NetTest, IpLiteralsAreRecognised) {

@@ -19,6 +19,9 @@ BASALT_API std::string Base64Encode(const void* data, size_t size);
 // padding, or non-zero bits after the last encoded byte throw Base64FormatException.
 BASALT_API void Base64Decode(std::string_view text, std::vector<unsigned char>& bytes);
 
+// Lower-case hexadecimal text of bytes (two digits a byte).
+BASALT_API std::string ToHex(const std::vector<unsigned char>& bytes);
+
 // A new random (version 4) UUID as 36 lower-case characters, e.g. "1b4e28ba-2fa1-41d2-883f-...".
 BASALT_API std::string GenerateUuid();
 

@@ -18,16 +18,8 @@ namespace {
 using namespace SsoClient;
 using namespace ServiceTest;
 
-class SecurityTokenServiceTest : public ::testing::Test {
+class SecurityTokenServiceTest : public StsFixture {
   protected:
-    static void SetUpTestSuite() {
-        s_sts = new TestSts::WsTrustSts();
-        s_trust = new StsTrust();
-    }
-    static void TearDownTestSuite() {
-        delete s_sts;
-        delete s_trust;
-    }
     void SetUp() override { s_sts->Command("reset"); }
 
     static std::shared_ptr<SecurityTokenService> Service(bool withHolderOfKey = true) {
@@ -36,13 +28,7 @@ class SecurityTokenServiceTest : public ::testing::Test {
     static std::shared_ptr<SecurityTokenService> FaultyService(const std::string& faults) {
         return MakeService(*s_trust, s_sts->Url("/fault/" + faults + "/sts/STSService"));
     }
-
-    static TestSts::WsTrustSts* s_sts;
-    static StsTrust* s_trust;
 };
-
-TestSts::WsTrustSts* SecurityTokenServiceTest::s_sts = nullptr;
-StsTrust* SecurityTokenServiceTest::s_trust = nullptr;
 
 int64_t LifetimeSeconds(const SamlToken& token) {
     return (token.GetExpirationTime().GetUtcTime() - token.GetStartTime().GetUtcTime()) / 1000000;

@@ -17,17 +17,8 @@ namespace {
 using namespace SsoClient;
 using namespace ServiceTest;
 
-class ServiceEdgeCasesTest : public ::testing::Test {
+class ServiceEdgeCasesTest : public StsFixture {
   protected:
-    static void SetUpTestSuite() {
-        s_sts = new TestSts::WsTrustSts();
-        s_trust = new StsTrust();
-    }
-    static void TearDownTestSuite() {
-        delete s_sts;
-        delete s_trust;
-    }
-
     // The service's pipeline with the given transport and reply handler.
     static std::shared_ptr<SecurityTokenService> Assemble(
         std::shared_ptr<Transport> transport, std::shared_ptr<ResponseHandler> handler) {
@@ -39,13 +30,7 @@ class ServiceEdgeCasesTest : public ::testing::Test {
         return std::make_shared<HttpsClient>(s_sts->Url(path), s_trust->sslContext.Get(), "",
                                              timeoutMicros, false);
     }
-
-    static TestSts::WsTrustSts* s_sts;
-    static StsTrust* s_trust;
 };
-
-TestSts::WsTrustSts* ServiceEdgeCasesTest::s_sts = nullptr;
-StsTrust* ServiceEdgeCasesTest::s_trust = nullptr;
 
 TEST_F(ServiceEdgeCasesTest, AReplyPastTheWaitTimeoutIsACommunicationFailure) {
     auto service =

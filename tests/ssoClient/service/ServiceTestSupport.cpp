@@ -1,6 +1,7 @@
 #include "ServiceTestSupport.h"
 
 #include <basalt/Crypto.h>
+#include <basalt/StringUtil.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -12,16 +13,6 @@
 namespace ServiceTest {
 
 namespace {
-
-std::string Hex(const std::vector<unsigned char>& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char b : bytes) {
-        hex += kDigits[b >> 4];
-        hex += kDigits[b & 15];
-    }
-    return hex;
-}
 
 std::shared_ptr<std::vector<unsigned char>> Leg(const std::string& text) {
     return std::make_shared<std::vector<unsigned char>>(text.begin(), text.end());
@@ -56,6 +47,21 @@ std::shared_ptr<SsoClient::SecurityTokenService> MakeService(const StsTrust& tru
     return SsoClient::CreateSecurityTokenService(config);
 }
 
+TestSts::WsTrustSts* StsFixture::s_sts = nullptr;
+StsTrust* StsFixture::s_trust = nullptr;
+
+void StsFixture::SetUpTestSuite() {
+    s_sts = new TestSts::WsTrustSts();
+    s_trust = new StsTrust();
+}
+
+void StsFixture::TearDownTestSuite() {
+    delete s_sts;
+    delete s_trust;
+    s_sts = nullptr;
+    s_trust = nullptr;
+}
+
 SsoClient::TokenSpec Spec(int64_t lifetimeSeconds) {
     SsoClient::TokenSpec spec;
     spec.tokenLifetimeSec = lifetimeSeconds;
@@ -81,8 +87,8 @@ std::shared_ptr<std::vector<unsigned char>> TestGssHandler::NextLeg(
     }
     std::string proof = nonce + ":" + m_password;
     return Leg("RESPONSE " + round + " " +
-               Hex(Basalt::Crypto::Digest(Basalt::Crypto::DigestAlgorithm::Sha256, proof.data(),
-                                          proof.size())));
+               Basalt::StringUtil::ToHex(Basalt::Crypto::Digest(
+                   Basalt::Crypto::DigestAlgorithm::Sha256, proof.data(), proof.size())));
 }
 
 struct CallbackLatch::State {

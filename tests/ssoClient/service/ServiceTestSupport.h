@@ -3,6 +3,7 @@
 #include <basalt/Crypto.h>
 #include <basalt/Ssl.h>
 #include <basalt/XmlSecurity.h>
+#include <gtest/gtest.h>
 #include <ssoClient/SecurityTokenService.h>
 
 #include <memory>
@@ -30,6 +31,16 @@ std::shared_ptr<SsoClient::SecurityTokenService> MakeService(const StsTrust& tru
                                                              bool reuseConnections = false);
 
 SsoClient::TokenSpec Spec(int64_t lifetimeSeconds = 600);
+
+// A test suite that shares one running test STS and the trust to talk to it.
+class StsFixture : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite();
+    static void TearDownTestSuite();
+
+    static TestSts::WsTrustSts* s_sts;
+    static StsTrust* s_trust;
+};
 
 // The test GSS mechanism of the STS: "HELLO <upn> [rounds]", then answers to its challenges.
 class TestGssHandler : public SsoClient::NegotiationHandler {
