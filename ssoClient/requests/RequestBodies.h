@@ -11,7 +11,7 @@
 
 namespace SsoClient {
 
-// Builders of the WS-Trust request bodies and their fragments. Nothing here checks the spec:
+// Builders of the WS-Trust request bodies and their fragments. Nothing here checks the TokenSpec:
 // the request builder does that before any body is made.
 
 // wst:RequestSecurityToken asking for a SAML token (bearer or holder-of-key).

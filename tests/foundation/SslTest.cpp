@@ -241,7 +241,7 @@ class PickySpec final : public ObjectImpl, public Http::CustomConnectionSpec {
     std::string m_refused;
 };
 
-TEST(TlsConnections, CustomSpecificationTakesPartInTheHandshake) {
+TEST(TlsConnections, CustomConnectionSpecTakesPartInTheHandshake) {
     TestSts::TestServer server({"--tls", "server"});
     Ref<Ssl::SSLContext> context = Context(TrustingTestCa());
     for (const char* refused : {"CN=nobody", "CN=localhost"}) {
