@@ -20,6 +20,7 @@
 #include <ssoClient/Description.h>
 #include <ssoClient/SamlTokenFactory.h>
 
+#include "TestData.h"
 #include "ssoClient/saml/SamlNames.h"
 #include "support/SamlAssertionGenerator.h"
 
@@ -34,6 +35,8 @@ std::string MakeTypicalToken(bool holderOfKey) {
     {
         AssertionSpec spec;
         spec.holderOfKey = holderOfKey;
+        // The confirmation key of a typical holder-of-key token is an RSA certificate.
+        spec.holderOfKeyCertificatePem = TestData::Read("certs/other-rsa.pem");
         spec.delegates = {{"svc-frontend@example.test", -600}, {"svc-backend@example.test", -300}};
         spec.audiences = {"https://api.example.test/", "urn:example:inventory"};
         spec.proxyCount = "3";
