@@ -172,9 +172,17 @@ class SilentServer:
             self._held.append(connection)
 
 
-def make_tls_context(cert, key, client_ca=None):
+def make_tls_context(cert, key, client_ca=None, max_version=None):
+    """max_version "1.1" or "1.2" caps the protocol; "1.1" also lowers OpenSSL's security level,
+    which otherwise refuses anything below TLS 1.2, so that clients' own floor is what is tested."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.minimum_version = ssl.TLSVersion.TLSv1_2
+    if max_version == "1.1":
+        context.set_ciphers("DEFAULT:@SECLEVEL=0")
+        context.minimum_version = ssl.TLSVersion.TLSv1_1
+        context.maximum_version = ssl.TLSVersion.TLSv1_1
+    elif max_version == "1.2":
+        context.maximum_version = ssl.TLSVersion.TLSv1_2
     context.load_cert_chain(cert, key)
     if client_ca:
         context.load_verify_locations(client_ca)

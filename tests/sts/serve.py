@@ -1,6 +1,6 @@
 """Starts a loopback test server for the HTTP and transport tests.
 
-usage: serve.py [--tls NAME] [--client-ca NAME] [--silent]
+usage: serve.py [--tls NAME] [--client-ca NAME] [--max-tls 1.1|1.2] [--silent]
 NAME is a fixture base name under tests/data/tls (NAME.pem and NAME.key; NAME.pem for the CA).
 """
 
@@ -20,6 +20,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--tls")
     parser.add_argument("--client-ca")
+    parser.add_argument("--max-tls", choices=["1.1", "1.2"])
     parser.add_argument("--silent", action="store_true")
     args = parser.parse_args()
     if args.silent:
@@ -29,7 +30,8 @@ def main():
     if args.tls:
         fixture = os.path.join(TLS_DIR, args.tls)
         client_ca = os.path.join(TLS_DIR, args.client_ca + ".pem") if args.client_ca else None
-        context = loopback.make_tls_context(fixture + ".pem", fixture + ".key", client_ca)
+        context = loopback.make_tls_context(fixture + ".pem", fixture + ".key", client_ca,
+                                            args.max_tls)
     server = loopback.LoopbackServer(context)
     echo_handlers.install(server)
     loopback.run(server)
