@@ -13,6 +13,7 @@
 
 #include "TestData.h"
 #include "ssoClient/saml/SamlNames.h"
+#include "ssoClient/xml/XmlUtils.h"
 
 namespace TestSupport {
 
@@ -173,15 +174,9 @@ std::string SignatureTemplate(const std::string& id) {
 }
 
 Basalt::Ref<Basalt::Xml::Document> Parse(const std::string& xml) {
-    Basalt::Ref<Basalt::StringReader> reader;
-    Basalt::CreateStringReader(xml, reader);
-    Basalt::Ref<Basalt::Xml::XMLHandler> handler;
-    Basalt::Xml::CreateXMLDocumentHandler(handler);
-    Basalt::Ref<Basalt::Xml::XMLParser> parser;
-    Basalt::Xml::CreateXMLParser(handler.Get(), parser);
-    parser->Parse(reader.Get());
-    return Basalt::Ref<Basalt::Xml::Document>(
-        dynamic_cast<Basalt::Xml::Document*>(handler->GetResult().Get()));
+    Basalt::Ref<Basalt::Xml::Document> document;
+    SsoClient::ParseXmlText(xml, document);
+    return document;
 }
 
 template <class T>

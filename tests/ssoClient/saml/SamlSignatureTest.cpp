@@ -14,6 +14,7 @@
 #include <basalt/Xml.h>
 
 #include "TestData.h"
+#include "ssoClient/xml/XmlUtils.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
 
@@ -25,15 +26,9 @@ using namespace TestSupport;
 const char kTampered[] = "Failed to verify signature: token might have been tampered with.";
 
 Basalt::Ref<Basalt::Xml::Document> ParseDocument(const std::string& xml) {
-    Basalt::Ref<Basalt::StringReader> reader;
-    Basalt::CreateStringReader(xml, reader);
-    Basalt::Ref<Basalt::Xml::XMLHandler> handler;
-    Basalt::Xml::CreateXMLDocumentHandler(handler);
-    Basalt::Ref<Basalt::Xml::XMLParser> parser;
-    Basalt::Xml::CreateXMLParser(handler.Get(), parser);
-    parser->Parse(reader.Get());
-    return Basalt::Ref<Basalt::Xml::Document>(
-        dynamic_cast<Basalt::Xml::Document*>(handler->GetResult().Get()));
+    Basalt::Ref<Basalt::Xml::Document> document;
+    SsoClient::ParseXmlText(xml, document);
+    return document;
 }
 
 // A scratch directory removed at the end of the test.
