@@ -18,7 +18,7 @@ namespace SsoClient {
 // shared as std::shared_ptr<const SamlToken>, whose deleter knows the concrete class; a built
 // token may be read from any number of threads.
 class SSOCLIENT_API SamlToken {
-public:
+  public:
     // The assertion's ID attribute.
     virtual const std::string& GetId() const = 0;
     // NotBefore of the token's conditions.
@@ -53,7 +53,7 @@ public:
     // Not supported: aborts the process.
     virtual void GetUnsupportedInfo() const = 0;
 
-protected:
+  protected:
     SamlToken() = default;
     SamlToken(const SamlToken&) = default;
     SamlToken& operator=(const SamlToken&) = default;

@@ -57,8 +57,8 @@ class HttpsSession : public TransportSession {
 // Turns the outcome of an exchange into the reply body, or into the failure to report: a
 // transport error keeps its text; a status other than 2xx and 500 becomes "Server returned
 // error: <code> <reason>".
-Basalt::Ref<Basalt::Reader> ConvertReply(
-    const Basalt::Exception* error, Basalt::Http::ClientResponse* response,
-    std::shared_ptr<CommunicationException>& failure);
+Basalt::Ref<Basalt::Reader> ConvertReply(const Basalt::Exception* error,
+                                         Basalt::Http::ClientResponse* response,
+                                         std::shared_ptr<CommunicationException>& failure);
 
 }  // namespace SsoClient
