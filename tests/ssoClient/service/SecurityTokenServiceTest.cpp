@@ -97,6 +97,32 @@ TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
     EXPECT_FALSE(service->ValidateToken(*renewed));
 }
 
+TEST_F(SecurityTokenServiceTest, DelegationAndActingForAnother) {
+    auto service = Service();
+    TokenSpec delegable = Spec();
+    delegable.delegable = true;
+    auto solution = service->AcquireTokenByCertificate(delegable);
+    ASSERT_TRUE(solution);
+
+    // A holder-of-key password request naming a delegate is sent unsigned and still asks for a
+    // holder-of-key token, bound to the delegate.
+    TokenSpec delegated = Spec();
+    delegated.delegateTo = std::string("client-solution");
+    auto token = service->AcquireToken("bob", "bob-password", delegated);
+    ASSERT_TRUE(token);
+    EXPECT_EQ(token->GetSubject()->name, "bob");
+    std::vector<Delegate> chain;
+    token->GetDelegationChain(chain);
+    ASSERT_EQ(chain.size(), 1u);
+    EXPECT_EQ(chain[0].principal.name, "client-solution");
+
+    TokenSpec actAs = Spec();
+    actAs.actAsToken = solution;
+    auto acting = service->AcquireToken("alice", "alice-password", actAs);
+    ASSERT_TRUE(acting);
+    EXPECT_EQ(acting->GetSubject()->name, "client-solution");
+}
+
 TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
     auto service = Service(false);
     TestGssHandler handler("alice@example.test", "alice-password", 2);
