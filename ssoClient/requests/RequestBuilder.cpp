@@ -46,6 +46,18 @@ SoapRequest Envelope(const char* action, const XMLBuilderPtr& header, const XMLB
     return Serialize(action, XMLSignedSoapBuilder(header, body, *signer, keyInfo));
 }
 
+// The envelope, signed by signer when there is one, with the signer's certificate carried in the
+// security header and named by the signature's key information.
+SoapRequest CertificateEnvelope(const char* action,
+                                const std::shared_ptr<XMLCompositeBuilder>& header,
+                                const XMLBuilderPtr& body, const HolderOfKeyConfig* signer) {
+    if (signer == nullptr) {
+        return Envelope(action, header, body, nullptr, nullptr);
+    }
+    header->Add(BuildCertificateToken(*signer->certificate));
+    return Envelope(action, header, body, signer, BuildCertificateReference());
+}
+
 }  // namespace
 
 RequestBuilder::~RequestBuilder() = default;
@@ -75,26 +87,17 @@ SoapRequest RequestBuilderImpl::BuildAcquireTokenRequest(const std::string& user
     CheckLifetime(spec.tokenLifetimeSec);
     auto header = BuildSecurityHeader(kTimestampMinutes);
     header->Add(BuildUsernamePasswordToken(userName, password));
-    const bool signs = SignsWithCertificate(spec);
-    if (signs) {
-        header->Add(BuildCertificateToken(*m_holderOfKey->certificate));
-    }
-    return Envelope(kIssueAction, header,
-                    BuildIssueRequestWithUseKey(AsksForHolderOfKey(spec), spec),
-                    signs ? &*m_holderOfKey : nullptr, BuildCertificateReference());
+    return CertificateEnvelope(kIssueAction, header,
+                               BuildIssueRequestWithUseKey(AsksForHolderOfKey(spec), spec),
+                               SignsWithCertificate(spec) ? &*m_holderOfKey : nullptr);
 }
 
 SoapRequest RequestBuilderImpl::BuildAcquireTokenByGSSRequest(const std::vector<unsigned char>& leg,
                                                               const TokenSpec& spec) const {
     CheckLifetime(spec.tokenLifetimeSec);
-    auto header = BuildSecurityHeader(kTimestampMinutes);
-    const bool signs = SignsWithCertificate(spec);
-    if (signs) {
-        header->Add(BuildCertificateToken(*m_holderOfKey->certificate));
-    }
     auto body = std::make_shared<XMLBodyBuilderInitialSPNego>(AsksForHolderOfKey(spec), spec, leg);
-    return Envelope(kIssueAction, header, body, signs ? &*m_holderOfKey : nullptr,
-                    BuildCertificateReference());
+    return CertificateEnvelope(kIssueAction, BuildSecurityHeader(kTimestampMinutes), body,
+                               SignsWithCertificate(spec) ? &*m_holderOfKey : nullptr);
 }
 
 SoapRequest RequestBuilderImpl::BuildContinueNegotiationRequest(
@@ -112,10 +115,8 @@ SoapRequest RequestBuilderImpl::BuildAcquireTokenByCertificateRequest(const Toke
             std::string("TokenSpec::confirmation must be CONFIRMATION_DEFAULT for ") +
             kByCertificate);
     }
-    auto header = BuildSecurityHeader(kTimestampMinutes);
-    header->Add(BuildCertificateToken(*signer.certificate));
-    return Envelope(kIssueAction, header, BuildIssueRequestWithUseKey(true, spec), &signer,
-                    BuildCertificateReference());
+    return CertificateEnvelope(kIssueAction, BuildSecurityHeader(kTimestampMinutes),
+                               BuildIssueRequestWithUseKey(true, spec), &signer);
 }
 
 SoapRequest RequestBuilderImpl::BuildAcquireTokenByTokenRequest(const SamlToken& token,
@@ -141,10 +142,8 @@ SoapRequest RequestBuilderImpl::BuildRenewTokenRequest(const SamlToken& token,
         throw Basalt::InvalidArgumentException(std::string("Unable to ") + kRenew +
                                                ": the provided token must be Holder Of Key");
     }
-    auto header = BuildSecurityHeader(kTimestampMinutes);
-    header->Add(BuildCertificateToken(*signer.certificate));
-    return Envelope(kRenewAction, header, BuildRenewRequest(token, lifetimeSeconds), &signer,
-                    BuildCertificateReference());
+    return CertificateEnvelope(kRenewAction, BuildSecurityHeader(kTimestampMinutes),
+                               BuildRenewRequest(token, lifetimeSeconds), &signer);
 }
 
 }  // namespace SsoClient
