@@ -4,84 +4,40 @@
 // duration of a test. The server announces its port on standard output; the counters are read
 // over the same pipe, and closing its standard input ends it.
 
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-extern char** environ;
+#include "sts/PythonServer.h"
 
 namespace TestSts {
 
-class TestServer {
+// The plain HTTP/TLS loopback server (tests/sts/serve.py).
+class TestServer : public PythonServer {
   public:
     // args as for serve.py, e.g. {"--tls", "server"}.
-    explicit TestServer(std::vector<std::string> args = {}) {
+    explicit TestServer(const std::vector<std::string>& args = {})
+        : PythonServer("serve.py", args) {
         for (const std::string& arg : args) {
             m_tls = m_tls || arg == "--tls";
         }
-        int toChild[2];
-        int fromChild[2];
-        // Close-on-exec, so no other server started later inherits our pipe and keeps us alive.
-        if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0) {
-            throw std::runtime_error("pipe failed");
-        }
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, toChild[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, fromChild[1], 1);
-        posix_spawn_file_actions_addclose(&actions, toChild[1]);
-        posix_spawn_file_actions_addclose(&actions, fromChild[0]);
-        std::vector<std::string> argv = {"/usr/bin/python3",
-                                         std::string(SSOCLIENT_TEST_DATA_DIR) + "/../sts/serve.py"};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char*> cargv;
-        for (std::string& arg : argv) {
-            cargv.push_back(arg.data());
-        }
-        cargv.push_back(nullptr);
-        const int spawned = posix_spawn(&m_pid, cargv[0], &actions, nullptr, cargv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        close(toChild[0]);
-        close(fromChild[1]);
-        m_in = fdopen(toChild[1], "w");
-        m_out = fdopen(fromChild[0], "r");
-        if (spawned != 0) {
-            Stop();
-            throw std::runtime_error("cannot start /usr/bin/python3");
-        }
-        const std::string ready = ReadLine();
-        if (ready.compare(0, 6, "READY ") != 0) {
-            Stop();
-            throw std::runtime_error("test server did not start: " + ready);
-        }
-        m_port = std::stoi(ready.substr(6));
     }
-    ~TestServer() { Stop(); }
-    TestServer(const TestServer&) = delete;
-    TestServer& operator=(const TestServer&) = delete;
 
-    int Port() const { return m_port; }
     std::string Url(const std::string& path, const std::string& host = "127.0.0.1") const {
-        return std::string(m_tls ? "https://" : "http://") + host + ":" + std::to_string(m_port) +
+        return std::string(m_tls ? "https://" : "http://") + host + ":" + std::to_string(Port()) +
                path;
     }
 
     // The server's counters: connections, handshakes, resumed (TLS sessions), requests.
     std::map<std::string, int> Stats() {
-        std::fputs("stats\n", m_in);
-        std::fflush(m_in);
         std::map<std::string, int> stats;
-        const std::string line = ReadLine();
+        const std::string line = Command("stats");
         for (const char* name : {"connections", "handshakes", "resumed", "requests"}) {
             const size_t at = line.find(std::string("\"") + name + "\": ");
             if (at != std::string::npos) {
@@ -92,38 +48,6 @@ class TestServer {
     }
 
   private:
-    std::string ReadLine() {
-        char buffer[512];
-        if (!m_out || !std::fgets(buffer, sizeof buffer, m_out)) {
-            return "(no output)";
-        }
-        std::string line(buffer);
-        while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
-            line.pop_back();
-        }
-        return line;
-    }
-
-    void Stop() {
-        if (m_in) {
-            std::fclose(m_in);  // end of input: the server exits
-            m_in = nullptr;
-        }
-        if (m_out) {
-            std::fclose(m_out);
-            m_out = nullptr;
-        }
-        if (m_pid > 0) {
-            int status = 0;
-            waitpid(m_pid, &status, 0);
-            m_pid = -1;
-        }
-    }
-
-    pid_t m_pid = -1;
-    FILE* m_in = nullptr;
-    FILE* m_out = nullptr;
-    int m_port = 0;
     bool m_tls = false;
 };
 
