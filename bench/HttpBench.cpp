@@ -11,7 +11,7 @@
 #include <mutex>
 
 #include "TestData.h"
-#include "ssoClient/transport/HttpsClient.h"
+#include "internal/transport/HttpsClient.h"
 #include "sts/TestServer.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <basalt/Crypto.h>
 
 #include "TestData.h"
-#include "ssoClient/requests/RequestBuilder.h"
+#include "internal/requests/RequestBuilder.h"
 #include "support/TestCredentials.h"
 
 namespace {

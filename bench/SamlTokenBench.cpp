@@ -21,7 +21,7 @@
 #include <ssoClient/SamlTokenFactory.h>
 
 #include "TestData.h"
-#include "ssoClient/saml/SamlNames.h"
+#include "internal/saml/SamlNames.h"
 #include "support/SamlAssertionGenerator.h"
 
 namespace {

@@ -17,11 +17,11 @@
 #include <vector>
 
 #include "TestData.h"
-#include "basalt/Crypto.h"
-#include "basalt/IO.h"
-#include "basalt/StringUtil.h"
-#include "basalt/Xml.h"
-#include "basalt/XmlSecurity.h"
+#include <basalt/Crypto.h>
+#include <basalt/IO.h>
+#include <basalt/StringUtil.h>
+#include <basalt/Xml.h>
+#include <basalt/XmlSecurity.h>
 
 using namespace Basalt;
 using namespace Basalt::Xml;

@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "basalt/Crypto.h"
-#include "basalt/Exception.h"
-#include "basalt/IO.h"
-#include "basalt/Xml.h"
-#include "basalt/XmlSecurity.h"
+#include <basalt/Crypto.h>
+#include <basalt/Exception.h>
+#include <basalt/IO.h>
+#include <basalt/Xml.h>
+#include <basalt/XmlSecurity.h>
 
 using namespace Basalt;
 using namespace Basalt::Xml;

@@ -1,4 +1,4 @@
-#include "ssoClient/Exceptions.h"
+#include <ssoClient/Exceptions.h>
 
 namespace SsoClient {
 

@@ -1,4 +1,4 @@
-#include "ssoClient/Logger.h"
+#include "internal/Logger.h"
 
 namespace SsoClient {
 

@@ -1,4 +1,4 @@
-#include "ssoClient/Types.h"
+#include <ssoClient/Types.h>
 
 #include <strings.h>
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "ssoClient/Export.h"
+#include <ssoClient/Export.h>
 
 namespace SsoClient {
 

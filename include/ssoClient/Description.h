@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "ssoClient/Export.h"
-#include "ssoClient/SamlToken.h"
+#include <ssoClient/Export.h>
+#include <ssoClient/SamlToken.h>
 
 namespace SsoClient {
 

@@ -2,7 +2,7 @@
 
 #include <basalt/Exception.h>
 
-#include "ssoClient/Export.h"
+#include <ssoClient/Export.h>
 
 namespace SsoClient {
 

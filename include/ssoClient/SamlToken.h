@@ -9,8 +9,8 @@
 #include <basalt/DateTime.h>
 #include <basalt/XmlSecurity.h>
 
-#include "ssoClient/Export.h"
-#include "ssoClient/Types.h"
+#include <ssoClient/Export.h>
+#include <ssoClient/Types.h>
 
 namespace SsoClient {
 

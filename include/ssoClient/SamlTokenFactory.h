@@ -9,8 +9,8 @@
 #include <basalt/Xml.h>
 #include <basalt/XmlSecurity.h>
 
-#include "ssoClient/Export.h"
-#include "ssoClient/SamlToken.h"
+#include <ssoClient/Export.h>
+#include <ssoClient/SamlToken.h>
 
 namespace SsoClient {
 

@@ -11,11 +11,11 @@
 #include <basalt/XmlSecurity.h>
 #include <boost/optional.hpp>
 
-#include "ssoClient/Export.h"
-#include "ssoClient/HolderOfKeyConfig.h"
-#include "ssoClient/SamlToken.h"
-#include "ssoClient/SamlTokenFactory.h"
-#include "ssoClient/Types.h"
+#include <ssoClient/Export.h>
+#include <ssoClient/HolderOfKeyConfig.h>
+#include <ssoClient/SamlToken.h>
+#include <ssoClient/SamlTokenFactory.h>
+#include <ssoClient/Types.h>
 
 namespace SsoClient {
 

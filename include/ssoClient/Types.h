@@ -10,7 +10,7 @@
 
 #include <basalt/DateTime.h>
 
-#include "ssoClient/Export.h"
+#include <ssoClient/Export.h>
 
 namespace SsoClient {
 

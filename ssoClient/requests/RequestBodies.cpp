@@ -1,10 +1,10 @@
-#include "ssoClient/requests/RequestBodies.h"
+#include "internal/requests/RequestBodies.h"
 
 #include <basalt/DateTime.h>
 #include <basalt/StringUtil.h>
 
-#include "ssoClient/requests/WsTrustNames.h"
-#include "ssoClient/xml/XmlUtils.h"
+#include "internal/requests/WsTrustNames.h"
+#include "internal/xml/XmlUtils.h"
 
 namespace SsoClient {
 

@@ -1,13 +1,13 @@
-#include "ssoClient/requests/RequestBuilder.h"
+#include "internal/requests/RequestBuilder.h"
 
 #include <basalt/Exception.h>
 #include <basalt/StringUtil.h>
 #include <ssoClient/SamlToken.h>
 
-#include "ssoClient/requests/RequestBodies.h"
-#include "ssoClient/requests/SoapEnvelope.h"
-#include "ssoClient/requests/SpnegoBodies.h"
-#include "ssoClient/requests/WsTrustNames.h"
+#include "internal/requests/RequestBodies.h"
+#include "internal/requests/SoapEnvelope.h"
+#include "internal/requests/SpnegoBodies.h"
+#include "internal/requests/WsTrustNames.h"
 
 namespace SsoClient {
 

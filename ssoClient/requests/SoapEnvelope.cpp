@@ -1,12 +1,12 @@
-#include "ssoClient/requests/SoapEnvelope.h"
+#include "internal/requests/SoapEnvelope.h"
 
 #include <basalt/DateTime.h>
 #include <basalt/Exception.h>
 #include <basalt/StringUtil.h>
 #include <basalt/XmlSecurity.h>
 
-#include "ssoClient/requests/WsTrustNames.h"
-#include "ssoClient/xml/XmlUtils.h"
+#include "internal/requests/WsTrustNames.h"
+#include "internal/xml/XmlUtils.h"
 
 namespace SsoClient {
 

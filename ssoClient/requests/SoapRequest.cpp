@@ -1,4 +1,4 @@
-#include "ssoClient/requests/SoapRequest.h"
+#include "internal/requests/SoapRequest.h"
 
 #include <basalt/StringUtil.h>
 

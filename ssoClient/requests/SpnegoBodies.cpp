@@ -1,8 +1,8 @@
-#include "ssoClient/requests/SpnegoBodies.h"
+#include "internal/requests/SpnegoBodies.h"
 
 #include <basalt/StringUtil.h>
 
-#include "ssoClient/requests/RequestBodies.h"
+#include "internal/requests/RequestBodies.h"
 
 namespace SsoClient {
 

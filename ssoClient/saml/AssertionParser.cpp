@@ -1,4 +1,4 @@
-#include "ssoClient/saml/AssertionParser.h"
+#include "internal/saml/AssertionParser.h"
 
 #include <algorithm>
 #include <initializer_list>
@@ -11,10 +11,10 @@
 #include <basalt/Exception.h>
 #include <basalt/StringUtil.h>
 
-#include "ssoClient/Exceptions.h"
-#include "ssoClient/saml/SamlNames.h"
-#include "ssoClient/saml/Validation.h"
-#include "ssoClient/xml/XmlUtils.h"
+#include <ssoClient/Exceptions.h>
+#include "internal/saml/SamlNames.h"
+#include "internal/saml/Validation.h"
+#include "internal/xml/XmlUtils.h"
 
 namespace SsoClient {
 namespace Saml {

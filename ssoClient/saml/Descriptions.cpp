@@ -1,4 +1,4 @@
-#include "ssoClient/saml/Descriptions.h"
+#include "internal/saml/Descriptions.h"
 
 #include <basalt/Format.h>
 

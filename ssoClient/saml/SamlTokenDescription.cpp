@@ -1,10 +1,10 @@
-#include "ssoClient/Description.h"
+#include <ssoClient/Description.h>
 
 #include <vector>
 
 #include <basalt/Format.h>
 
-#include "ssoClient/saml/Descriptions.h"
+#include "internal/saml/Descriptions.h"
 
 namespace SsoClient {
 

@@ -1,9 +1,9 @@
-#include "ssoClient/SamlTokenFactory.h"
+#include <ssoClient/SamlTokenFactory.h>
 
 #include <basalt/Exception.h>
 
-#include "ssoClient/saml/SamlTokenImpl.h"
-#include "ssoClient/saml/Validation.h"
+#include "internal/saml/SamlTokenImpl.h"
+#include "internal/saml/Validation.h"
 
 namespace SsoClient {
 

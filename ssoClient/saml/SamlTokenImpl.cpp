@@ -1,4 +1,4 @@
-#include "ssoClient/saml/SamlTokenImpl.h"
+#include "internal/saml/SamlTokenImpl.h"
 
 #include <algorithm>
 #include <cctype>
@@ -7,12 +7,12 @@
 #include <basalt/IO.h>
 #include <basalt/Thread.h>
 
-#include "ssoClient/Exceptions.h"
-#include "ssoClient/saml/AssertionParser.h"
-#include "ssoClient/saml/ParsedAssertion.h"
-#include "ssoClient/saml/SamlNames.h"
-#include "ssoClient/saml/Validation.h"
-#include "ssoClient/xml/XmlUtils.h"
+#include <ssoClient/Exceptions.h>
+#include "internal/saml/AssertionParser.h"
+#include "internal/saml/ParsedAssertion.h"
+#include "internal/saml/SamlNames.h"
+#include "internal/saml/Validation.h"
+#include "internal/xml/XmlUtils.h"
 
 namespace SsoClient {
 
@@ -69,7 +69,7 @@ int32_t NarrowCount(int64_t count) {
 
 SamlTokenImpl::SamlTokenImpl(std::string_view xml, bool verify,
                              const Basalt::Xml::Security::KeyInfoResolver* resolver,
-                             long clockToleranceSec)
+                             long clockToleranceSec, const Basalt::System::Clock& clock)
     : m_xml(xml), m_clockToleranceSec(clockToleranceSec) {
     Basalt::Ref<Basalt::Xml::Document> document;
     ParseXmlText(m_xml, document);
@@ -77,12 +77,12 @@ SamlTokenImpl::SamlTokenImpl(std::string_view xml, bool verify,
     if (document) {
         root = document->GetDocumentElement();
     }
-    Initialize(root, verify, resolver);
+    Initialize(root, verify, clock, resolver);
 }
 
 SamlTokenImpl::SamlTokenImpl(Basalt::Xml::ElementNode& assertion, bool verify,
                              const Basalt::Xml::Security::KeyInfoResolver* resolver,
-                             long clockToleranceSec)
+                             long clockToleranceSec, const Basalt::System::Clock& clock)
     : m_clockToleranceSec(clockToleranceSec) {
     Basalt::Ref<Basalt::Xml::Security::Canonicalizer> canonicalizer;
     Basalt::Xml::Security::CreateCanonicalizer("http://www.w3.org/TR/2001/REC-xml-c14n-20010315#",
@@ -91,16 +91,17 @@ SamlTokenImpl::SamlTokenImpl(Basalt::Xml::ElementNode& assertion, bool verify,
     Basalt::CreateStringWriter(writer);
     canonicalizer->Canonicalize(&assertion, writer.Get());
     m_xml = writer->TakeString();
-    Initialize(Basalt::Ref<Basalt::Xml::ElementNode>(&assertion), verify, resolver);
+    Initialize(Basalt::Ref<Basalt::Xml::ElementNode>(&assertion), verify, clock, resolver);
 }
 
 SamlTokenImpl::~SamlTokenImpl() = default;
 
 void SamlTokenImpl::Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion, bool verify,
+                               const Basalt::System::Clock& clock,
                                const Basalt::Xml::Security::KeyInfoResolver* resolver) {
     Saml::ParsedAssertion parsed;
     Saml::WalkAssertion(assertion, parsed);
-    Saml::ValidateAssertion(parsed, m_clockToleranceSec);
+    Saml::ValidateAssertion(parsed, m_clockToleranceSec, clock);
     m_issuer = std::move(parsed.issuer.value);
     m_signature = parsed.signature;
     if (verify) {

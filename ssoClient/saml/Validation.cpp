@@ -1,4 +1,4 @@
-#include "ssoClient/saml/Validation.h"
+#include "internal/saml/Validation.h"
 
 #include <limits>
 #include <string>
@@ -6,7 +6,7 @@
 
 #include <basalt/Exception.h>
 
-#include "ssoClient/Exceptions.h"
+#include <ssoClient/Exceptions.h>
 
 namespace SsoClient {
 namespace Saml {
@@ -73,7 +73,8 @@ void ValidateDelegation(const ParsedAssertion& parsed) {
 
 }  // namespace
 
-void ValidateAssertion(const ParsedAssertion& parsed, long clockToleranceSec) {
+void ValidateAssertion(const ParsedAssertion& parsed, long clockToleranceSec,
+                       const Basalt::System::Clock& clock) {
     if (parsed.version != "2.0") {
         throw ParseException("Invalid token version");
     }
@@ -90,7 +91,7 @@ void ValidateAssertion(const ParsedAssertion& parsed, long clockToleranceSec) {
             "Unsatisfiable token validity conditions: NotBefore must be less than "
             "NotOnOrAfter.");
     }
-    const int64_t now = Basalt::System::GetUtcDateTime().GetUtcTime();
+    const int64_t now = clock.Now().GetUtcTime();
     const int64_t tolerance = ToleranceMicros(clockToleranceSec);
     if (SaturatingAdd(notBefore, -tolerance) > now) {
         throw ParseException("Token start date is in the future: " +

@@ -1,4 +1,4 @@
-#include "ssoClient/service/ResponseHandler.h"
+#include "internal/service/ResponseHandler.h"
 
 #include <basalt/Exception.h>
 #include <basalt/StringUtil.h>
@@ -8,7 +8,7 @@
 
 #include <utility>
 
-#include "ssoClient/xml/XmlUtils.h"
+#include "internal/xml/XmlUtils.h"
 
 namespace SsoClient {
 

@@ -1,13 +1,13 @@
-#include "ssoClient/service/SecurityTokenServiceImpl.h"
+#include "internal/service/SecurityTokenServiceImpl.h"
 
 #include <basalt/Exception.h>
 #include <basalt/Log.h>
 #include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
 
-#include "ssoClient/Logger.h"
-#include "ssoClient/saml/Descriptions.h"
-#include "ssoClient/service/AsyncCall.h"
+#include "internal/Logger.h"
+#include "internal/saml/Descriptions.h"
+#include "internal/service/AsyncCall.h"
 
 namespace SsoClient {
 

@@ -1,7 +1,7 @@
 #include <ssoClient/SecurityTokenService.h>
 
-#include "ssoClient/service/SecurityTokenServiceImpl.h"
-#include "ssoClient/transport/HttpsClient.h"
+#include "internal/service/SecurityTokenServiceImpl.h"
+#include "internal/transport/HttpsClient.h"
 
 namespace SsoClient {
 

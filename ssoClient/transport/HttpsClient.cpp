@@ -1,6 +1,6 @@
-#include "ssoClient/transport/HttpsClient.h"
+#include "internal/transport/HttpsClient.h"
 
-#include "ssoClient/ConnectionSpec.h"
+#include <ssoClient/ConnectionSpec.h>
 
 namespace SsoClient {
 

@@ -3,8 +3,8 @@
 #include <basalt/Format.h>
 #include <basalt/Net.h>
 
-#include "ssoClient/ConnectionSpec.h"
-#include "ssoClient/Logger.h"
+#include <ssoClient/ConnectionSpec.h>
+#include "internal/Logger.h"
 
 namespace SsoClient {
 

@@ -1,10 +1,10 @@
-#include "ssoClient/xml/XmlBuilders.h"
+#include "internal/xml/XmlBuilders.h"
 
 #include <basalt/Exception.h>
 #include <basalt/StringUtil.h>
 #include <ssoClient/SamlToken.h>
 
-#include "ssoClient/xml/XmlUtils.h"
+#include "internal/xml/XmlUtils.h"
 
 namespace SsoClient {
 

@@ -1,4 +1,4 @@
-#include "ssoClient/xml/XmlUtils.h"
+#include "internal/xml/XmlUtils.h"
 
 #include <cstdio>
 #include <string_view>
@@ -7,7 +7,7 @@
 #include <basalt/Exception.h>
 #include <basalt/IO.h>
 
-#include "ssoClient/Exceptions.h"
+#include <ssoClient/Exceptions.h>
 
 namespace SsoClient {
 

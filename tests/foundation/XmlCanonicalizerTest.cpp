@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "basalt/Exception.h"
-#include "basalt/XmlSecurity.h"
+#include <basalt/Exception.h>
+#include <basalt/XmlSecurity.h>
 #include "foundation/XmlTestUtil.h"
 
 using namespace Basalt;

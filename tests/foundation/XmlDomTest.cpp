@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "basalt/Exception.h"
-#include "basalt/Xml.h"
+#include <basalt/Exception.h>
+#include <basalt/Xml.h>
 #include "foundation/XmlTestUtil.h"
 
 using namespace Basalt;

@@ -10,9 +10,9 @@
 #include <fstream>
 #include <string>
 
-#include "basalt/Exception.h"
-#include "basalt/StringUtil.h"
-#include "basalt/XmlSecurity.h"
+#include <basalt/Exception.h>
+#include <basalt/StringUtil.h>
+#include <basalt/XmlSecurity.h>
 #include "foundation/XmlSignatureTestUtil.h"
 
 using namespace Basalt;

@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
-#include "basalt/Exception.h"
-#include "basalt/XmlSecurity.h"
+#include <basalt/Exception.h>
+#include <basalt/XmlSecurity.h>
 #include "foundation/XmlSignatureTestUtil.h"
 
 using namespace Basalt;

@@ -4,10 +4,10 @@
 #include <vector>
 
 #include "TestData.h"
-#include "basalt/Crypto.h"
-#include "basalt/StringUtil.h"
-#include "basalt/Xml.h"
-#include "basalt/XmlSecurity.h"
+#include <basalt/Crypto.h>
+#include <basalt/StringUtil.h>
+#include <basalt/Xml.h>
+#include <basalt/XmlSecurity.h>
 #include "foundation/XmlTestUtil.h"
 
 namespace XmlTest {

@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "basalt/Exception.h"
-#include "basalt/IO.h"
-#include "basalt/Xml.h"
+#include <basalt/Exception.h>
+#include <basalt/IO.h>
+#include <basalt/Xml.h>
 
 namespace XmlTest {
 

@@ -12,8 +12,8 @@
 #include <basalt/Xml.h>
 
 #include "TestData.h"
-#include "ssoClient/saml/SamlNames.h"
-#include "ssoClient/xml/XmlUtils.h"
+#include "internal/saml/SamlNames.h"
+#include "internal/xml/XmlUtils.h"
 
 namespace TestSupport {
 

@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
-#include "basalt/DateTime.h"
-#include "basalt/Object.h"
+#include <basalt/DateTime.h>
+#include <basalt/Object.h>
 
 namespace Basalt {
 namespace Crypto {

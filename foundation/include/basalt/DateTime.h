@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "basalt/Export.h"
+#include <basalt/Export.h>
 
 namespace Basalt {
 namespace System {
@@ -70,6 +70,19 @@ BASALT_API DateTime DateTimeFromUtc(long micros, bool local);
 BASALT_API DateTime GetUtcDateTime();
 // The instant of calendar fields in UTC; throws DateTimeFormatException if a field is out of range.
 BASALT_API DateTime DateTimeFromFields(const DateTimeFields& fields);
+
+// Where "now" comes from. Whatever compares instants with the present (token validity windows,
+// caches) reads it through a Clock, so that a caller with its own time source, or a test, can fix
+// the present exactly.
+class BASALT_API Clock {
+  public:
+    virtual ~Clock();
+    // The current instant.
+    virtual DateTime Now() const = 0;
+};
+
+// The wall clock (GetUtcDateTime); one instance for the life of the process.
+BASALT_API const Clock& SystemClock();
 
 }  // namespace System
 }  // namespace Basalt

@@ -4,7 +4,7 @@
 #include <string>
 #include <typeinfo>
 
-#include "basalt/Export.h"
+#include <basalt/Export.h>
 
 namespace Basalt {
 

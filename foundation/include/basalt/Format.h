@@ -5,8 +5,8 @@
 #include <string_view>
 #include <type_traits>
 
-#include "basalt/DateTime.h"
-#include "basalt/IO.h"
+#include <basalt/DateTime.h>
+#include <basalt/IO.h>
 
 namespace Basalt {
 

@@ -7,10 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include "basalt/Exception.h"
-#include "basalt/IO.h"
-#include "basalt/Object.h"
-#include "basalt/Ssl.h"
+#include <basalt/Exception.h>
+#include <basalt/IO.h>
+#include <basalt/Object.h>
+#include <basalt/Ssl.h>
 
 namespace Basalt {
 namespace Http {

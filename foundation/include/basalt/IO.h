@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "basalt/Object.h"
+#include <basalt/Object.h>
 
 namespace Basalt {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "basalt/Format.h"
+#include <basalt/Format.h>
 
 namespace Basalt {
 namespace Service {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "basalt/Export.h"
+#include <basalt/Export.h>
 
 namespace Basalt {
 namespace System {

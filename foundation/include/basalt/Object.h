@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "basalt/Export.h"
+#include <basalt/Export.h>
 
 namespace Basalt {
 

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "basalt/Crypto.h"
-#include "basalt/Object.h"
+#include <basalt/Crypto.h>
+#include <basalt/Object.h>
 
 namespace Basalt {
 namespace Ssl {

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "basalt/Export.h"
+#include <basalt/Export.h>
 
 namespace Basalt {
 namespace StringUtil {

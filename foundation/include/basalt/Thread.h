@@ -7,7 +7,7 @@
 #include <memory>
 #include <type_traits>
 
-#include "basalt/Object.h"
+#include <basalt/Object.h>
 
 namespace Basalt {
 namespace System {

@@ -3,7 +3,7 @@
 #include <memory>
 #include <mutex>
 
-#include "basalt/Object.h"
+#include <basalt/Object.h>
 
 namespace Basalt {
 

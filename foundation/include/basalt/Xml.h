@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "basalt/IO.h"
-#include "basalt/Object.h"
+#include <basalt/IO.h>
+#include <basalt/Object.h>
 
 namespace Basalt {
 namespace Xml {

@@ -4,9 +4,9 @@
 #include <string_view>
 #include <vector>
 
-#include "basalt/Crypto.h"
-#include "basalt/IO.h"
-#include "basalt/Xml.h"
+#include <basalt/Crypto.h>
+#include <basalt/IO.h>
+#include <basalt/Xml.h>
 
 namespace Basalt {
 namespace Xml {

@@ -5,8 +5,8 @@
 
 #include "RequestTestSupport.h"
 #include "TestData.h"
-#include "ssoClient/requests/RequestBodies.h"
-#include "ssoClient/requests/SpnegoBodies.h"
+#include "internal/requests/RequestBodies.h"
+#include "internal/requests/SpnegoBodies.h"
 
 namespace {
 

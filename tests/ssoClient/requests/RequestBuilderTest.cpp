@@ -9,7 +9,7 @@
 
 #include "RequestTestSupport.h"
 #include "TestData.h"
-#include "ssoClient/requests/RequestBuilder.h"
+#include "internal/requests/RequestBuilder.h"
 #include "support/TestCredentials.h"
 
 namespace {

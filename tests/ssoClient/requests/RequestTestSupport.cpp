@@ -3,7 +3,7 @@
 #include <basalt/IO.h>
 #include <gtest/gtest.h>
 
-#include "ssoClient/xml/XmlUtils.h"
+#include "internal/xml/XmlUtils.h"
 
 namespace RequestTest {
 

@@ -2,8 +2,8 @@
 #include <ssoClient/Description.h>
 #include <ssoClient/SamlTokenFactory.h>
 
-#include "ssoClient/saml/Descriptions.h"
-#include "ssoClient/saml/SamlNames.h"
+#include "internal/saml/Descriptions.h"
+#include "internal/saml/SamlNames.h"
 #include "support/SamlAssertionGenerator.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <basalt/Xml.h>
 
 #include "TestData.h"
-#include "ssoClient/xml/XmlUtils.h"
+#include "internal/xml/XmlUtils.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
 

@@ -5,7 +5,7 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/SamlTokenFactory.h>
 
-#include "ssoClient/saml/SamlNames.h"
+#include "internal/saml/SamlNames.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
 

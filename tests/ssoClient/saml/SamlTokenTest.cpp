@@ -10,7 +10,7 @@
 #include <basalt/IO.h>
 #include <basalt/Xml.h>
 
-#include "ssoClient/saml/SamlNames.h"
+#include "internal/saml/SamlNames.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
 

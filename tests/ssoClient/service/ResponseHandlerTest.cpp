@@ -5,7 +5,7 @@
 
 #include <functional>
 
-#include "ssoClient/service/ResponseHandler.h"
+#include "internal/service/ResponseHandler.h"
 
 namespace {
 

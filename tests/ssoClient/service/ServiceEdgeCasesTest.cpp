@@ -9,8 +9,8 @@
 #include <mutex>
 
 #include "ServiceTestSupport.h"
-#include "ssoClient/service/SecurityTokenServiceImpl.h"
-#include "ssoClient/transport/HttpsClient.h"
+#include "internal/service/SecurityTokenServiceImpl.h"
+#include "internal/transport/HttpsClient.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <thread>
 
 #include "TestData.h"
-#include "ssoClient/ConnectionSpec.h"
-#include "ssoClient/Exceptions.h"
-#include "ssoClient/transport/HttpsClient.h"
+#include <ssoClient/ConnectionSpec.h>
+#include <ssoClient/Exceptions.h>
+#include "internal/transport/HttpsClient.h"
 #include "sts/TestServer.h"
 
 using namespace SsoClient;

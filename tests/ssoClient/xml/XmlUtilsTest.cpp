@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
 
-#include "ssoClient/xml/XmlUtils.h"
+#include "internal/xml/XmlUtils.h"
 
 namespace {
 

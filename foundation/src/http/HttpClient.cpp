@@ -1,0 +1,766 @@
+// The user agent and the HTTP thread: one thread drives every transfer of the process through
+// libcurl's multi interface; callers hand it requests and wait on their pending items.
+
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include "internal/crypto/CryptoInternal.h"
+#include "internal/system/FoundationLog.h"
+#include "internal/http/HttpInternal.h"
+#include "internal/http/SslInternal.h"
+#include <basalt/Net.h>
+
+namespace Basalt {
+namespace Http {
+
+namespace {
+
+thread_local bool t_onHttpThread = false;
+
+std::string BracketIfIpv6(const std::string& host) {
+    return host.find(':') != std::string::npos ? "[" + host + "]" : host;
+}
+
+bool IsValidHostName(const std::string& host) {
+    return !host.empty() &&
+           (System::IsIpAddress(host) || std::all_of(host.begin(), host.end(), [](char c) {
+                return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '.' ||
+                       c == '_';
+            }));
+}
+
+// What a user agent fixed at creation: its ConnectionSpec's answers are read once.
+struct Endpoint {
+    Ref<ConnectionSpec> spec;
+    const CustomConnectionSpec* custom = nullptr;
+    Ref<Ssl::SSLContextImpl> context;
+    bool reusable = false;
+    std::string baseUrl;    // scheme://name:port
+    std::string connectTo;  // libcurl CONNECT_TO entry when the TLS name is not the host
+    std::string peer;       // how messages name the server
+};
+
+Endpoint MakeEndpoint(ConnectionSpec* spec) {
+    if (!spec) {
+        throw InvalidArgumentException("CreateHttpUserAgent: a connection spec is required");
+    }
+    Endpoint endpoint;
+    endpoint.spec = spec;
+    endpoint.custom = dynamic_cast<const CustomConnectionSpec*>(spec);
+    const std::string host = spec->GetHost();
+    const int port = spec->GetPort();
+    std::string serverName = spec->GetServerName();
+    if (!IsValidHostName(host) || port < 1 || port > 65535) {
+        throw InvalidArgumentException("CreateHttpUserAgent: invalid host or port in " +
+                                       spec->ToString());
+    }
+    if (!serverName.empty() && !IsValidHostName(serverName)) {
+        throw InvalidArgumentException("CreateHttpUserAgent: invalid TLS server name '" +
+                                       serverName + "'");
+    }
+    Ssl::SSLContext* context = spec->GetSSLContext();
+    if (context) {
+        endpoint.context = dynamic_cast<Ssl::SSLContextImpl*>(context);
+        if (!endpoint.context) {
+            throw InvalidArgumentException("SSLContext not made by CreateSSLContext");
+        }
+    }
+    endpoint.reusable = spec->IsReusable();
+    const std::string scheme = context ? "https://" : "http://";
+    const std::string portText = ":" + std::to_string(port);
+    if (serverName == host) {
+        serverName.clear();
+    }
+    const std::string urlHost = BracketIfIpv6(serverName.empty() ? host : serverName);
+    endpoint.baseUrl = scheme + urlHost + portText;
+    endpoint.peer = scheme + BracketIfIpv6(host) + portText;
+    if (!serverName.empty()) {
+        endpoint.connectTo = urlHost + portText + ":" + BracketIfIpv6(host) + portText;
+        endpoint.peer += " (TLS name " + serverName + ")";
+    }
+    return endpoint;
+}
+
+class UserAgentImpl;
+
+class Transfer final : public ObjectImpl, public PendingRequestItem {
+  public:
+    Transfer(Ref<UserAgentImpl> agent, RequestData request, CompletionCallback completion);
+    ~Transfer() override;
+
+    bool IsDone() const override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_done;
+    }
+    void Cancel() override;
+    std::string ToString() const override;
+
+    const UserAgentImpl* GetAgent() const { return m_agent.Get(); }
+    // Waits until done; returns false if the time (negative: none) ran out first.
+    bool WaitFor(int64_t microseconds) const;
+    // The outcome once done: throws the error or fills response.
+    void TakeOutcome(Ref<ClientResponse>& response) const;
+
+    // On the HTTP thread.
+    CURL* Setup();
+    void Finish(CURLcode code);
+    void Complete(std::unique_ptr<Exception> error, Ref<ClientResponse> response);
+
+  private:
+    template <class T>
+    void SetOption(CURLoption option, T value);
+    void SetupMethodAndBody();
+    void SetupHeaders();
+    void SetupCookies();
+    void SetupConnection();
+    void SetupTls();
+    void SaveCookies();
+    std::string ErrorText(CURLcode code) const;
+    void CleanupEasy();
+
+    static size_t OnHeader(char* data, size_t size, size_t count, void* self);
+    static size_t OnBody(char* data, size_t size, size_t count, void* self);
+    static CURLcode OnSslContext(CURL*, void* sslContext, void* self);
+    static int OnVerifyChain(X509_STORE_CTX* store, void* self);
+
+    const Ref<UserAgentImpl> m_agent;
+    const RequestData m_request;
+    CompletionCallback m_completion;
+
+    // Used only on the HTTP thread while the transfer runs.
+    CURL* m_easy = nullptr;
+    curl_slist* m_headerList = nullptr;
+    curl_slist* m_connectTo = nullptr;
+    char m_errorBuffer[CURL_ERROR_SIZE] = {};
+    int m_status = 0;
+    std::string m_reason;
+    HeaderList m_headers;
+    std::string m_body;
+    bool m_bodyTooLarge = false;
+    bool m_undefinedInterim = false;
+    std::string m_tlsSetupError;
+    std::string m_handshakeError;
+
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_doneSignal;
+    bool m_done = false;
+    std::unique_ptr<Exception> m_error;
+    Ref<ClientResponse> m_response;
+};
+
+class UserAgentImpl final : public ObjectImpl, public HttpUserAgent {
+  public:
+    UserAgentImpl(ConnectionSpec* spec, CookieStore* cookies, HttpConnectionPool* pool)
+        : m_endpoint(MakeEndpoint(spec)), m_cookies(cookies), m_pool(pool) {
+        if (!m_cookies) {
+            CreateCookieStore("", m_cookies);
+        }
+        if (m_pool) {
+            PoolShare(m_pool.Get());  // refuses foreign pools now rather than per request
+        }
+        if (!m_endpoint.reusable) {
+            m_ownShare = std::make_unique<CurlShare>();
+        }
+    }
+
+    void SendAsync(ClientRequest* request, CompletionCallback completion,
+                   Ref<PendingRequestItem>& pending) override;
+    void Wait(PendingRequestItem* pending, int64_t timeout, Ref<ClientResponse>& response) override;
+    std::string ToString() const override { return "HttpUserAgent(" + m_endpoint.peer + ")"; }
+
+    const Endpoint& GetEndpoint() const { return m_endpoint; }
+    CookieStore& GetCookies() const { return *m_cookies; }
+    // The connection cache for this agent's transfers.
+    CURLSH* GetShare() const {
+        if (m_ownShare) {
+            return m_ownShare->Get();
+        }
+        if (m_endpoint.context) {
+            return m_endpoint.context->GetShare();
+        }
+        return PoolShare(m_pool ? m_pool.Get() : DefaultPool());
+    }
+
+  private:
+    const Endpoint m_endpoint;
+    Ref<CookieStore> m_cookies;
+    const Ref<HttpConnectionPool> m_pool;
+    // Connections private to this agent, when its ConnectionSpec is not reusable. Declared last:
+    // it goes first, and no transfer uses it any more since each holds the agent.
+    std::unique_ptr<CurlShare> m_ownShare;
+};
+
+// The HTTP thread and its multi handle.
+class HttpEngine {
+  public:
+    HttpEngine() {
+        EnsureCurlInitialized();
+        m_multi = curl_multi_init();
+        if (!m_multi) {
+            throw Exception("Out of memory creating the HTTP client");
+        }
+        m_thread = std::thread([this] { Run(); });
+    }
+    ~HttpEngine() {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_stopping = true;
+        }
+        curl_multi_wakeup(m_multi);
+        m_thread.join();
+        curl_multi_cleanup(m_multi);
+    }
+    HttpEngine(const HttpEngine&) = delete;
+    HttpEngine& operator=(const HttpEngine&) = delete;
+
+    void Start(const Ref<Transfer>& transfer) { Post(m_starts, transfer); }
+    void Cancel(const Ref<Transfer>& transfer) { Post(m_cancels, transfer); }
+
+  private:
+    void Post(std::vector<Ref<Transfer>>& queue, const Ref<Transfer>& transfer) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            queue.push_back(transfer);
+        }
+        curl_multi_wakeup(m_multi);
+    }
+
+    void Run() {
+        t_onHttpThread = true;
+        for (;;) {
+            std::vector<Ref<Transfer>> starts;
+            std::vector<Ref<Transfer>> cancels;
+            bool stopping;
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                starts.swap(m_starts);
+                cancels.swap(m_cancels);
+                stopping = m_stopping;
+            }
+            if (stopping) {
+                FailAll(starts, "The HTTP client is shutting down");
+                break;
+            }
+            for (const Ref<Transfer>& transfer : starts) {
+                StartTransfer(transfer);
+            }
+            for (const Ref<Transfer>& transfer : cancels) {
+                Stop(transfer.Get(), "Request cancelled: ");
+            }
+            // Finished transfers must not be kept alive (with their agents) across the wait.
+            starts.clear();
+            cancels.clear();
+            int running = 0;
+            curl_multi_perform(m_multi, &running);
+            CollectFinished();
+            curl_multi_poll(m_multi, nullptr, 0, 1000, nullptr);
+        }
+    }
+
+    void StartTransfer(const Ref<Transfer>& transfer) {
+        try {
+            CURL* easy = transfer->Setup();
+            CURLMcode added = curl_multi_add_handle(m_multi, easy);
+            if (added != CURLM_OK) {
+                throw Exception(std::string("Cannot start the transfer: ") +
+                                curl_multi_strerror(added));
+            }
+            m_active.emplace(easy, transfer);
+        } catch (const Exception& error) {
+            transfer->Complete(std::unique_ptr<Exception>(error.Clone()), nullptr);
+        }
+    }
+
+    void Stop(Transfer* transfer, const std::string& reason) {
+        for (auto it = m_active.begin(); it != m_active.end(); ++it) {
+            if (it->second.Get() == transfer) {
+                Ref<Transfer> stopped = it->second;
+                curl_multi_remove_handle(m_multi, it->first);
+                m_active.erase(it);
+                stopped->Complete(std::make_unique<Exception>(reason + stopped->ToString()),
+                                  nullptr);
+                return;
+            }
+        }
+    }
+
+    void CollectFinished() {
+        int left = 0;
+        while (CURLMsg* message = curl_multi_info_read(m_multi, &left)) {
+            if (message->msg != CURLMSG_DONE) {
+                continue;
+            }
+            CURL* easy = message->easy_handle;
+            const CURLcode result = message->data.result;
+            auto it = m_active.find(easy);
+            if (it == m_active.end()) {
+                continue;
+            }
+            Ref<Transfer> finished = it->second;
+            curl_multi_remove_handle(m_multi, easy);
+            m_active.erase(it);
+            finished->Finish(result);
+        }
+    }
+
+    void FailAll(const std::vector<Ref<Transfer>>& queued, const std::string& reason) {
+        while (!m_active.empty()) {
+            Stop(m_active.begin()->second.Get(), reason + ": ");
+        }
+        for (const Ref<Transfer>& transfer : queued) {
+            transfer->Complete(std::make_unique<Exception>(reason), nullptr);
+        }
+    }
+
+    CURLM* m_multi = nullptr;
+    std::mutex m_mutex;
+    std::vector<Ref<Transfer>> m_starts;
+    std::vector<Ref<Transfer>> m_cancels;
+    bool m_stopping = false;
+    std::unordered_map<CURL*, Ref<Transfer>> m_active;  // HTTP thread only
+    std::thread m_thread;
+};
+
+// The engine starts on first use and stops when the library is unloaded (or the process
+// exits); the holder is a namespace-scope object, so work queued on the thread pool, which
+// starts later, has finished before it goes.
+std::mutex g_engineMutex;
+HttpEngine* g_engine = nullptr;
+bool g_engineShutDown = false;
+
+struct EngineHolder {
+    // OpenSSL registers its exit-time cleanup on first initialisation. Doing that before this
+    // holder is complete makes the HTTP thread stop first, while OpenSSL can still free the
+    // thread's state.
+    EngineHolder() { OPENSSL_init_ssl(0, nullptr); }
+    ~EngineHolder() {
+        HttpEngine* engine;
+        {
+            std::lock_guard<std::mutex> lock(g_engineMutex);
+            g_engineShutDown = true;
+            engine = std::exchange(g_engine, nullptr);
+        }
+        delete engine;
+    }
+} g_engineHolder;
+
+HttpEngine& Engine() {
+    std::lock_guard<std::mutex> lock(g_engineMutex);
+    if (g_engineShutDown) {
+        throw InvalidStateException("The HTTP client has been shut down");
+    }
+    if (!g_engine) {
+        g_engine = new HttpEngine();
+    }
+    return *g_engine;
+}
+
+// ---- Transfer
+
+Transfer::Transfer(Ref<UserAgentImpl> agent, RequestData request, CompletionCallback completion)
+    : m_agent(std::move(agent)),
+      m_request(std::move(request)),
+      m_completion(std::move(completion)) {}
+
+Transfer::~Transfer() {
+    CleanupEasy();
+}
+
+void Transfer::CleanupEasy() {
+    if (m_easy) {
+        curl_easy_cleanup(std::exchange(m_easy, nullptr));
+    }
+    curl_slist_free_all(std::exchange(m_headerList, nullptr));
+    curl_slist_free_all(std::exchange(m_connectTo, nullptr));
+}
+
+std::string Transfer::ToString() const {
+    return m_agent->GetEndpoint().peer + m_request.path;
+}
+
+void Transfer::Cancel() {
+    if (IsDone()) {
+        return;
+    }
+    try {
+        Engine().Cancel(Ref<Transfer>(this));
+    } catch (const InvalidStateException&) {
+        // Shut down: every transfer has been failed already.
+    }
+}
+
+bool Transfer::WaitFor(int64_t microseconds) const {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (microseconds < 0) {
+        m_doneSignal.wait(lock, [this] { return m_done; });
+        return true;
+    }
+    return m_doneSignal.wait_for(lock, std::chrono::microseconds(microseconds),
+                                 [this] { return m_done; });
+}
+
+void Transfer::TakeOutcome(Ref<ClientResponse>& response) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_error) {
+        m_error->Throw();
+    }
+    response = m_response;
+}
+
+template <class T>
+void Transfer::SetOption(CURLoption option, T value) {
+    const CURLcode result = curl_easy_setopt(m_easy, option, value);
+    if (result != CURLE_OK) {
+        throw Exception(std::string("Cannot configure the transfer to ") +
+                        m_agent->GetEndpoint().peer + ": " + curl_easy_strerror(result));
+    }
+}
+
+CURL* Transfer::Setup() {
+    m_easy = curl_easy_init();
+    if (!m_easy) {
+        throw Exception("Out of memory creating a transfer");
+    }
+    const Endpoint& endpoint = m_agent->GetEndpoint();
+    SetOption(CURLOPT_URL, (endpoint.baseUrl + m_request.path).c_str());
+    SetOption(CURLOPT_PRIVATE, static_cast<void*>(this));
+    SetOption(CURLOPT_ERRORBUFFER, m_errorBuffer);
+    SetOption(CURLOPT_NOSIGNAL, 1L);
+    SetOption(CURLOPT_PROTOCOLS_STR, "http,https");
+    SetOption(CURLOPT_FOLLOWLOCATION, 0L);
+    // Configuration comes from the caller only: no proxy taken from the environment.
+    SetOption(CURLOPT_PROXY, "");
+    SetOption(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    SetOption(CURLOPT_HEADERFUNCTION, &Transfer::OnHeader);
+    SetOption(CURLOPT_HEADERDATA, static_cast<void*>(this));
+    SetOption(CURLOPT_WRITEFUNCTION, &Transfer::OnBody);
+    SetOption(CURLOPT_WRITEDATA, static_cast<void*>(this));
+    if (m_request.timeoutMicroseconds > 0) {
+        SetOption(CURLOPT_TIMEOUT_MS, static_cast<long>(std::max<int64_t>(
+                                          1, (m_request.timeoutMicroseconds + 999) / 1000)));
+    }
+    SetupMethodAndBody();
+    SetupHeaders();
+    SetupCookies();
+    SetupConnection();
+    SetupTls();
+    return m_easy;
+}
+
+void Transfer::SetupMethodAndBody() {
+    static const char* const kNames[] = {"",    "GET",    "HEAD",    "POST",
+                                         "PUT", "DELETE", "OPTIONS", "PATCH"};
+    switch (m_request.method) {
+        case HttpMethod::Get:
+            SetOption(CURLOPT_HTTPGET, 1L);
+            return;
+        case HttpMethod::Head:
+            SetOption(CURLOPT_NOBODY, 1L);
+            return;
+        case HttpMethod::Post:
+            break;
+        default:
+            SetOption(CURLOPT_CUSTOMREQUEST, kNames[static_cast<int>(m_request.method)]);
+            if (m_request.body.empty()) {
+                return;
+            }
+    }
+    SetOption(CURLOPT_POST, 1L);
+    SetOption(CURLOPT_POSTFIELDS, m_request.body.data());
+    SetOption(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(m_request.body.size()));
+}
+
+void Transfer::SetupHeaders() {
+    bool hasExpect = false;
+    for (const auto& [name, value] : m_request.headers) {
+        // "Name;" is how libcurl sends a header with an empty value.
+        const std::string line = value.empty() ? name + ";" : name + ": " + value;
+        hasExpect = hasExpect || SameHeaderName(name, "Expect");
+        curl_slist* extended = curl_slist_append(m_headerList, line.c_str());
+        if (!extended) {
+            throw Exception("Out of memory building request headers");
+        }
+        m_headerList = extended;
+    }
+    if (!hasExpect) {
+        // Large bodies go at once rather than after a round trip for "100 Continue".
+        m_headerList = curl_slist_append(m_headerList, "Expect:");
+    }
+    SetOption(CURLOPT_HTTPHEADER, m_headerList);
+}
+
+void Transfer::SetupCookies() {
+    SetOption(CURLOPT_COOKIEFILE, "");
+    for (const std::string& line : m_agent->GetCookies().GetCookieLines()) {
+        SetOption(CURLOPT_COOKIELIST, line.c_str());
+    }
+}
+
+void Transfer::SetupConnection() {
+    const Endpoint& endpoint = m_agent->GetEndpoint();
+    if (!endpoint.connectTo.empty()) {
+        m_connectTo = curl_slist_append(nullptr, endpoint.connectTo.c_str());
+        SetOption(CURLOPT_CONNECT_TO, m_connectTo);
+    }
+    SetOption(CURLOPT_SHARE, m_agent->GetShare());
+}
+
+void Transfer::SetupTls() {
+    const Ssl::SSLContextImpl* context = m_agent->GetEndpoint().context.Get();
+    if (!context) {
+        return;
+    }
+    const Ssl::SSLContextOptions& options = context->GetOptions();
+    const long floor = options.minimumVersion == Ssl::TlsVersion::Tls1_3 ? CURL_SSLVERSION_TLSv1_3
+                                                                         : CURL_SSLVERSION_TLSv1_2;
+    SetOption(CURLOPT_SSLVERSION, floor | CURL_SSLVERSION_MAX_DEFAULT);
+    SetOption(CURLOPT_SSL_VERIFYPEER, options.verifyPeer ? 1L : 0L);
+    SetOption(CURLOPT_SSL_VERIFYHOST, options.verifyHostName ? 2L : 0L);
+    if (!context->GetPinnedKeyHash().empty()) {
+        SetOption(CURLOPT_PINNEDPUBLICKEY, context->GetPinnedKeyHash().c_str());
+    }
+    if (context->HasOwnTrust()) {
+        SetOption(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+        SetOption(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    }
+    SetOption(CURLOPT_SSL_CTX_FUNCTION, &Transfer::OnSslContext);
+    SetOption(CURLOPT_SSL_CTX_DATA, static_cast<void*>(this));
+}
+
+CURLcode Transfer::OnSslContext(CURL*, void* sslContext, void* self) {
+    auto* transfer = static_cast<Transfer*>(self);
+    const Endpoint& endpoint = transfer->m_agent->GetEndpoint();
+    auto* ctx = static_cast<SSL_CTX*>(sslContext);
+    if (!endpoint.context->Install(ctx, transfer->m_tlsSetupError)) {
+        return CURLE_ABORTED_BY_CALLBACK;
+    }
+    if (endpoint.custom && endpoint.context->GetOptions().verifyPeer) {
+        SSL_CTX_set_cert_verify_callback(ctx, &Transfer::OnVerifyChain, transfer);
+    }
+    return CURLE_OK;
+}
+
+int Transfer::OnVerifyChain(X509_STORE_CTX* store, void* self) {
+    const int verified = X509_verify_cert(store);
+    if (verified != 1) {
+        return verified;
+    }
+    auto* transfer = static_cast<Transfer*>(self);
+    try {
+        std::vector<Ref<Crypto::Certificate>> chain;
+        STACK_OF(X509)* natives = X509_STORE_CTX_get0_chain(store);
+        for (int i = 0; i < sk_X509_num(natives); ++i) {
+            X509* native = sk_X509_value(natives, i);
+            X509_up_ref(native);
+            chain.emplace_back();
+            Crypto::WrapCertificate(Crypto::X509Ptr(native), chain.back());
+        }
+        transfer->m_agent->GetEndpoint().custom->OnHandshake(chain);
+        return 1;
+    } catch (const std::exception& error) {
+        transfer->m_handshakeError = error.what();
+    }
+    X509_STORE_CTX_set_error(store, X509_V_ERR_APPLICATION_VERIFICATION);
+    return 0;
+}
+
+size_t Transfer::OnHeader(char* data, size_t size, size_t count, void* self) {
+    auto* transfer = static_cast<Transfer*>(self);
+    std::string line(data, size * count);
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
+        line.pop_back();
+    }
+    if (line.compare(0, 5, "HTTP/") == 0) {
+        // A new status line (after an interim reply) starts the header set again.
+        transfer->m_headers.clear();
+        transfer->m_reason.clear();
+        const size_t codeStart = line.find(' ');
+        const size_t reasonStart =
+            codeStart == std::string::npos ? codeStart : line.find(' ', codeStart + 1);
+        if (reasonStart != std::string::npos) {
+            transfer->m_reason = line.substr(reasonStart + 1);
+        }
+        transfer->m_status =
+            codeStart == std::string::npos ? 0 : std::atoi(line.c_str() + codeStart);
+    } else if (line.empty() && transfer->m_status >= 104 && transfer->m_status <= 199) {
+        // libcurl reads every 1xx as an interim reply and waits for another status line. Codes
+        // without a defined meaning come only from broken servers that never send one, so the
+        // reply ends here and is reported with its own status.
+        transfer->m_undefinedInterim = true;
+        return 0;
+    } else if (const size_t colon = line.find(':'); colon != std::string::npos && colon > 0) {
+        const size_t valueStart = line.find_first_not_of(" \t", colon + 1);
+        const size_t valueEnd = line.find_last_not_of(" \t");
+        transfer->m_headers.emplace_back(line.substr(0, colon),
+                                         valueStart == std::string::npos
+                                             ? ""
+                                             : line.substr(valueStart, valueEnd - valueStart + 1));
+    }
+    return size * count;
+}
+
+size_t Transfer::OnBody(char* data, size_t size, size_t count, void* self) {
+    auto* transfer = static_cast<Transfer*>(self);
+    const size_t bytes = size * count;
+    if (transfer->m_body.size() + bytes > kMaxResponseBodySize) {
+        transfer->m_bodyTooLarge = true;
+        return 0;  // aborts the transfer
+    }
+    transfer->m_body.append(data, bytes);
+    return bytes;
+}
+
+void Transfer::SaveCookies() {
+    curl_slist* cookies = nullptr;
+    if (curl_easy_getinfo(m_easy, CURLINFO_COOKIELIST, &cookies) != CURLE_OK) {
+        return;
+    }
+    std::vector<std::string> lines;
+    for (curl_slist* item = cookies; item; item = item->next) {
+        lines.emplace_back(item->data);
+    }
+    curl_slist_free_all(cookies);
+    m_agent->GetCookies().SetCookieLines(std::move(lines));
+}
+
+std::string Transfer::ErrorText(CURLcode code) const {
+    struct Cause {
+        CURLcode code;
+        const char* text;
+    };
+    static const Cause kCauses[] = {
+        {CURLE_COULDNT_RESOLVE_HOST, "Cannot resolve the host name of "},
+        {CURLE_COULDNT_CONNECT, "Cannot connect to "},
+        {CURLE_OPERATION_TIMEDOUT, "Timed out waiting for "},
+        {CURLE_PEER_FAILED_VERIFICATION, "TLS certificate verification failed for "},
+        {CURLE_SSL_PINNEDPUBKEYNOTMATCH, "TLS public key does not match the pinned key for "},
+        {CURLE_SSL_CONNECT_ERROR, "TLS handshake failed with "},
+        {CURLE_SSL_CERTPROBLEM, "Client certificate problem connecting to "},
+        {CURLE_SEND_ERROR, "Failure sending the request to "},
+        {CURLE_RECV_ERROR, "Failure receiving the reply from "},
+        {CURLE_GOT_NOTHING, "Connection closed without a reply by "},
+        {CURLE_PARTIAL_FILE, "Reply cut short by "},
+        {CURLE_WEIRD_SERVER_REPLY, "Malformed HTTP reply from "},
+    };
+    const std::string& peer = m_agent->GetEndpoint().peer + m_request.path;
+    if (m_bodyTooLarge) {
+        return "Reply body larger than " + std::to_string(kMaxResponseBodySize) + " bytes from " +
+               peer;
+    }
+    if (!m_tlsSetupError.empty()) {
+        return "TLS setup failed for " + peer + ": " + m_tlsSetupError;
+    }
+    if (!m_handshakeError.empty()) {
+        return "TLS handshake rejected by the connection spec for " + peer + ": " +
+               m_handshakeError;
+    }
+    const char* cause = "HTTP transfer failed with ";
+    for (const Cause& candidate : kCauses) {
+        if (candidate.code == code) {
+            cause = candidate.text;
+        }
+    }
+    const std::string detail = m_errorBuffer[0] ? m_errorBuffer : curl_easy_strerror(code);
+    return cause + peer + ": " + detail;
+}
+
+void Transfer::Finish(CURLcode code) {
+    std::unique_ptr<Exception> error;
+    Ref<ClientResponse> response;
+    if (code == CURLE_OK || m_undefinedInterim) {
+        long status = m_status;
+        if (code == CURLE_OK) {
+            curl_easy_getinfo(m_easy, CURLINFO_RESPONSE_CODE, &status);
+        }
+        SaveCookies();
+        CreateClientResponse(static_cast<int>(status), std::move(m_reason), std::move(m_headers),
+                             std::move(m_body), response);
+    } else {
+        error = std::make_unique<Exception>(ErrorText(code));
+        error->SetErrorCode(code);
+    }
+    CleanupEasy();
+    Complete(std::move(error), std::move(response));
+}
+
+void Transfer::Complete(std::unique_ptr<Exception> error, Ref<ClientResponse> response) {
+    CleanupEasy();
+    CompletionCallback completion = std::move(m_completion);
+    m_completion = nullptr;
+    if (completion) {
+        try {
+            completion(error.get(), response.Get(), this);
+        } catch (const std::exception& escaped) {
+            Service::LogInternal(FoundationLogger(), Service::Logger::LL_Error,
+                                 "HTTP completion callback threw: %1",
+                                 PrintFormatter(escaped.what()));
+        } catch (...) {
+            Service::LogInternal(FoundationLogger(), Service::Logger::LL_Error,
+                                 "HTTP completion callback threw an unknown exception");
+        }
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_error = std::move(error);
+        m_response = std::move(response);
+        m_done = true;
+    }
+    m_doneSignal.notify_all();
+}
+
+// ---- UserAgentImpl
+
+void UserAgentImpl::SendAsync(ClientRequest* request, CompletionCallback completion,
+                              Ref<PendingRequestItem>& pending) {
+    if (!request) {
+        throw InvalidArgumentException("HttpUserAgent::SendAsync: null request");
+    }
+    Ref<Transfer> transfer =
+        new Transfer(Ref<UserAgentImpl>(this), SnapshotRequest(request), std::move(completion));
+    Engine().Start(transfer);
+    pending = transfer;
+}
+
+void UserAgentImpl::Wait(PendingRequestItem* pending, int64_t timeout,
+                         Ref<ClientResponse>& response) {
+    auto* transfer = dynamic_cast<Transfer*>(pending);
+    if (!transfer || transfer->GetAgent() != this) {
+        throw InvalidArgumentException(
+            "HttpUserAgent::Wait: the request was not sent by this agent");
+    }
+    if (t_onHttpThread) {
+        throw InvalidStateException(
+            "HttpUserAgent::Wait called on the HTTP thread, where it would block every transfer");
+    }
+    if (!transfer->WaitFor(timeout)) {
+        transfer->Cancel();
+        throw Exception("Timed out after " + std::to_string(timeout / 1000) +
+                        " ms waiting for the reply from " + transfer->ToString());
+    }
+    transfer->TakeOutcome(response);
+}
+
+}  // namespace
+
+void HttpUserAgent::Send(ClientRequest* request, int64_t timeout, Ref<ClientResponse>& response) {
+    Ref<PendingRequestItem> pending;
+    SendAsync(request, nullptr, pending);
+    Wait(pending.Get(), timeout, response);
+}
+
+void CreateHttpUserAgent(ConnectionSpec* spec, CookieStore* cookies, HttpConnectionPool* pool,
+                         Ref<HttpUserAgent>& agent) {
+    agent = new UserAgentImpl(spec, cookies, pool);
+}
+
+}  // namespace Http
+}  // namespace Basalt

@@ -1,0 +1,75 @@
+#pragma once
+
+// Private pieces shared by the foundation's HTTP and TLS code. Never included from a public
+// header.
+
+#include <curl/curl.h>
+
+#include <mutex>
+
+namespace Basalt {
+namespace Http {
+
+// Initialises libcurl once per process (thread-safe; the first call wins).
+void EnsureCurlInitialized();
+
+// A libcurl share of kept-alive connections, TLS sessions and DNS answers. Easy handles that
+// use it must be removed before it goes; the HTTP thread's transfers keep their owner alive.
+class CurlShare {
+  public:
+    CurlShare();
+    ~CurlShare();
+    CurlShare(const CurlShare&) = delete;
+    CurlShare& operator=(const CurlShare&) = delete;
+
+    CURLSH* Get() const { return m_share; }
+
+  private:
+    static void Lock(CURL*, curl_lock_data data, curl_lock_access, void* self);
+    static void Unlock(CURL*, curl_lock_data data, void* self);
+
+    std::mutex m_mutexes[CURL_LOCK_DATA_LAST];
+    CURLSH* m_share;
+};
+
+}  // namespace Http
+}  // namespace Basalt
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <basalt/Http.h>
+
+namespace Basalt {
+namespace Http {
+
+using HeaderList = std::vector<std::pair<std::string, std::string>>;
+
+// What the HTTP thread needs of a request, copied when it is sent.
+struct RequestData {
+    HttpMethod method = HttpMethod::Get;
+    std::string path;
+    HeaderList headers;
+    std::string body;
+    int64_t timeoutMicroseconds = 0;
+};
+
+// Copies a request made by CreateHttpRequest; throws InvalidArgumentException for others.
+RequestData SnapshotRequest(ClientRequest* request);
+
+// The reply of a completed transfer.
+void CreateClientResponse(int status, std::string reason, HeaderList headers, std::string body,
+                          Ref<ClientResponse>& response);
+
+// The cache of a connection pool.
+CURLSH* PoolShare(HttpConnectionPool* pool);
+// The process-wide pool of plain connections.
+HttpConnectionPool* DefaultPool();
+
+// Case-insensitive ASCII comparison of header names.
+bool SameHeaderName(const std::string& a, const std::string& b);
+
+}  // namespace Http
+}  // namespace Basalt

@@ -1,0 +1,51 @@
+#pragma once
+
+// The native side of Basalt::Ssl::SSLContext, for the foundation's HTTP client.
+
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+
+#include <memory>
+#include <string>
+
+#include "internal/http/HttpInternal.h"
+#include <basalt/Ssl.h>
+
+namespace Basalt {
+namespace Ssl {
+
+struct X509StoreDeleter {
+    void operator()(X509_STORE* p) const { X509_STORE_free(p); }
+};
+
+class SSLContextImpl final : public ObjectImpl, public SSLContext {
+  public:
+    explicit SSLContextImpl(const SSLContextOptions& options);
+    ~SSLContextImpl() override;
+
+    const SSLContextOptions& GetOptions() const override { return m_options; }
+    std::string ToString() const override;
+
+    // True when the context trusts only its own CAs rather than the system store.
+    bool HasOwnTrust() const { return m_trust != nullptr; }
+    // libcurl's pinned-key form ("sha256//<base64>"), empty when no key is pinned.
+    const std::string& GetPinnedKeyHash() const { return m_pinnedKeyHash; }
+    // Connections and TLS sessions made under this context.
+    CURLSH* GetShare() const { return m_share.Get(); }
+    // Installs the trust store, client identity and protocol floor into a new SSL_CTX;
+    // returns false (with the reason in error) if OpenSSL refuses them.
+    bool Install(SSL_CTX* ctx, std::string& error) const;
+
+  private:
+    void LoadTrust();
+    void LoadPinnedKey();
+    void CheckClientIdentity() const;
+
+    SSLContextOptions m_options;
+    std::unique_ptr<X509_STORE, X509StoreDeleter> m_trust;
+    std::string m_pinnedKeyHash;
+    mutable Http::CurlShare m_share;
+};
+
+}  // namespace Ssl
+}  // namespace Basalt

@@ -1,0 +1,163 @@
+#pragma once
+
+// The libxml2 tree behind the foundation's DOM classes, for the foundation's own parser,
+// canonicaliser and signature code. Never included from a public header.
+
+#include <libxml/tree.h>
+#include <libxml/xmlerror.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <basalt/Xml.h>
+
+namespace Basalt {
+namespace Xml {
+
+// Initialises libxml2 once per process (thread-safe). Nothing global that would change how
+// other code in the process parses is touched.
+void InitXmlLibrary();
+
+struct XmlDocDeleter {
+    void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
+};
+using XmlDocPtr = std::unique_ptr<xmlDoc, XmlDocDeleter>;
+
+struct XmlCharDeleter {
+    void operator()(xmlChar* p) const { xmlFree(p); }
+};
+using XmlCharPtr = std::unique_ptr<xmlChar, XmlCharDeleter>;
+
+inline const char* AsChars(const xmlChar* s) {
+    return reinterpret_cast<const char*>(s);
+}
+inline const xmlChar* AsXmlChars(const char* s) {
+    return reinterpret_cast<const xmlChar*>(s);
+}
+inline std::string Str(const xmlChar* s) {
+    return s ? std::string(AsChars(s)) : std::string();
+}
+
+// Owns one xmlDoc and everything that belongs to it: its tree, the parentless subtrees made in
+// it (detached elements and text nodes), where each parsed element started, and the prefixes
+// still waiting for a declaration. The document's _private points here; every node wrapper holds
+// a reference, which is how a node keeps its document alive.
+class DocOwner final : public ObjectImpl {
+  public:
+    explicit DocOwner(XmlDocPtr doc);
+    ~DocOwner() override;
+
+    xmlDoc* GetDoc() const { return m_doc; }
+    static DocOwner* Of(const xmlDoc* doc) { return static_cast<DocOwner*>(doc->_private); }
+
+    // A subtree root created here without a parent; freed with the document unless it is
+    // attached somewhere by then.
+    void AddDetached(xmlNode* node) { m_detached.push_back(node); }
+    // Called when node gets a parent or leaves the document.
+    void ForgetDetached(xmlNode* node);
+
+    // Where parsed elements began: kept as the parser recorded them, sorted on first lookup.
+    struct Position {
+        const xmlNode* node;
+        int line;
+        int column;
+    };
+    void SetPositions(std::vector<Position> positions) {
+        m_positions = std::move(positions);
+        m_positionsSorted = false;
+    }
+    // (line, column) of node, (0, 0) if unknown.
+    std::pair<int, int> GetPosition(const xmlNode* node) const;
+
+    // Prefixes of elements and attributes whose namespace is not resolved yet (the node's ns is
+    // null meanwhile).
+    std::unordered_map<const void*, std::string>& Pending() { return m_pending; }
+
+    // Moves the bookkeeping of node's subtree (positions, pending prefixes, wrappers' owner) to
+    // target, after libxml2 has moved the subtree into target's document.
+    void TransferSubtree(xmlNode* node, DocOwner& target);
+
+    // The wrapper of the document node, if one exists.
+    class NodeCore* m_documentWrapper = nullptr;
+
+  private:
+    xmlDoc* m_doc;
+    std::vector<xmlNode*> m_detached;
+    mutable std::vector<Position> m_positions;
+    mutable bool m_positionsSorted = true;
+    std::unordered_map<const void*, std::string> m_pending;
+};
+
+// Common part of every node wrapper; a node's _private points here while a wrapper exists.
+class NodeCore {
+  public:
+    NodeCore(xmlNode* node, DocOwner* owner) : m_node(node), m_owner(owner) {}
+    virtual ~NodeCore() = default;
+    NodeCore(const NodeCore&) = delete;
+    NodeCore& operator=(const NodeCore&) = delete;
+
+    virtual Node* AsNode() = 0;
+    xmlNode* NativeNode() const { return m_node; }
+    DocOwner* Owner() const { return m_owner.Get(); }
+    void SetOwner(DocOwner* owner) { m_owner = owner; }
+
+  protected:
+    xmlNode* m_node;
+    Ref<DocOwner> m_owner;
+};
+
+// The wrapper of a native node (made on first use and cached), or null.
+Ref<Node> WrapNode(xmlNode* node);
+Ref<ElementNode> WrapElement(xmlNode* node);
+Ref<Document> WrapDocument(xmlDoc* doc);
+
+// The native node behind a wrapper made by this library; throws InvalidArgumentException for
+// null or foreign objects.
+xmlNode* NativeOf(const Node* node);
+xmlNode* NativeElementOf(const ElementNode* element);
+
+// A new empty document with its owner (no dictionary, so subtrees can move freely).
+Ref<DocOwner> CreateDocOwner();
+
+// Resolves the pending prefixes of node's subtree against the declarations in scope. With
+// strict, a prefix that is still unbound throws InvalidStateException.
+void ResolvePendingNamespaces(xmlNode* node, bool strict);
+
+// The namespace URI, local name and prefix helpers that honour pending prefixes.
+std::string NodePrefix(const xmlNode* node);
+std::string AttrPrefix(const xmlAttr* attr);
+
+// The value of an attribute (its text children joined).
+std::string AttrValue(const xmlAttr* attr);
+
+// Runs dump with an output buffer that forwards to writer; rethrows what the writer threw.
+void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump);
+
+// While it lives, libxml2 errors raised outside a parser context on this thread (c14n, XPath)
+// are kept here instead of being printed; the previous handler comes back afterwards.
+class LibxmlErrorCapture {
+  public:
+    LibxmlErrorCapture();
+    ~LibxmlErrorCapture();
+    LibxmlErrorCapture(const LibxmlErrorCapture&) = delete;
+    LibxmlErrorCapture& operator=(const LibxmlErrorCapture&) = delete;
+    // The first error caught, or empty.
+    const std::string& FirstError() const { return m_first; }
+
+  private:
+    static void OnError(void* self, xmlError* error);
+
+    xmlStructuredErrorFunc m_previous;
+    void* m_previousContext;
+    std::string m_first;
+};
+
+// Links child as parent's last child without merging adjacent text (xmlAddChild would).
+void LinkLastChild(xmlNode* parent, xmlNode* child);
+
+}  // namespace Xml
+}  // namespace Basalt

@@ -1,0 +1,54 @@
+#include <basalt/IO.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace Basalt {
+
+Reader::~Reader() = default;
+Writer::~Writer() = default;
+StringReader::~StringReader() = default;
+StringWriter::~StringWriter() = default;
+
+namespace {
+
+class StringReaderImpl final : public ObjectImpl, public StringReader {
+  public:
+    explicit StringReaderImpl(std::string_view text) : m_text(text) {}
+
+    size_t Read(char* buffer, size_t size) override {
+        size_t count = std::min(size, m_text.size() - m_position);
+        std::memcpy(buffer, m_text.data() + m_position, count);
+        m_position += count;
+        return count;
+    }
+    size_t Remaining() const override { return m_text.size() - m_position; }
+
+  private:
+    std::string m_text;
+    size_t m_position = 0;
+};
+
+class StringWriterImpl final : public ObjectImpl, public StringWriter {
+  public:
+    using Writer::Write;
+    void Write(const char* data, size_t size) override { m_text.append(data, size); }
+    const std::string& GetString() const override { return m_text; }
+    std::string TakeString() override { return std::exchange(m_text, std::string()); }
+    void Reserve(size_t size) override { m_text.reserve(size); }
+
+  private:
+    std::string m_text;
+};
+
+}  // namespace
+
+void CreateStringReader(std::string_view text, Ref<StringReader>& reader) {
+    reader = new StringReaderImpl(text);
+}
+
+void CreateStringWriter(Ref<StringWriter>& writer) {
+    writer = new StringWriterImpl();
+}
+
+}  // namespace Basalt

@@ -1,0 +1,734 @@
+// The DOM classes over libxml2: one wrapper per native node, made on first use and cached in
+// the node's _private; every wrapper holds a reference to its document's owner.
+
+#include <libxml/globals.h>
+#include <libxml/parser.h>
+#include <libxml/tree.h>
+
+#include <algorithm>
+#include <exception>
+#include <functional>
+#include <mutex>
+#include <unordered_set>
+
+#include "internal/xml/XmlInternal.h"
+#include <basalt/Exception.h>
+#include <basalt/Xml.h>
+
+namespace Basalt {
+namespace Xml {
+
+Node::~Node() = default;
+TextNode::~TextNode() = default;
+ElementNode::~ElementNode() = default;
+Document::~Document() = default;
+
+void InitXmlLibrary() {
+    static std::once_flag once;
+    std::call_once(once, [] { xmlInitParser(); });
+}
+
+// ---------------------------------------------------------------------------------------------
+// DocOwner
+
+DocOwner::DocOwner(XmlDocPtr doc) : m_doc(doc.release()) {
+    m_doc->_private = this;
+    // Serialise as UTF-8 whatever the input's declared encoding was (the tree is UTF-8 inside).
+    if (m_doc->encoding) {
+        xmlFree(const_cast<xmlChar*>(m_doc->encoding));
+    }
+    m_doc->encoding = xmlStrdup(AsXmlChars("UTF-8"));
+}
+
+DocOwner::~DocOwner() {
+    for (xmlNode* node : m_detached) {
+        if (node->parent == nullptr && node->doc == m_doc) {
+            xmlFreeNode(node);
+        }
+    }
+    m_doc->_private = nullptr;
+    xmlFreeDoc(m_doc);
+}
+
+std::pair<int, int> DocOwner::GetPosition(const xmlNode* node) const {
+    auto byNode = [](const Position& a, const Position& b) { return a.node < b.node; };
+    if (!m_positionsSorted) {
+        std::sort(m_positions.begin(), m_positions.end(), byNode);
+        m_positionsSorted = true;
+    }
+    auto found =
+        std::lower_bound(m_positions.begin(), m_positions.end(), Position{node, 0, 0}, byNode);
+    if (found == m_positions.end() || found->node != node) {
+        return {0, 0};
+    }
+    return {found->line, found->column};
+}
+
+void DocOwner::ForgetDetached(xmlNode* node) {
+    m_detached.erase(std::remove(m_detached.begin(), m_detached.end(), node), m_detached.end());
+}
+
+namespace {
+
+// Calls visit on node and every node below it (attributes included), parents first.
+template <class Visit>
+void WalkSubtree(xmlNode* root, Visit&& visit) {
+    xmlNode* node = root;
+    while (node) {
+        visit(node);
+        if (node->type == XML_ELEMENT_NODE) {
+            for (xmlAttr* attr = node->properties; attr; attr = attr->next) {
+                visit(reinterpret_cast<xmlNode*>(attr));
+            }
+        }
+        if (node->children && node->type != XML_ENTITY_REF_NODE) {
+            node = node->children;
+            continue;
+        }
+        while (node != root && !node->next) {
+            node = node->parent;
+        }
+        node = node == root ? nullptr : node->next;
+    }
+}
+
+}  // namespace
+
+void DocOwner::TransferSubtree(xmlNode* root, DocOwner& target) {
+    std::unordered_set<const xmlNode*> moved;
+    WalkSubtree(root, [&](xmlNode* node) {
+        if (node->type != XML_ATTRIBUTE_NODE && node->_private) {
+            static_cast<NodeCore*>(node->_private)->SetOwner(&target);
+        }
+        if (node->type == XML_ELEMENT_NODE && !m_positions.empty()) {
+            moved.insert(node);
+        }
+        auto pending = m_pending.find(node);
+        if (pending != m_pending.end()) {
+            target.m_pending[node] = std::move(pending->second);
+            m_pending.erase(pending);
+        }
+    });
+    if (moved.empty()) {
+        return;
+    }
+    auto stays = std::partition(m_positions.begin(), m_positions.end(),
+                                [&](const Position& p) { return !moved.count(p.node); });
+    target.m_positions.insert(target.m_positions.end(), stays, m_positions.end());
+    target.m_positionsSorted = false;
+    m_positions.erase(stays, m_positions.end());
+    m_positionsSorted = false;
+}
+
+Ref<DocOwner> CreateDocOwner() {
+    InitXmlLibrary();
+    XmlDocPtr doc(xmlNewDoc(AsXmlChars("1.0")));
+    if (!doc) {
+        throw std::bad_alloc();
+    }
+    return Ref<DocOwner>(new DocOwner(std::move(doc)));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Helpers
+
+std::string NodePrefix(const xmlNode* node) {
+    if (node->ns) {
+        return Str(node->ns->prefix);
+    }
+    auto& pending = DocOwner::Of(node->doc)->Pending();
+    auto found = pending.find(node);
+    return found == pending.end() ? std::string() : found->second;
+}
+
+std::string AttrPrefix(const xmlAttr* attr) {
+    return NodePrefix(reinterpret_cast<const xmlNode*>(attr));
+}
+
+std::string AttrValue(const xmlAttr* attr) {
+    const xmlNode* text = attr->children;
+    if (text && !text->next && text->type == XML_TEXT_NODE) {
+        return Str(text->content);  // the usual shape: one text child
+    }
+    XmlCharPtr value(xmlNodeListGetString(attr->doc, attr->children, 1));
+    return Str(value.get());
+}
+
+void LinkLastChild(xmlNode* parent, xmlNode* child) {
+    child->parent = parent;
+    child->next = nullptr;
+    child->prev = parent->last;
+    if (parent->last) {
+        parent->last->next = child;
+    } else {
+        parent->children = child;
+    }
+    parent->last = child;
+}
+
+namespace {
+
+// The declaration in scope of element for prefix (empty: the default namespace), or null.
+xmlNs* FindNamespace(xmlNode* element, const std::string& prefix) {
+    return xmlSearchNs(element->doc, element,
+                       prefix.empty() ? nullptr : AsXmlChars(prefix.c_str()));
+}
+
+std::string QualifiedName(const std::string& prefix, const xmlChar* localName) {
+    return prefix.empty() ? Str(localName) : prefix + ":" + AsChars(localName);
+}
+
+}  // namespace
+
+void ResolvePendingNamespaces(xmlNode* root, bool strict) {
+    auto& pending = DocOwner::Of(root->doc)->Pending();
+    if (pending.empty()) {
+        return;
+    }
+    WalkSubtree(root, [&](xmlNode* node) {
+        auto found = pending.find(node);
+        if (found == pending.end()) {
+            return;
+        }
+        xmlNode* scope = node->type == XML_ATTRIBUTE_NODE ? node->parent : node;
+        xmlNs* ns = FindNamespace(scope, found->second);
+        if (ns && ns->href && ns->href[0]) {
+            node->ns = ns;
+        } else if (ns || found->second.empty()) {
+            node->ns = nullptr;  // the default namespace is undeclared here: no namespace
+        } else if (strict) {
+            BASALT_THROW(InvalidStateException, "The prefix '" + found->second + "' of '" +
+                                                    QualifiedName(found->second, node->name) +
+                                                    "' is not declared");
+        } else {
+            return;
+        }
+        pending.erase(found);
+    });
+}
+
+LibxmlErrorCapture::LibxmlErrorCapture()
+    : m_previous(xmlStructuredError), m_previousContext(xmlStructuredErrorContext) {
+    xmlSetStructuredErrorFunc(this, &LibxmlErrorCapture::OnError);
+}
+
+LibxmlErrorCapture::~LibxmlErrorCapture() {
+    xmlSetStructuredErrorFunc(m_previousContext, m_previous);
+}
+
+void LibxmlErrorCapture::OnError(void* self, xmlError* error) {
+    auto* capture = static_cast<LibxmlErrorCapture*>(self);
+    if (capture->m_first.empty() && error && error->message) {
+        capture->m_first = error->message;
+        while (!capture->m_first.empty() &&
+               (capture->m_first.back() == '\n' || capture->m_first.back() == ' ')) {
+            capture->m_first.pop_back();
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Output
+
+namespace {
+
+class OutputSink {
+  public:
+    explicit OutputSink(Writer* writer) : m_writer(writer) {}
+
+    // Runs dump against an output buffer that forwards to the writer; rethrows what the writer
+    // threw.
+    template <class Dump>
+    void Run(Dump&& dump) {
+        xmlOutputBuffer* buffer =
+            xmlOutputBufferCreateIO(&OutputSink::Write, nullptr, this, nullptr);
+        if (!buffer) {
+            throw std::bad_alloc();
+        }
+        dump(buffer);
+        int result = xmlOutputBufferClose(buffer);
+        if (m_error) {
+            std::rethrow_exception(m_error);
+        }
+        if (result < 0) {
+            BASALT_THROW(InvalidStateException, "Serialising the XML tree failed");
+        }
+    }
+
+  private:
+    static int Write(void* context, const char* data, int size) {
+        auto* self = static_cast<OutputSink*>(context);
+        try {
+            self->m_writer->Write(data, static_cast<size_t>(size));
+            return size;
+        } catch (...) {
+            self->m_error = std::current_exception();
+            return -1;
+        }
+    }
+
+    Writer* m_writer;
+    std::exception_ptr m_error;
+};
+
+}  // namespace
+
+void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump) {
+    OutputSink(writer).Run(dump);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Wrappers
+
+namespace {
+
+void DumpNode(xmlOutputBuffer* buffer, xmlNode* node) {
+    xmlNodeDumpOutput(buffer, node->doc, node, 0, 0, "UTF-8");
+}
+
+void ClearPrivate(xmlNode* root) {
+    WalkSubtree(root, [](xmlNode* node) { node->_private = nullptr; });
+}
+
+// Writes an element that sits inside a tree as a standalone fragment: a copy that carries
+// every namespace declaration in scope from its ancestors (so prefixed names, and prefixes
+// used in attribute values such as xsi:type, keep their meaning).
+void SerializeInnerElement(xmlNode* node, Writer* writer) {
+    Ref<DocOwner> scratch = CreateDocOwner();
+    xmlNode* copy = xmlDocCopyNode(node, scratch->GetDoc(), 1);
+    if (!copy) {
+        throw std::bad_alloc();
+    }
+    ClearPrivate(copy);
+    xmlDocSetRootElement(scratch->GetDoc(), copy);
+    std::unique_ptr<xmlNs*, void (*)(void*)> inScope(xmlGetNsList(node->doc, node), xmlFree);
+    for (xmlNs** ns = inScope.get(); ns && *ns; ++ns) {
+        bool declared = false;
+        for (xmlNs* own = copy->nsDef; own; own = own->next) {
+            declared = declared || xmlStrEqual(own->prefix, (*ns)->prefix);
+        }
+        if (!declared) {
+            xmlNewNs(copy, (*ns)->href, (*ns)->prefix);
+        }
+    }
+    WriteThrough(writer, [&](xmlOutputBuffer* buffer) { DumpNode(buffer, copy); });
+}
+
+template <class Interface>
+class NodeBase : public ObjectImpl, public Interface, public NodeCore {
+  public:
+    NodeBase(xmlNode* node, DocOwner* owner) : NodeCore(node, owner) {
+        node->_private = static_cast<NodeCore*>(this);
+    }
+    ~NodeBase() override {
+        if (m_node->_private == static_cast<NodeCore*>(this)) {
+            m_node->_private = nullptr;
+        }
+    }
+
+    Node* AsNode() override { return this; }
+
+    NodeType GetNodeType() const override {
+        switch (m_node->type) {
+            case XML_ELEMENT_NODE:
+                return NodeType::Element;
+            case XML_TEXT_NODE:
+            case XML_CDATA_SECTION_NODE:
+                return NodeType::Text;
+            case XML_COMMENT_NODE:
+                return NodeType::Comment;
+            case XML_PI_NODE:
+                return NodeType::ProcessingInstruction;
+            case XML_DOCUMENT_NODE:
+                return NodeType::Document;
+            default:
+                return NodeType::Other;
+        }
+    }
+
+    void GetChildren(std::vector<Ref<Node>>& children) const override {
+        children.clear();
+        for (xmlNode* child = m_node->children; child; child = child->next) {
+            children.push_back(WrapNode(child));
+        }
+    }
+    Ref<Node> GetFirstChild() const override { return WrapNode(m_node->children); }
+    Ref<Node> GetNextSibling() const override { return WrapNode(m_node->next); }
+    Ref<ElementNode> GetParentElement() const override {
+        xmlNode* parent = m_node->parent;
+        return parent && parent->type == XML_ELEMENT_NODE ? WrapElement(parent) : nullptr;
+    }
+    Ref<Document> GetOwnerDocument() const override { return WrapDocument(m_node->doc); }
+
+    std::string GetTextContent() const override {
+        XmlCharPtr content(xmlNodeGetContent(m_node));
+        return Str(content.get());
+    }
+
+    void Serialize(Writer* writer) const override {
+        if (!writer) {
+            BASALT_THROW(InvalidArgumentException, "No writer to serialise to");
+        }
+        if (m_node->type == XML_ELEMENT_NODE) {
+            ResolvePendingNamespaces(m_node, true);
+            xmlNode* parent = m_node->parent;
+            if (parent && parent->type == XML_ELEMENT_NODE) {
+                SerializeInnerElement(m_node, writer);
+                return;
+            }
+        }
+        WriteThrough(writer, [&](xmlOutputBuffer* buffer) { DumpNode(buffer, m_node); });
+    }
+};
+
+class OtherNodeImpl final : public NodeBase<Node> {
+  public:
+    using NodeBase::NodeBase;
+};
+
+class TextNodeImpl final : public NodeBase<TextNode> {
+  public:
+    using NodeBase::NodeBase;
+
+    std::string GetValue() const override { return Str(m_node->content); }
+    void SetValue(std::string_view value) override {
+        std::string copy(value);
+        xmlNodeSetContent(m_node, AsXmlChars(copy.c_str()));
+    }
+};
+
+// Splits "p:name" into prefix and local name; both must be non-empty when a colon is present.
+std::pair<std::string, std::string> SplitQName(std::string_view name) {
+    size_t colon = name.find(':');
+    if (name.empty() || (colon != std::string_view::npos &&
+                         (colon == 0 || colon + 1 == name.size() ||
+                          name.find(':', colon + 1) != std::string_view::npos))) {
+        BASALT_THROW(InvalidArgumentException, "Invalid XML name '" + std::string(name) + "'");
+    }
+    if (colon == std::string_view::npos) {
+        return {std::string(), std::string(name)};
+    }
+    return {std::string(name.substr(0, colon)), std::string(name.substr(colon + 1))};
+}
+
+class ElementNodeImpl final : public NodeBase<ElementNode> {
+  public:
+    using NodeBase::NodeBase;
+
+    std::string GetLocalName() const override { return Str(m_node->name); }
+    std::string GetNamespaceUri() const override {
+        if (m_node->ns) {
+            return Str(m_node->ns->href);
+        }
+        std::string uri;
+        std::string prefix = NodePrefix(m_node);
+        // A pending prefix reads through to whatever is in scope now.
+        if (Owner()->Pending().count(m_node) && LookupNamespaceUri(prefix, uri)) {
+            return uri;
+        }
+        return std::string();
+    }
+    std::string GetPrefix() const override { return NodePrefix(m_node); }
+    std::string GetQualifiedName() const override {
+        return QualifiedName(NodePrefix(m_node), m_node->name);
+    }
+
+    void GetAttributes(std::vector<Attribute>& attributes) const override {
+        attributes.clear();
+        for (xmlAttr* attr = m_node->properties; attr; attr = attr->next) {
+            Attribute out;
+            out.prefix = AttrPrefix(attr);
+            out.localName = Str(attr->name);
+            out.qualifiedName = QualifiedName(out.prefix, attr->name);
+            out.namespaceUri = attr->ns ? Str(attr->ns->href) : std::string();
+            out.value = AttrValue(attr);
+            attributes.push_back(std::move(out));
+        }
+    }
+
+    void GetNamespaceDeclarations(
+        std::vector<std::pair<std::string, std::string>>& declarations) const override {
+        declarations.clear();
+        for (xmlNs* ns = m_node->nsDef; ns; ns = ns->next) {
+            declarations.emplace_back(Str(ns->prefix), Str(ns->href));
+        }
+    }
+
+    bool GetAttribute(std::string_view qualifiedName, std::string& value) const override {
+        for (xmlAttr* attr = m_node->properties; attr; attr = attr->next) {
+            if (QualifiedName(AttrPrefix(attr), attr->name) == qualifiedName) {
+                value = AttrValue(attr);
+                return true;
+            }
+        }
+        return false;
+    }
+
+    bool GetAttributeNS(std::string_view namespaceUri, std::string_view localName,
+                        std::string& value) const override {
+        for (xmlAttr* attr = m_node->properties; attr; attr = attr->next) {
+            std::string_view uri = attr->ns ? AsChars(attr->ns->href) : "";
+            if (localName == AsChars(attr->name) && uri == namespaceUri) {
+                value = AttrValue(attr);
+                return true;
+            }
+        }
+        return false;
+    }
+
+    void SetAttribute(std::string_view name, std::string_view value) override {
+        auto [prefix, localName] = SplitQName(name);
+        std::string text(value);
+        if (prefix.empty() && localName == "xmlns") {
+            Declare(std::string(), text);
+        } else if (prefix == "xmlns") {
+            if (text.empty()) {
+                BASALT_THROW(InvalidArgumentException,
+                             "A namespace prefix cannot be bound to an empty URI");
+            }
+            Declare(localName, text);
+        } else if (prefix.empty()) {
+            xmlSetNsProp(m_node, nullptr, AsXmlChars(localName.c_str()), AsXmlChars(text.c_str()));
+        } else {
+            SetPrefixedAttribute(prefix, localName, text);
+        }
+    }
+
+    bool LookupNamespaceUri(std::string_view prefix, std::string& uri) const override {
+        std::string key(prefix);
+        xmlNs* ns = FindNamespace(m_node, key);
+        if (!ns || !ns->href || !ns->href[0]) {
+            return false;
+        }
+        uri = Str(ns->href);
+        return true;
+    }
+
+    void AppendChild(const Ref<Node>& child) override {
+        xmlNode* native = NativeOf(child.Get());
+        if (native->type == XML_DOCUMENT_NODE) {
+            BASALT_THROW(InvalidArgumentException, "A document cannot be appended to an element");
+        }
+        for (xmlNode* ancestor = m_node; ancestor; ancestor = ancestor->parent) {
+            if (ancestor == native) {
+                BASALT_THROW(InvalidArgumentException,
+                             "An element cannot be appended to itself or to its descendant");
+            }
+        }
+        // Keeps the source document alive until the move is complete.
+        Ref<DocOwner> source(DocOwner::Of(native->doc));
+        source->ForgetDetached(native);
+        xmlUnlinkNode(native);
+        if (native->doc != m_node->doc) {
+            if (xmlDOMWrapAdoptNode(nullptr, native->doc, native, m_node->doc, m_node, 0) != 0) {
+                BASALT_THROW(InvalidStateException, "The node could not be moved to this document");
+            }
+            source->TransferSubtree(native, *Owner());
+        }
+        LinkLastChild(m_node, native);
+        ResolvePendingNamespaces(native, false);
+    }
+
+    Ref<ElementNode> FindChildElement(std::string_view namespaceUri,
+                                      std::string_view localName) const override {
+        for (xmlNode* child = m_node->children; child; child = child->next) {
+            if (child->type != XML_ELEMENT_NODE || localName != AsChars(child->name)) {
+                continue;
+            }
+            std::string_view uri = child->ns ? AsChars(child->ns->href) : "";
+            if (uri == namespaceUri) {
+                return WrapElement(child);
+            }
+        }
+        return nullptr;
+    }
+
+    int GetLine() const override { return Owner()->GetPosition(m_node).first; }
+    int GetColumn() const override { return Owner()->GetPosition(m_node).second; }
+
+  private:
+    void Declare(const std::string& prefix, const std::string& uri) {
+        const xmlChar* key = prefix.empty() ? nullptr : AsXmlChars(prefix.c_str());
+        xmlNs* ns = m_node->nsDef;
+        while (ns && !xmlStrEqual(ns->prefix, key)) {
+            ns = ns->next;
+        }
+        if (ns) {
+            xmlFree(const_cast<xmlChar*>(ns->href));
+            ns->href = xmlStrdup(AsXmlChars(uri.c_str()));
+        } else if (!(ns = xmlNewNs(m_node, AsXmlChars(uri.c_str()), key))) {
+            BASALT_THROW(InvalidArgumentException,
+                         "The namespace declaration of '" + prefix + "' is not allowed");
+        }
+        // The element's own declaration takes precedence over one it had picked up from an
+        // ancestor.
+        auto rebind = [&](xmlNode* node) {
+            if (node->ns && node->ns != ns && xmlStrEqual(node->ns->prefix, key)) {
+                node->ns = ns;
+            }
+        };
+        rebind(m_node);
+        for (xmlAttr* attr = m_node->properties; attr; attr = attr->next) {
+            if (key) {
+                rebind(reinterpret_cast<xmlNode*>(attr));
+            }
+        }
+        ResolvePendingNamespaces(m_node, false);
+    }
+
+    void SetPrefixedAttribute(const std::string& prefix, const std::string& localName,
+                              const std::string& value) {
+        const xmlChar* local = AsXmlChars(localName.c_str());
+        auto& pending = Owner()->Pending();
+        for (xmlAttr* attr = m_node->properties; attr; attr = attr->next) {
+            if (xmlStrEqual(attr->name, local) && AttrPrefix(attr) == prefix) {
+                xmlSetNsProp(m_node, attr->ns, local, AsXmlChars(value.c_str()));
+                return;
+            }
+        }
+        xmlNs* ns = FindNamespace(m_node, prefix);
+        xmlAttr* attr = xmlNewNsProp(m_node, ns, local, AsXmlChars(value.c_str()));
+        if (!attr) {
+            throw std::bad_alloc();
+        }
+        if (!ns) {
+            // Resolved once the prefix is declared here or on an ancestor (at the latest when
+            // serialised): the builders set "p:name" before "xmlns:p" in byte order.
+            pending[attr] = prefix;
+        }
+    }
+};
+
+class DocumentImpl final : public ObjectImpl, public Document, public NodeCore {
+  public:
+    DocumentImpl(xmlDoc* doc, DocOwner* owner) : NodeCore(reinterpret_cast<xmlNode*>(doc), owner) {
+        owner->m_documentWrapper = this;
+    }
+    ~DocumentImpl() override {
+        if (Owner()->m_documentWrapper == this) {
+            Owner()->m_documentWrapper = nullptr;
+        }
+    }
+
+    Node* AsNode() override { return this; }
+
+    NodeType GetNodeType() const override { return NodeType::Document; }
+    void GetChildren(std::vector<Ref<Node>>& children) const override {
+        children.clear();
+        for (xmlNode* child = m_node->children; child; child = child->next) {
+            children.push_back(WrapNode(child));
+        }
+    }
+    Ref<Node> GetFirstChild() const override { return WrapNode(m_node->children); }
+    Ref<Node> GetNextSibling() const override { return nullptr; }
+    Ref<ElementNode> GetParentElement() const override { return nullptr; }
+    Ref<Document> GetOwnerDocument() const override { return const_cast<DocumentImpl*>(this); }
+    std::string GetTextContent() const override {
+        XmlCharPtr content(xmlNodeGetContent(m_node));
+        return Str(content.get());
+    }
+    void Serialize(Writer* writer) const override {
+        if (!writer) {
+            BASALT_THROW(InvalidArgumentException, "No writer to serialise to");
+        }
+        for (xmlNode* child = m_node->children; child; child = child->next) {
+            WrapNode(child)->Serialize(writer);
+        }
+    }
+
+    Ref<ElementNode> GetDocumentElement() const override {
+        return WrapElement(xmlDocGetRootElement(reinterpret_cast<xmlDoc*>(m_node)));
+    }
+    // The element's wrapper holds the document's owner, so the content stays alive with it;
+    // the document itself remains usable.
+    void TakeDocumentElement(Ref<ElementNode>& element) override { element = GetDocumentElement(); }
+};
+
+}  // namespace
+
+Ref<Node> WrapNode(xmlNode* node) {
+    if (!node) {
+        return nullptr;
+    }
+    if (node->type == XML_DOCUMENT_NODE) {
+        return WrapDocument(reinterpret_cast<xmlDoc*>(node));
+    }
+    if (node->_private) {
+        return Ref<Node>(static_cast<NodeCore*>(node->_private)->AsNode());
+    }
+    DocOwner* owner = DocOwner::Of(node->doc);
+    switch (node->type) {
+        case XML_ELEMENT_NODE:
+            return Ref<ElementNode>(new ElementNodeImpl(node, owner));
+        case XML_TEXT_NODE:
+        case XML_CDATA_SECTION_NODE:
+            return Ref<TextNode>(new TextNodeImpl(node, owner));
+        default:
+            return Ref<Node>(new OtherNodeImpl(node, owner));
+    }
+}
+
+Ref<ElementNode> WrapElement(xmlNode* node) {
+    if (!node) {
+        return nullptr;
+    }
+    return Ref<ElementNode>(dynamic_cast<ElementNode*>(WrapNode(node).Get()));
+}
+
+Ref<Document> WrapDocument(xmlDoc* doc) {
+    DocOwner* owner = DocOwner::Of(doc);
+    if (owner->m_documentWrapper) {
+        return Ref<Document>(dynamic_cast<Document*>(owner->m_documentWrapper->AsNode()));
+    }
+    return Ref<Document>(new DocumentImpl(doc, owner));
+}
+
+xmlNode* NativeOf(const Node* node) {
+    auto* core = dynamic_cast<const NodeCore*>(node);
+    if (!core) {
+        BASALT_THROW(InvalidArgumentException,
+                     node ? "The node was not made by this library" : "No node given");
+    }
+    return core->NativeNode();
+}
+
+xmlNode* NativeElementOf(const ElementNode* element) {
+    xmlNode* node = NativeOf(element);
+    if (node->type != XML_ELEMENT_NODE) {
+        BASALT_THROW(InvalidArgumentException, "The node is not an element");
+    }
+    return node;
+}
+
+void CreateElementNode(const std::string& prefix, const std::string& localName,
+                       Ref<ElementNode>& element) {
+    if (localName.empty() || localName.find(':') != std::string::npos ||
+        prefix.find(':') != std::string::npos) {
+        BASALT_THROW(
+            InvalidArgumentException,
+            "Invalid element name '" + QualifiedName(prefix, AsXmlChars(localName.c_str())) + "'");
+    }
+    Ref<DocOwner> owner = CreateDocOwner();
+    xmlNode* node = xmlNewDocNode(owner->GetDoc(), nullptr, AsXmlChars(localName.c_str()), nullptr);
+    if (!node) {
+        throw std::bad_alloc();
+    }
+    // A new element is its document's root until it is attached elsewhere: libxml2's
+    // canonicalisation (and so signing) only sees nodes under the document.
+    xmlDocSetRootElement(owner->GetDoc(), node);
+    owner->Pending()[node] = prefix;
+    element = WrapElement(node);
+}
+
+void CreateTextNode(Ref<TextNode>& text) {
+    Ref<DocOwner> owner = CreateDocOwner();
+    xmlNode* node = xmlNewDocText(owner->GetDoc(), AsXmlChars(""));
+    if (!node) {
+        throw std::bad_alloc();
+    }
+    owner->AddDetached(node);
+    text = Ref<TextNode>(dynamic_cast<TextNode*>(WrapNode(node).Get()));
+}
+
+}  // namespace Xml
+}  // namespace Basalt
