@@ -36,17 +36,17 @@ const char* BoolText(bool value) {
 
 // wst:RequestSecurityToken for a token already held: type, request type, then the rest.
 std::shared_ptr<XMLCompositeBuilder> TokenRequest(const char* tokenType, const char* requestType) {
-    auto request = Composite("wst", "RequestSecurityToken", {{"xmlns:wst", kWstNs}});
+    auto request = Composite("wst", "RequestSecurityToken", {{"xmlns:wst", Xmlns::kWsTrust}});
     request->Add(Text("wst", "TokenType", tokenType)).Add(Text("wst", "RequestType", requestType));
     return request;
 }
 
 XMLBuilderPtr BuildAdviceSet(const std::vector<Advice>& adviceList) {
     auto adviceSet = Composite("rsa-advice", "AdviceSet",
-                               {{"xmlns:rsa-advice", kAdviceNs},
-                                {"xmlns:saml", kSamlNs},
-                                {"xmlns:xs", kXsNs},
-                                {"xmlns:xsi", kXsiNs}});
+                               {{"xmlns:rsa-advice", Xmlns::kWsTrustAdvice},
+                                {"xmlns:saml", Xmlns::kSamlAssertion},
+                                {"xmlns:xs", Xmlns::kXs},
+                                {"xmlns:xsi", Xmlns::kXsi}});
     for (const Advice& advice : adviceList) {
         adviceSet->Add(BuildAdvice(advice));
     }
@@ -57,7 +57,7 @@ XMLBuilderPtr BuildAdviceSet(const std::vector<Advice>& adviceList) {
 
 std::shared_ptr<XMLCompositeBuilder> BuildIssueRequest(bool holderOfKey, const TokenSpec& spec) {
     auto request = Composite("wst", "RequestSecurityToken",
-                             {{"xmlns:wst", kWstNs}, {"xmlns:wst14", kWst14Ns}});
+                             {{"xmlns:wst", Xmlns::kWsTrust}, {"xmlns:wst14", Xmlns::kWsTrust14}});
     request->Add(Text("wst", "TokenType", kSamlTokenType))
         .Add(Text("wst", "RequestType", kIssueRequest))
         .Add(Text("wst", "KeyType", holderOfKey ? kPublicKeyKeyType : kBearerKeyType))
@@ -111,14 +111,14 @@ std::shared_ptr<XMLCompositeBuilder> BuildLifetime(int64_t lifetimeSeconds) {
     const Basalt::System::DateTime created = Basalt::System::GetUtcDateTime();
     const Basalt::System::DateTime expires =
         Basalt::System::DateTimeFromUtc(created.GetUtcTime() + lifetimeSeconds * 1000000, false);
-    auto lifetime = Composite("wst", "Lifetime", {{"xmlns:wsu", kWsuNs}});
+    auto lifetime = Composite("wst", "Lifetime", {{"xmlns:wsu", Xmlns::kWsu}});
     lifetime->Add(Text("wsu", "Created", FormatXmlDateTime(created)))
         .Add(Text("wsu", "Expires", FormatXmlDateTime(expires)));
     return lifetime;
 }
 
 std::shared_ptr<XMLCompositeBuilder> BuildUsernameToken(const std::string& userName) {
-    auto token = Composite("wsse", "UsernameToken", {{"xmlns:wsse", kWsseNs}});
+    auto token = Composite("wsse", "UsernameToken", {{"xmlns:wsse", Xmlns::kWsse}});
     token->Add(Text("wsse", "Username", userName));
     return token;
 }
@@ -132,7 +132,7 @@ std::shared_ptr<XMLCompositeBuilder> BuildUsernamePasswordToken(const std::strin
 }
 
 std::shared_ptr<XMLCompositeBuilder> BuildParticipants(const std::set<std::string>& audience) {
-    auto participants = Composite("wst", "Participants", {{"xmlns:wsa", kWsaNs}});
+    auto participants = Composite("wst", "Participants", {{"xmlns:wsa", Xmlns::kWsa}});
     for (const std::string& address : audience) {
         participants->Add(BuildParticipant(address));
     }

@@ -37,9 +37,9 @@ Basalt::Ref<Basalt::Xml::ElementNode> RequiredChild(const Basalt::Xml::ElementNo
 // The element's wsu:Id, given one first if it has none.
 std::string EnsureWsuId(Basalt::Xml::ElementNode& element) {
     std::string id;
-    if (!element.GetAttributeNS(kWsuNs, "Id", id)) {
+    if (!element.GetAttributeNS(Xmlns::kWsu, "Id", id)) {
         id = kGeneratedIdPrefix + Basalt::StringUtil::GenerateUuid();
-        element.SetAttribute("xmlns:wsu", kWsuNs);
+        element.SetAttribute("xmlns:wsu", Xmlns::kWsu);
         element.SetAttribute("wsu:Id", id);
     }
     return id;
@@ -50,10 +50,10 @@ std::string EnsureWsuId(Basalt::Xml::ElementNode& element) {
 std::shared_ptr<XMLCompositeBuilder> BuildSecurityHeader(int32_t timestampMinutes) {
     const Basalt::System::DateTime now = Basalt::System::GetUtcDateTime();
     const Basalt::System::DateTime expires = AddMinutes(now, timestampMinutes);
-    auto timestamp = Composite("wsu", "Timestamp", {{"xmlns:wsu", kWsuNs}});
+    auto timestamp = Composite("wsu", "Timestamp", {{"xmlns:wsu", Xmlns::kWsu}});
     timestamp->Add(CreateTextElementBuilder("wsu", "Created", FormatXmlDateTime(now)))
         .Add(CreateTextElementBuilder("wsu", "Expires", FormatXmlDateTime(expires)));
-    auto security = Composite("wsse", "Security", {{"xmlns:wsse", kWsseNs}});
+    auto security = Composite("wsse", "Security", {{"xmlns:wsse", Xmlns::kWsse}});
     security->Add(timestamp);
     return security;
 }
@@ -62,9 +62,9 @@ std::shared_ptr<XMLCompositeBuilder> BuildEnvelope(const XMLBuilderPtr& header,
                                                    const XMLBuilderPtr& body) {
     auto soapHeader = Composite("soapenv", "Header");
     soapHeader->Add(header);
-    auto soapBody = Composite("soapenv", "Body", {{"xmlns:wst", kWstNs}});
+    auto soapBody = Composite("soapenv", "Body", {{"xmlns:wst", Xmlns::kWsTrust}});
     soapBody->Add(body);
-    auto envelope = Composite("soapenv", "Envelope", {{"xmlns:soapenv", kSoapEnvNs}});
+    auto envelope = Composite("soapenv", "Envelope", {{"xmlns:soapenv", Xmlns::kSoapEnv}});
     envelope->Add(soapHeader).Add(soapBody);
     return envelope;
 }
@@ -76,13 +76,13 @@ XMLBuilderPtr BuildCertificateToken(const Basalt::Crypto::Certificate& certifica
     return CreateTextElementBuilder("wsse", "BinarySecurityToken",
                                     ToAttributeMap({{"EncodingType", kBase64Binary},
                                                     {"ValueType", kX509v3},
-                                                    {"xmlns:wsu", kWsuNs},
+                                                    {"xmlns:wsu", Xmlns::kWsu},
                                                     {"wsu:Id", kCertificateTokenId}}),
                                     encoded);
 }
 
 XMLBuilderPtr BuildCertificateReference() {
-    auto reference = Composite("wsse", "SecurityTokenReference", {{"xmlns:wsse", kWsseNs}});
+    auto reference = Composite("wsse", "SecurityTokenReference", {{"xmlns:wsse", Xmlns::kWsse}});
     reference->Add(CreateElementBuilder(
         "wsse", "Reference",
         AttributeMap{{"URI", std::string("#") + kCertificateTokenId}, {"ValueType", kX509v3}}));
@@ -91,8 +91,8 @@ XMLBuilderPtr BuildCertificateReference() {
 
 XMLBuilderPtr BuildSamlTokenReference(const std::string& assertionId) {
     auto reference = Composite("wsse", "SecurityTokenReference",
-                               {{"xmlns:wsse", kWsseNs},
-                                {"xmlns:wsse11", kWsse11Ns},
+                               {{"xmlns:wsse", Xmlns::kWsse},
+                                {"xmlns:wsse11", Xmlns::kWsse11},
                                 {"wsse11:TokenType", kSamlV2TokenType}});
     reference->Add(CreateTextElementBuilder(
         "wsse", "KeyIdentifier", ToAttributeMap({{"ValueType", kSamlIdValueType}}), assertionId));
@@ -110,10 +110,13 @@ void XMLSignedSoapBuilder::Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) con
     Basalt::Ref<Basalt::Xml::ElementNode> envelope;
     BuildEnvelope(m_header, m_body)->Build(envelope);
 
-    Basalt::Ref<Basalt::Xml::ElementNode> body = RequiredChild(*envelope, kSoapEnvNs, "Body");
-    Basalt::Ref<Basalt::Xml::ElementNode> header = RequiredChild(*envelope, kSoapEnvNs, "Header");
-    Basalt::Ref<Basalt::Xml::ElementNode> security = RequiredChild(*header, kWsseNs, "Security");
-    Basalt::Ref<Basalt::Xml::ElementNode> timestamp = RequiredChild(*security, kWsuNs, "Timestamp");
+    Basalt::Ref<Basalt::Xml::ElementNode> body = RequiredChild(*envelope, Xmlns::kSoapEnv, "Body");
+    Basalt::Ref<Basalt::Xml::ElementNode> header =
+        RequiredChild(*envelope, Xmlns::kSoapEnv, "Header");
+    Basalt::Ref<Basalt::Xml::ElementNode> security =
+        RequiredChild(*header, Xmlns::kWsse, "Security");
+    Basalt::Ref<Basalt::Xml::ElementNode> timestamp =
+        RequiredChild(*security, Xmlns::kWsu, "Timestamp");
 
     Basalt::Ref<Basalt::Xml::Security::Signature> signature;
     Basalt::Xml::Security::CreateBlankSignature(security.Get(), kExcC14n, kRsaSha256, "ds",

@@ -32,14 +32,14 @@ struct QName {
     std::string_view display;
 };
 
-const QName kXsiType{kSchemaInstanceNs, "type", "xsi:type"};
+const QName kXsiType{Xmlns::kXsi, "type", "xsi:type"};
 const QName kNotOnOrAfterAttr{"", "NotOnOrAfter", "NotOnOrAfter"};
 const QName kCountAttr{"", "Count", "Count"};
 const QName kPostdatableAttr{"", "Postdatable", "Postdatable"};
 const QName kRenewExpiredAttr{"", "RenewExpired", "RenewExpired"};
-const QName kKeyInfoConfirmationType{kAssertionNs, "KeyInfoConfirmationDataType", ""};
-const QName kDelegationRestrictionType{kDelegationNs, "DelegationRestrictionType", ""};
-const QName kRenewRestrictionType{kAdviceExtensionNs, "RenewRestrictionType", ""};
+const QName kKeyInfoConfirmationType{Xmlns::kSamlAssertion, "KeyInfoConfirmationDataType", ""};
+const QName kDelegationRestrictionType{Xmlns::kSamlDelegation, "DelegationRestrictionType", ""};
+const QName kRenewRestrictionType{Xmlns::kSamlAdviceExtension, "RenewRestrictionType", ""};
 constexpr std::string_view kXmlnsPrefix = "xmlns:";
 
 const SkipWsAndCommentsFilter kFilter;
@@ -97,7 +97,7 @@ Ref<ElementNode> ExpectElement(const Ref<Node>& node, std::string_view localName
 bool IsElement(const Ref<Node>& node, std::string_view localName) {
     const Ref<ElementNode> element = AsElement(node);
     return element && element->GetLocalName() == localName &&
-           element->GetNamespaceUri() == kAssertionNs;
+           element->GetNamespaceUri() == Xmlns::kSamlAssertion;
 }
 
 bool IsNamespaceDeclaration(const Basalt::Xml::Attribute& attribute) {
@@ -256,7 +256,7 @@ std::pair<std::string, std::string> ResolveXsiType(const ElementNode& element,
 }
 
 AttributeRecord ReadAttribute(const Ref<Node>& node) {
-    const Ref<ElementNode> element = ExpectElement(node, "Attribute", kAssertionNs);
+    const Ref<ElementNode> element = ExpectElement(node, "Attribute", Xmlns::kSamlAssertion);
     const Attributes attributes(*element, {"Name"}, {"NameFormat", "FriendlyName"});
     AttributeRecord record{attributes.Text("Name"),
                            attributes.Text("NameFormat"),
@@ -264,7 +264,7 @@ AttributeRecord ReadAttribute(const Ref<Node>& node) {
                            {}};
     for (ChildCursor cursor(*element); !cursor.AtEnd(); cursor.Advance()) {
         const Ref<ElementNode> value =
-            ExpectElement(cursor.Current(), "AttributeValue", kAssertionNs);
+            ExpectElement(cursor.Current(), "AttributeValue", Xmlns::kSamlAssertion);
         record.values.push_back(ReadTextOnly(*value));
     }
     return record;
@@ -279,15 +279,16 @@ void ReadHolderOfKeyData(const ElementNode& data, SubjectRecord& subject) {
         Fail("Invalid SubjectConfirmationData type: '" + written + "'");
     }
     ChildCursor dataChildren(data);
-    const Ref<ElementNode> keyInfo = ExpectElement(dataChildren.Current(), "KeyInfo", kXmlDsigNs);
+    const Ref<ElementNode> keyInfo =
+        ExpectElement(dataChildren.Current(), "KeyInfo", Xmlns::kXmlDsig);
     ExpectNoAttributes(*keyInfo);
     ChildCursor keyInfoChildren(*keyInfo);
     const Ref<ElementNode> x509Data =
-        ExpectElement(keyInfoChildren.Current(), "X509Data", kXmlDsigNs);
+        ExpectElement(keyInfoChildren.Current(), "X509Data", Xmlns::kXmlDsig);
     ExpectNoAttributes(*x509Data);
     ChildCursor x509DataChildren(*x509Data);
     const Ref<ElementNode> certificate =
-        ExpectElement(x509DataChildren.Current(), "X509Certificate", kXmlDsigNs);
+        ExpectElement(x509DataChildren.Current(), "X509Certificate", Xmlns::kXmlDsig);
     ExpectNoAttributes(*certificate);
     std::vector<unsigned char> der;
     Basalt::StringUtil::Base64Decode(ReadTextOnly(*certificate), der);
@@ -302,7 +303,8 @@ void ReadHolderOfKeyData(const ElementNode& data, SubjectRecord& subject) {
 }
 
 void ReadSubjectConfirmation(const Ref<Node>& node, SubjectRecord& subject) {
-    const Ref<ElementNode> confirmation = ExpectElement(node, "SubjectConfirmation", kAssertionNs);
+    const Ref<ElementNode> confirmation =
+        ExpectElement(node, "SubjectConfirmation", Xmlns::kSamlAssertion);
     const Attributes attributes(*confirmation, {"Method"}, {});
     const std::string method = attributes.Text("Method");
     if (method == kBearerMethod) {
@@ -319,7 +321,7 @@ void ReadSubjectConfirmation(const Ref<Node>& node, SubjectRecord& subject) {
         cursor.Advance();
     }
     const Ref<ElementNode> data =
-        ExpectElement(cursor.Current(), "SubjectConfirmationData", kAssertionNs);
+        ExpectElement(cursor.Current(), "SubjectConfirmationData", Xmlns::kSamlAssertion);
     if (subject.confirmationType == Saml_HOK) {
         ReadHolderOfKeyData(*data, subject);
     } else {
@@ -332,10 +334,10 @@ void ReadSubjectConfirmation(const Ref<Node>& node, SubjectRecord& subject) {
 }
 
 void ReadSubject(const Ref<Node>& node, SubjectRecord& subject) {
-    const Ref<ElementNode> element = ExpectElement(node, "Subject", kAssertionNs);
+    const Ref<ElementNode> element = ExpectElement(node, "Subject", Xmlns::kSamlAssertion);
     ExpectNoAttributes(*element);
     ChildCursor cursor(*element);
-    subject.nameId = ReadNameId(*ExpectElement(cursor.Current(), "NameID", kAssertionNs));
+    subject.nameId = ReadNameId(*ExpectElement(cursor.Current(), "NameID", Xmlns::kSamlAssertion));
     cursor.Advance();
     ReadSubjectConfirmation(cursor.Current(), subject);
     cursor.Advance();
@@ -347,13 +349,13 @@ std::vector<DelegateRecord> ReadDelegationRestriction(const ElementNode& conditi
     std::vector<DelegateRecord> delegates;
     for (ChildCursor cursor(condition); !cursor.AtEnd(); cursor.Advance()) {
         const Ref<ElementNode> delegate =
-            ExpectElement(cursor.Current(), "Delegate", kDelegationNs);
+            ExpectElement(cursor.Current(), "Delegate", Xmlns::kSamlDelegation);
         const Attributes delegateAttributes(*delegate, {}, {"DelegationInstant"});
         DelegateRecord record;
         record.delegationInstant = delegateAttributes.Date("DelegationInstant");
         ChildCursor delegateChildren(*delegate);
         record.nameId =
-            ReadNameId(*ExpectElement(delegateChildren.Current(), "NameID", kAssertionNs));
+            ReadNameId(*ExpectElement(delegateChildren.Current(), "NameID", Xmlns::kSamlAssertion));
         delegateChildren.Advance();
         ExpectNoMoreChildren(delegateChildren, "Unexpected elements after Delegate/NameID");
         delegates.push_back(std::move(record));
@@ -364,7 +366,8 @@ std::vector<DelegateRecord> ReadDelegationRestriction(const ElementNode& conditi
 std::set<std::string> ReadAudienceRestriction(const ElementNode& restriction) {
     std::set<std::string> audience;
     for (ChildCursor cursor(restriction); !cursor.AtEnd(); cursor.Advance()) {
-        audience.insert(ReadTextOnly(*ExpectElement(cursor.Current(), "Audience", kAssertionNs)));
+        audience.insert(
+            ReadTextOnly(*ExpectElement(cursor.Current(), "Audience", Xmlns::kSamlAssertion)));
     }
     return audience;
 }
@@ -384,7 +387,7 @@ CountRestriction ReadRenewRestriction(const ElementNode& condition) {
 // Tries the restriction kinds not yet seen, in a fixed order; true if one consumed the node.
 bool ReadRestriction(const Ref<Node>& node, ConditionsRecord& conditions) {
     const Ref<ElementNode> element = AsElement(node);
-    if (!element || element->GetNamespaceUri() != kAssertionNs) {
+    if (!element || element->GetNamespaceUri() != Xmlns::kSamlAssertion) {
         return false;
     }
     const std::string localName = element->GetLocalName();
@@ -415,7 +418,7 @@ bool ReadRestriction(const Ref<Node>& node, ConditionsRecord& conditions) {
 }
 
 void ReadConditions(const Ref<Node>& node, ConditionsRecord& conditions) {
-    const Ref<ElementNode> element = ExpectElement(node, "Conditions", kAssertionNs);
+    const Ref<ElementNode> element = ExpectElement(node, "Conditions", Xmlns::kSamlAssertion);
     const Attributes attributes(*element, {"NotBefore", "NotOnOrAfter"}, {});
     conditions.notBefore = attributes.Date("NotBefore");
     conditions.notOnOrAfter = attributes.Date("NotOnOrAfter");
@@ -433,7 +436,7 @@ std::vector<Advice> ReadAdvice(const ElementNode& element) {
     std::vector<Advice> adviceList;
     for (ChildCursor cursor(element); !cursor.AtEnd(); cursor.Advance()) {
         const Ref<ElementNode> rsaAdvice =
-            ExpectElement(cursor.Current(), "RSAAdvice", kAdviceExtensionNs);
+            ExpectElement(cursor.Current(), "RSAAdvice", Xmlns::kSamlAdviceExtension);
         const Attributes attributes(*rsaAdvice, {"AdviceSource"}, {});
         Advice advice{attributes.Text("AdviceSource"), {}};
         for (ChildCursor children(*rsaAdvice); !children.AtEnd(); children.Advance()) {
@@ -447,16 +450,16 @@ std::vector<Advice> ReadAdvice(const ElementNode& element) {
 }
 
 void ReadAuthnStatement(const Ref<Node>& node, AuthnRecord& authn) {
-    const Ref<ElementNode> element = ExpectElement(node, "AuthnStatement", kAssertionNs);
+    const Ref<ElementNode> element = ExpectElement(node, "AuthnStatement", Xmlns::kSamlAssertion);
     const Attributes attributes(*element, {"AuthnInstant"}, {});
     authn.authnInstant = attributes.Date("AuthnInstant");
     ChildCursor statementChildren(*element);
     const Ref<ElementNode> context =
-        ExpectElement(statementChildren.Current(), "AuthnContext", kAssertionNs);
+        ExpectElement(statementChildren.Current(), "AuthnContext", Xmlns::kSamlAssertion);
     ExpectNoAttributes(*context);
     ChildCursor contextChildren(*context);
     authn.authnContextClassRef = ReadTextOnly(
-        *ExpectElement(contextChildren.Current(), "AuthnContextClassRef", kAssertionNs));
+        *ExpectElement(contextChildren.Current(), "AuthnContextClassRef", Xmlns::kSamlAssertion));
     contextChildren.Advance();
     ExpectNoMoreChildren(contextChildren, "Unexpected elements after AuthnContextClassRef");
     statementChildren.Advance();
@@ -464,7 +467,8 @@ void ReadAuthnStatement(const Ref<Node>& node, AuthnRecord& authn) {
 }
 
 std::vector<AttributeRecord> ReadAttributeStatement(const Ref<Node>& node) {
-    const Ref<ElementNode> element = ExpectElement(node, "AttributeStatement", kAssertionNs);
+    const Ref<ElementNode> element =
+        ExpectElement(node, "AttributeStatement", Xmlns::kSamlAssertion);
     ExpectNoAttributes(*element);
     std::vector<AttributeRecord> records;
     for (ChildCursor cursor(*element); !cursor.AtEnd(); cursor.Advance()) {
@@ -491,14 +495,15 @@ void ReadSignature(const Ref<ElementNode>& assertion, const Ref<Node>& node,
 }  // namespace
 
 void WalkAssertion(const Ref<ElementNode>& assertion, ParsedAssertion& parsed) {
-    const Ref<ElementNode> element = ExpectElement(Ref<Node>(assertion), "Assertion", kAssertionNs);
+    const Ref<ElementNode> element =
+        ExpectElement(Ref<Node>(assertion), "Assertion", Xmlns::kSamlAssertion);
     const Attributes attributes(*element, {"Version", "ID", "IssueInstant"}, {});
     parsed.version = attributes.Text("Version");
     parsed.id = attributes.Text("ID");
     parsed.issueInstant = attributes.Date("IssueInstant");
 
     ChildCursor cursor(*element);
-    parsed.issuer = ReadNameId(*ExpectElement(cursor.Current(), "Issuer", kAssertionNs));
+    parsed.issuer = ReadNameId(*ExpectElement(cursor.Current(), "Issuer", Xmlns::kSamlAssertion));
     cursor.Advance();
     ReadSignature(element, cursor.Current(), parsed);
     cursor.Advance();

@@ -8,6 +8,7 @@
 
 #include <utility>
 
+#include "internal/xml/Namespaces.h"
 #include "internal/xml/XmlUtils.h"
 
 namespace SsoClient {
@@ -18,10 +19,6 @@ using Basalt::Ref;
 using Basalt::Xml::ElementNode;
 using QName = std::pair<std::string, std::string>;
 
-constexpr char kWstNs[] = "http://docs.oasis-open.org/ws-sx/ws-trust/200512";
-constexpr char kWsseNs[] =
-    "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-secext-1.0.xsd";
-constexpr char kSoapEnvNs[] = "http://schemas.xmlsoap.org/soap/envelope/";
 constexpr char kValidStatus[] = "http://docs.oasis-open.org/ws-sx/ws-trust/200512/status/valid";
 constexpr char kInvalidStatus[] = "http://docs.oasis-open.org/ws-sx/ws-trust/200512/status/invalid";
 constexpr char kUnexpectedFormat[] = "Unexpected XML format";
@@ -29,9 +26,9 @@ constexpr char kSamlTokenType[] = "urn:oasis:names:tc:SAML:2.0:assertion";
 constexpr char kInclusiveC14n[] = "http://www.w3.org/TR/2001/REC-xml-c14n-20010315#";
 constexpr char kExpiredPassword[] = "Password of the user logging on is expired";
 
-const QName kFailedAuthentication{kWstNs, "FailedAuthentication"};
-const QName kTrustInvalidToken{kWstNs, "InvalidSecurityToken"};
-const QName kSecurityInvalidToken{kWsseNs, "InvalidSecurityToken"};
+const QName kFailedAuthentication{Xmlns::kWsTrust, "FailedAuthentication"};
+const QName kTrustInvalidToken{Xmlns::kWsTrust, "InvalidSecurityToken"};
+const QName kSecurityInvalidToken{Xmlns::kWsse, "InvalidSecurityToken"};
 
 // The first child element with that local name, whatever its namespace; null if none.
 Ref<ElementNode> FirstChild(const ElementNode* parent, const char* localName) {
@@ -110,7 +107,7 @@ void CheckFault(const Ref<ElementNode>& envelope) {
     if (!faultCode || !FirstText(*faultCode, code)) {
         throw SsoException("Invalid SOAP response: missing faultcode.");
     }
-    const QName name = ResolveQName(*faultCode, code, kSoapEnvNs);
+    const QName name = ResolveQName(*faultCode, code, Xmlns::kSoapEnv);
     std::string faultString;
     if (Ref<ElementNode> element = FirstChild(fault.Get(), "faultstring")) {
         FirstText(*element, faultString);

@@ -118,7 +118,7 @@ std::string Conditions(const AssertionSpec& spec) {
         return value->empty() ? std::string() : " Count=\"" + Escape(*value) + "\"";
     };
     if (!spec.delegates.empty()) {
-        xml += std::string("<saml2:Condition xmlns:del=\"") + kDelegationNs +
+        xml += std::string("<saml2:Condition xmlns:del=\"") + SsoClient::Xmlns::kSamlDelegation +
                "\" xsi:type=\"del:DelegationRestrictionType\">";
         for (const auto& delegate : spec.delegates) {
             xml += "<del:Delegate DelegationInstant=\"" + At(delegate.instantOffsetSec) + "\">" +
@@ -127,9 +127,9 @@ std::string Conditions(const AssertionSpec& spec) {
         xml += "</saml2:Condition>";
     }
     if (spec.renewCount) {
-        xml += std::string("<saml2:Condition xmlns:rsa=\"") + kAdviceExtensionNs +
-               "\" xsi:type=\"rsa:RenewRestrictionType\"" + count(spec.renewCount) +
-               " Postdatable=\"false\" RenewExpired=\"false\"/>";
+        xml += std::string("<saml2:Condition xmlns:rsa=\"") +
+               SsoClient::Xmlns::kSamlAdviceExtension + "\" xsi:type=\"rsa:RenewRestrictionType\"" +
+               count(spec.renewCount) + " Postdatable=\"false\" RenewExpired=\"false\"/>";
     }
     if (spec.proxyCount) {
         xml += "<saml2:ProxyRestriction" + count(spec.proxyCount) + "/>";
@@ -150,7 +150,7 @@ std::string Advice(const AssertionSpec& spec) {
     }
     std::string xml = "<saml2:Advice>";
     for (const auto& advice : spec.advice) {
-        xml += std::string("<rsa:RSAAdvice xmlns:rsa=\"") + kAdviceExtensionNs +
+        xml += std::string("<rsa:RSAAdvice xmlns:rsa=\"") + SsoClient::Xmlns::kSamlAdviceExtension +
                "\" AdviceSource=\"" + Escape(advice.source) + "\">" +
                Attributes(advice.attributes, false) + "</rsa:RSAAdvice>";
     }
@@ -228,8 +228,9 @@ std::string BuildAssertionXml(const AssertionSpec& spec, bool withSignatureTempl
     t_buildMicros = Basalt::System::GetUtcDateTime().GetUtcTime();
     const std::string id = spec.id.empty() ? "_" + Basalt::StringUtil::GenerateUuid() : spec.id;
     std::string xml =
-        std::string("<saml2:Assertion xmlns:saml2=\"") + kAssertionNs + "\" xmlns:xsi=\"" +
-        kSchemaInstanceNs + "\" xmlns:xs=\"http://www.w3.org/2001/XMLSchema\" ID=\"" + Escape(id) +
+        std::string("<saml2:Assertion xmlns:saml2=\"") + SsoClient::Xmlns::kSamlAssertion +
+        "\" xmlns:xsi=\"" + SsoClient::Xmlns::kXsi +
+        "\" xmlns:xs=\"http://www.w3.org/2001/XMLSchema\" ID=\"" + Escape(id) +
         "\" IssueInstant=\"" + At(-5) + "\" Version=\"" + Escape(spec.version) + "\">";
     xml += "<saml2:Issuer Format=\"urn:oasis:names:tc:SAML:2.0:nameid-format:entity\">" +
            Escape(spec.issuer) + "</saml2:Issuer>";

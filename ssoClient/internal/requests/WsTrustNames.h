@@ -1,29 +1,12 @@
 #pragma once
 
-// Namespaces and fixed texts of the WS-Trust requests the library sends.
+// Fixed texts of the WS-Trust requests the library sends (token types, actions, algorithm URIs);
+// their namespaces are in internal/xml/Namespaces.h.
 
-#ifndef SSOCLIENT_SAML_EXTENSION_NS_BASE
-#error "SSOCLIENT_SAML_EXTENSION_NS_BASE must be defined by the build"
-#endif
+#include "internal/xml/Namespaces.h"
 
 namespace SsoClient {
 namespace WsTrust {
-
-inline constexpr char kWstNs[] = "http://docs.oasis-open.org/ws-sx/ws-trust/200512";
-inline constexpr char kWst14Ns[] = "http://docs.oasis-open.org/ws-sx/ws-trust/200802";
-inline constexpr char kWsuNs[] =
-    "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-utility-1.0.xsd";
-inline constexpr char kWsseNs[] =
-    "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-secext-1.0.xsd";
-inline constexpr char kWsse11Ns[] =
-    "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-secext-1.1.xsd";
-inline constexpr char kWsaNs[] = "http://www.w3.org/2005/08/addressing";
-inline constexpr char kSoapEnvNs[] = "http://schemas.xmlsoap.org/soap/envelope/";
-inline constexpr char kAdviceNs[] =
-    SSOCLIENT_SAML_EXTENSION_NS_BASE "/names/2009/12/std-ext/WS-Trust1.4/advice";
-inline constexpr char kSamlNs[] = "urn:oasis:names:tc:SAML:2.0:assertion";
-inline constexpr char kXsNs[] = "http://www.w3.org/2001/XMLSchema";
-inline constexpr char kXsiNs[] = "http://www.w3.org/2001/XMLSchema-instance";
 
 inline constexpr char kSamlTokenType[] = "urn:oasis:names:tc:SAML:2.0:assertion";
 inline constexpr char kStatusTokenType[] =

@@ -1,25 +1,17 @@
 #pragma once
 
-// Namespaces and attribute names the assertion walk and the token rely on. The vendor-extension
-// URIs share a configurable scheme and host (see README.md, "SAML extension URIs"), set at
-// configure time through CMake cache variables.
+// Confirmation methods, formats and attribute names the assertion walk and the token rely on
+// (namespaces: internal/xml/Namespaces.h). The vendor attribute names share a configurable scheme
+// and host (see README.md, "SAML extension URIs"), set at configure time.
 
-#ifndef SSOCLIENT_SAML_EXTENSION_NS_BASE
-#error "SSOCLIENT_SAML_EXTENSION_NS_BASE must be defined by the build"
-#endif
+#include "internal/xml/Namespaces.h"
+
 #ifndef SSOCLIENT_SAML_ATTRIBUTE_NAME_BASE
 #error "SSOCLIENT_SAML_ATTRIBUTE_NAME_BASE must be defined by the build"
 #endif
 
 namespace SsoClient {
 namespace Saml {
-
-inline constexpr const char* kAssertionNs = "urn:oasis:names:tc:SAML:2.0:assertion";
-inline constexpr const char* kXmlDsigNs = "http://www.w3.org/2000/09/xmldsig#";
-inline constexpr const char* kDelegationNs = "urn:oasis:names:tc:SAML:2.0:conditions:delegation";
-inline constexpr const char* kSchemaInstanceNs = "http://www.w3.org/2001/XMLSchema-instance";
-inline constexpr const char* kAdviceExtensionNs =
-    SSOCLIENT_SAML_EXTENSION_NS_BASE "/names/2009/12/std-ext/SAML2.0";
 
 inline constexpr const char* kBearerMethod = "urn:oasis:names:tc:SAML:2.0:cm:bearer";
 inline constexpr const char* kHolderOfKeyMethod = "urn:oasis:names:tc:SAML:2.0:cm:holder-of-key";
