@@ -1,4 +1,3 @@
-#include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
@@ -15,29 +14,6 @@ PrivateKey::~PrivateKey() = default;
 
 namespace {
 
-struct BioDeleter {
-    void operator()(BIO* p) const { BIO_free(p); }
-};
-using BioPtr = std::unique_ptr<BIO, BioDeleter>;
-struct MdCtxDeleter {
-    void operator()(EVP_MD_CTX* p) const { EVP_MD_CTX_free(p); }
-};
-using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, MdCtxDeleter>;
-struct OpenSslFree {
-    void operator()(void* p) const { OPENSSL_free(p); }
-};
-
-BioPtr MemoryBio(std::string_view data) {
-    if (data.size() > INT_MAX) {
-        throw InvalidArgumentException("Input too large");
-    }
-    BioPtr bio(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
-    if (!bio) {
-        throw Exception("Out of memory creating a BIO");
-    }
-    return bio;
-}
-
 std::string BioText(BIO* bio) {
     char* data = nullptr;
     long size = BIO_get_mem_data(bio, &data);
@@ -45,7 +21,7 @@ std::string BioText(BIO* bio) {
 }
 
 std::string NameText(const X509_NAME* name) {
-    BioPtr bio(BIO_new(BIO_s_mem()));
+    UniquePtr<BIO> bio(BIO_new(BIO_s_mem()));
     if (!bio || X509_NAME_print_ex(bio.get(), name, 0, XN_FLAG_RFC2253) < 0) {
         throw Exception(TakeOpenSslErrors("Cannot print a distinguished name"));
     }
@@ -69,7 +45,7 @@ System::DateTime AsnTime(const ASN1_TIME* time) {
 
 class CertificateImpl final : public ObjectImpl, public Certificate {
   public:
-    explicit CertificateImpl(X509Ptr x509) : m_x509(std::move(x509)) {
+    explicit CertificateImpl(UniquePtr<X509> x509) : m_x509(std::move(x509)) {
         int size = i2d_X509(m_x509.get(), nullptr);
         if (size <= 0) {
             throw InvalidArgumentException(TakeOpenSslErrors("Cannot encode the certificate"));
@@ -89,9 +65,8 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
         return NameText(X509_get_issuer_name(m_x509.get()));
     }
     std::string GetSerialNumber() const override {
-        std::unique_ptr<BIGNUM, void (*)(BIGNUM*)> number(
-            ASN1_INTEGER_to_BN(X509_get0_serialNumber(m_x509.get()), nullptr), BN_free);
-        std::unique_ptr<char, OpenSslFree> text(number ? BN_bn2dec(number.get()) : nullptr);
+        UniquePtr<BIGNUM> number(ASN1_INTEGER_to_BN(X509_get0_serialNumber(m_x509.get()), nullptr));
+        UniquePtr<OpenSslChars> text(number ? BN_bn2dec(number.get()) : nullptr);
         if (!text) {
             throw Exception(TakeOpenSslErrors("Cannot read the serial number"));
         }
@@ -107,7 +82,7 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
         return AsnTime(X509_get0_notAfter(m_x509.get()));
     }
     std::string GetPublicKeyPem() const override {
-        BioPtr bio(BIO_new(BIO_s_mem()));
+        UniquePtr<BIO> bio(BIO_new(BIO_s_mem()));
         if (!bio || PEM_write_bio_PUBKEY(bio.get(), X509_get0_pubkey(m_x509.get())) != 1) {
             throw Exception(TakeOpenSslErrors("Cannot write the public key"));
         }
@@ -115,7 +90,7 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
     }
     bool VerifySignature(DigestAlgorithm digest, const void* data, size_t size,
                          const std::vector<unsigned char>& signature) const override {
-        MdCtxPtr ctx(EVP_MD_CTX_new());
+        UniquePtr<EVP_MD_CTX> ctx(EVP_MD_CTX_new());
         EVP_PKEY* key = X509_get0_pubkey(m_x509.get());
         bool valid =
             ctx && key &&
@@ -128,13 +103,13 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
     bool Equals(const Certificate& other) const override { return m_der == other.GetDer(); }
 
   private:
-    X509Ptr m_x509;
+    UniquePtr<X509> m_x509;
     std::vector<unsigned char> m_der;
 };
 
 class PrivateKeyImpl final : public ObjectImpl, public PrivateKey {
   public:
-    explicit PrivateKeyImpl(EvpPkeyPtr key) : m_key(std::move(key)) {}
+    explicit PrivateKeyImpl(UniquePtr<EVP_PKEY> key) : m_key(std::move(key)) {}
 
     EVP_PKEY* Native() const { return m_key.get(); }
 
@@ -144,7 +119,7 @@ class PrivateKeyImpl final : public ObjectImpl, public PrivateKey {
     int GetBits() const override { return EVP_PKEY_get_bits(m_key.get()); }
     std::vector<unsigned char> Sign(DigestAlgorithm digest, const void* data,
                                     size_t size) const override {
-        MdCtxPtr ctx(EVP_MD_CTX_new());
+        UniquePtr<EVP_MD_CTX> ctx(EVP_MD_CTX_new());
         size_t length = 0;
         const auto* bytes = static_cast<const unsigned char*>(data);
         if (!ctx ||
@@ -167,7 +142,7 @@ class PrivateKeyImpl final : public ObjectImpl, public PrivateKey {
     }
 
   private:
-    EvpPkeyPtr m_key;
+    UniquePtr<EVP_PKEY> m_key;
 };
 
 // Passphrase callback for PEM_read_bio_PrivateKey; never prompts on a terminal.
@@ -181,6 +156,17 @@ int PassphraseCallback(char* buffer, int size, int, void* userData) {
 }
 
 }  // namespace
+
+UniquePtr<BIO> MemoryBio(std::string_view data) {
+    if (data.size() > INT_MAX) {
+        throw InvalidArgumentException("Input too large");
+    }
+    UniquePtr<BIO> bio(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
+    if (!bio) {
+        throw Exception("Out of memory creating a BIO");
+    }
+    return bio;
+}
 
 std::string TakeOpenSslErrors(const char* fallback) {
     std::string text = fallback;
@@ -235,7 +221,7 @@ EVP_PKEY* NativePrivateKey(const PrivateKey& key) {
     return impl->Native();
 }
 
-void WrapCertificate(X509Ptr x509, Ref<Certificate>& certificate) {
+void WrapCertificate(UniquePtr<X509> x509, Ref<Certificate>& certificate) {
     certificate = new CertificateImpl(std::move(x509));
 }
 
@@ -244,7 +230,7 @@ void CreateCertificate(const unsigned char* der, size_t size, Ref<Certificate>& 
         throw InvalidArgumentException("Invalid certificate: no DER data");
     }
     const unsigned char* cursor = der;
-    X509Ptr x509(d2i_X509(nullptr, &cursor, static_cast<long>(size)));
+    UniquePtr<X509> x509(d2i_X509(nullptr, &cursor, static_cast<long>(size)));
     if (!x509) {
         throw InvalidArgumentException(TakeOpenSslErrors("Invalid DER certificate"));
     }
@@ -256,9 +242,9 @@ void CreateCertificate(const unsigned char* der, size_t size, Ref<Certificate>& 
 }
 
 void CreateCertificatesFromPem(std::string_view pem, std::vector<Ref<Certificate>>& certificates) {
-    BioPtr bio = MemoryBio(pem);
+    UniquePtr<BIO> bio = MemoryBio(pem);
     std::vector<Ref<Certificate>> parsed;
-    while (X509Ptr x509{PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)}) {
+    while (UniquePtr<X509> x509{PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)}) {
         Ref<Certificate> certificate;
         WrapCertificate(std::move(x509), certificate);
         parsed.push_back(certificate);
@@ -275,8 +261,8 @@ void CreateCertificatesFromPem(std::string_view pem, std::vector<Ref<Certificate
 }
 
 void CreateCertificateFromPem(std::string_view pem, Ref<Certificate>& certificate) {
-    BioPtr bio = MemoryBio(pem);
-    X509Ptr x509(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+    UniquePtr<BIO> bio = MemoryBio(pem);
+    UniquePtr<X509> x509(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
     if (!x509) {
         throw InvalidArgumentException(TakeOpenSslErrors("Invalid PEM certificate"));
     }
@@ -285,8 +271,9 @@ void CreateCertificateFromPem(std::string_view pem, Ref<Certificate>& certificat
 
 void CreatePrivateKeyFromPem(std::string_view pem, Ref<PrivateKey>& key,
                              std::string_view passphrase) {
-    BioPtr bio = MemoryBio(pem);
-    EvpPkeyPtr pkey(PEM_read_bio_PrivateKey(bio.get(), nullptr, PassphraseCallback, &passphrase));
+    UniquePtr<BIO> bio = MemoryBio(pem);
+    UniquePtr<EVP_PKEY> pkey(
+        PEM_read_bio_PrivateKey(bio.get(), nullptr, PassphraseCallback, &passphrase));
     if (!pkey) {
         throw InvalidArgumentException(
             TakeOpenSslErrors("Invalid PEM private key or wrong passphrase"));

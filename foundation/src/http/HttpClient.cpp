@@ -2,7 +2,6 @@
 // libcurl's multi interface; callers hand it requests and wait on their pending items.
 
 #include <openssl/ssl.h>
-#include <openssl/x509_vfy.h>
 
 #include <algorithm>
 #include <chrono>
@@ -28,6 +27,17 @@ thread_local bool t_onHttpThread = false;
 
 std::string BracketIfIpv6(const std::string& host) {
     return host.find(':') != std::string::npos ? "[" + host + "]" : host;
+}
+
+// Appends line to list; libcurl links it in place, so only a new list gets a new head.
+void Append(UniquePtr<curl_slist>& list, const char* line) {
+    curl_slist* head = curl_slist_append(list.get(), line);
+    if (!head) {
+        throw Exception("Out of memory building request headers");
+    }
+    if (!list) {
+        list.reset(head);
+    }
 }
 
 bool IsValidHostName(const std::string& host) {
@@ -95,7 +105,7 @@ class UserAgentImpl;
 class Transfer final : public ObjectImpl, public PendingRequestItem {
   public:
     Transfer(Ref<UserAgentImpl> agent, RequestData request, CompletionCallback completion);
-    ~Transfer() override;
+    ~Transfer() override { CleanupEasy(); }
 
     bool IsDone() const override {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -137,9 +147,9 @@ class Transfer final : public ObjectImpl, public PendingRequestItem {
     CompletionCallback m_completion;
 
     // Used only on the HTTP thread while the transfer runs.
-    CURL* m_easy = nullptr;
-    curl_slist* m_headerList = nullptr;
-    curl_slist* m_connectTo = nullptr;
+    UniquePtr<CurlEasyHandle> m_easy;
+    UniquePtr<curl_slist> m_headerList;
+    UniquePtr<curl_slist> m_connectTo;
     char m_errorBuffer[CURL_ERROR_SIZE] = {};
     int m_status = 0;
     std::string m_reason;
@@ -204,7 +214,7 @@ class HttpEngine {
   public:
     HttpEngine() {
         EnsureCurlInitialized();
-        m_multi = curl_multi_init();
+        m_multi.reset(curl_multi_init());
         if (!m_multi) {
             throw Exception("Out of memory creating the HTTP client");
         }
@@ -215,9 +225,8 @@ class HttpEngine {
             std::lock_guard<std::mutex> lock(m_mutex);
             m_stopping = true;
         }
-        curl_multi_wakeup(m_multi);
+        curl_multi_wakeup(m_multi.get());
         m_thread.join();
-        curl_multi_cleanup(m_multi);
     }
     HttpEngine(const HttpEngine&) = delete;
     HttpEngine& operator=(const HttpEngine&) = delete;
@@ -231,7 +240,7 @@ class HttpEngine {
             std::lock_guard<std::mutex> lock(m_mutex);
             queue.push_back(transfer);
         }
-        curl_multi_wakeup(m_multi);
+        curl_multi_wakeup(m_multi.get());
     }
 
     void Run() {
@@ -260,16 +269,16 @@ class HttpEngine {
             starts.clear();
             cancels.clear();
             int running = 0;
-            curl_multi_perform(m_multi, &running);
+            curl_multi_perform(m_multi.get(), &running);
             CollectFinished();
-            curl_multi_poll(m_multi, nullptr, 0, 1000, nullptr);
+            curl_multi_poll(m_multi.get(), nullptr, 0, 1000, nullptr);
         }
     }
 
     void StartTransfer(const Ref<Transfer>& transfer) {
         try {
             CURL* easy = transfer->Setup();
-            CURLMcode added = curl_multi_add_handle(m_multi, easy);
+            CURLMcode added = curl_multi_add_handle(m_multi.get(), easy);
             if (added != CURLM_OK) {
                 throw Exception(std::string("Cannot start the transfer: ") +
                                 curl_multi_strerror(added));
@@ -284,7 +293,7 @@ class HttpEngine {
         for (auto it = m_active.begin(); it != m_active.end(); ++it) {
             if (it->second.Get() == transfer) {
                 Ref<Transfer> stopped = it->second;
-                curl_multi_remove_handle(m_multi, it->first);
+                curl_multi_remove_handle(m_multi.get(), it->first);
                 m_active.erase(it);
                 stopped->Complete(std::make_unique<Exception>(reason + stopped->ToString()),
                                   nullptr);
@@ -295,7 +304,7 @@ class HttpEngine {
 
     void CollectFinished() {
         int left = 0;
-        while (CURLMsg* message = curl_multi_info_read(m_multi, &left)) {
+        while (CURLMsg* message = curl_multi_info_read(m_multi.get(), &left)) {
             if (message->msg != CURLMSG_DONE) {
                 continue;
             }
@@ -306,7 +315,7 @@ class HttpEngine {
                 continue;
             }
             Ref<Transfer> finished = it->second;
-            curl_multi_remove_handle(m_multi, easy);
+            curl_multi_remove_handle(m_multi.get(), easy);
             m_active.erase(it);
             finished->Finish(result);
         }
@@ -321,7 +330,7 @@ class HttpEngine {
         }
     }
 
-    CURLM* m_multi = nullptr;
+    UniquePtr<CurlMultiHandle> m_multi;  // declared first: it goes after the thread
     std::mutex m_mutex;
     std::vector<Ref<Transfer>> m_starts;
     std::vector<Ref<Transfer>> m_cancels;
@@ -371,16 +380,10 @@ Transfer::Transfer(Ref<UserAgentImpl> agent, RequestData request, CompletionCall
       m_request(std::move(request)),
       m_completion(std::move(completion)) {}
 
-Transfer::~Transfer() {
-    CleanupEasy();
-}
-
 void Transfer::CleanupEasy() {
-    if (m_easy) {
-        curl_easy_cleanup(std::exchange(m_easy, nullptr));
-    }
-    curl_slist_free_all(std::exchange(m_headerList, nullptr));
-    curl_slist_free_all(std::exchange(m_connectTo, nullptr));
+    m_easy.reset();
+    m_headerList.reset();
+    m_connectTo.reset();
 }
 
 std::string Transfer::ToString() const {
@@ -418,7 +421,7 @@ void Transfer::TakeOutcome(Ref<ClientResponse>& response) const {
 
 template <class T>
 void Transfer::SetOption(CURLoption option, T value) {
-    const CURLcode result = curl_easy_setopt(m_easy, option, value);
+    const CURLcode result = curl_easy_setopt(m_easy.get(), option, value);
     if (result != CURLE_OK) {
         throw Exception(std::string("Cannot configure the transfer to ") +
                         m_agent->GetEndpoint().peer + ": " + curl_easy_strerror(result));
@@ -426,7 +429,7 @@ void Transfer::SetOption(CURLoption option, T value) {
 }
 
 CURL* Transfer::Setup() {
-    m_easy = curl_easy_init();
+    m_easy.reset(curl_easy_init());
     if (!m_easy) {
         throw Exception("Out of memory creating a transfer");
     }
@@ -453,7 +456,7 @@ CURL* Transfer::Setup() {
     SetupCookies();
     SetupConnection();
     SetupTls();
-    return m_easy;
+    return m_easy.get();
 }
 
 void Transfer::SetupMethodAndBody() {
@@ -485,17 +488,13 @@ void Transfer::SetupHeaders() {
         // "Name;" is how libcurl sends a header with an empty value.
         const std::string line = value.empty() ? name + ";" : name + ": " + value;
         hasExpect = hasExpect || SameHeaderName(name, "Expect");
-        curl_slist* extended = curl_slist_append(m_headerList, line.c_str());
-        if (!extended) {
-            throw Exception("Out of memory building request headers");
-        }
-        m_headerList = extended;
+        Append(m_headerList, line.c_str());
     }
     if (!hasExpect) {
         // Large bodies go at once rather than after a round trip for "100 Continue".
-        m_headerList = curl_slist_append(m_headerList, "Expect:");
+        Append(m_headerList, "Expect:");
     }
-    SetOption(CURLOPT_HTTPHEADER, m_headerList);
+    SetOption(CURLOPT_HTTPHEADER, m_headerList.get());
 }
 
 void Transfer::SetupCookies() {
@@ -508,8 +507,8 @@ void Transfer::SetupCookies() {
 void Transfer::SetupConnection() {
     const Endpoint& endpoint = m_agent->GetEndpoint();
     if (!endpoint.connectTo.empty()) {
-        m_connectTo = curl_slist_append(nullptr, endpoint.connectTo.c_str());
-        SetOption(CURLOPT_CONNECT_TO, m_connectTo);
+        Append(m_connectTo, endpoint.connectTo.c_str());
+        SetOption(CURLOPT_CONNECT_TO, m_connectTo.get());
     }
     SetOption(CURLOPT_SHARE, m_agent->GetShare());
 }
@@ -561,8 +560,9 @@ int Transfer::OnVerifyChain(X509_STORE_CTX* store, void* self) {
         for (int i = 0; i < sk_X509_num(natives); ++i) {
             X509* native = sk_X509_value(natives, i);
             X509_up_ref(native);
+            UniquePtr<X509> reference(native);
             chain.emplace_back();
-            Crypto::WrapCertificate(Crypto::X509Ptr(native), chain.back());
+            Crypto::WrapCertificate(std::move(reference), chain.back());
         }
         transfer->m_agent->GetEndpoint().custom->OnHandshake(chain);
         return 1;
@@ -621,14 +621,14 @@ size_t Transfer::OnBody(char* data, size_t size, size_t count, void* self) {
 
 void Transfer::SaveCookies() {
     curl_slist* cookies = nullptr;
-    if (curl_easy_getinfo(m_easy, CURLINFO_COOKIELIST, &cookies) != CURLE_OK) {
+    if (curl_easy_getinfo(m_easy.get(), CURLINFO_COOKIELIST, &cookies) != CURLE_OK) {
         return;
     }
+    UniquePtr<curl_slist> owned(cookies);
     std::vector<std::string> lines;
     for (curl_slist* item = cookies; item; item = item->next) {
         lines.emplace_back(item->data);
     }
-    curl_slist_free_all(cookies);
     m_agent->GetCookies().SetCookieLines(std::move(lines));
 }
 
@@ -679,7 +679,7 @@ void Transfer::Finish(CURLcode code) {
     if (code == CURLE_OK || m_undefinedInterim) {
         long status = m_status;
         if (code == CURLE_OK) {
-            curl_easy_getinfo(m_easy, CURLINFO_RESPONSE_CODE, &status);
+            curl_easy_getinfo(m_easy.get(), CURLINFO_RESPONSE_CODE, &status);
         }
         SaveCookies();
         CreateClientResponse(static_cast<int>(status), std::move(m_reason), std::move(m_headers),

@@ -30,20 +30,17 @@ void EnsureCurlInitialized() {
 
 CurlShare::CurlShare() {
     EnsureCurlInitialized();
-    m_share = curl_share_init();
+    m_share.reset(curl_share_init());
     if (!m_share) {
         throw Exception("Out of memory creating a connection cache");
     }
-    curl_share_setopt(m_share, CURLSHOPT_LOCKFUNC, &CurlShare::Lock);
-    curl_share_setopt(m_share, CURLSHOPT_UNLOCKFUNC, &CurlShare::Unlock);
-    curl_share_setopt(m_share, CURLSHOPT_USERDATA, this);
-    curl_share_setopt(m_share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
-    curl_share_setopt(m_share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-    curl_share_setopt(m_share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
-}
-
-CurlShare::~CurlShare() {
-    curl_share_cleanup(m_share);
+    CURLSH* share = m_share.get();
+    curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &CurlShare::Lock);
+    curl_share_setopt(share, CURLSHOPT_UNLOCKFUNC, &CurlShare::Unlock);
+    curl_share_setopt(share, CURLSHOPT_USERDATA, this);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
 }
 
 void CurlShare::Lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {

@@ -1,6 +1,5 @@
 #include <basalt/Ssl.h>
 
-#include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
@@ -17,24 +16,13 @@ SSLContext::~SSLContext() = default;
 
 namespace {
 
-struct BioDeleter {
-    void operator()(BIO* p) const { BIO_free(p); }
-};
-using BioPtr = std::unique_ptr<BIO, BioDeleter>;
-
-BioPtr MemoryBio(const std::string& text) {
-    BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-    if (!bio) {
-        throw Exception("Out of memory reading PEM text");
-    }
-    return bio;
-}
-
 // The public key of a PEM public key or, failing that, of a PEM certificate.
-Crypto::EvpPkeyPtr ReadPublicKeyPem(const std::string& pem) {
-    Crypto::EvpPkeyPtr key(PEM_read_bio_PUBKEY(MemoryBio(pem).get(), nullptr, nullptr, nullptr));
+UniquePtr<EVP_PKEY> ReadPublicKeyPem(const std::string& pem) {
+    UniquePtr<EVP_PKEY> key(
+        PEM_read_bio_PUBKEY(Crypto::MemoryBio(pem).get(), nullptr, nullptr, nullptr));
     if (!key) {
-        Crypto::X509Ptr cert(PEM_read_bio_X509(MemoryBio(pem).get(), nullptr, nullptr, nullptr));
+        UniquePtr<X509> cert(
+            PEM_read_bio_X509(Crypto::MemoryBio(pem).get(), nullptr, nullptr, nullptr));
         if (cert) {
             key.reset(X509_get_pubkey(cert.get()));
         }
@@ -106,15 +94,15 @@ void SSLContextImpl::LoadPinnedKey() {
     if (m_options.pinnedPublicKeyPem.empty()) {
         return;
     }
-    Crypto::EvpPkeyPtr key = ReadPublicKeyPem(m_options.pinnedPublicKeyPem);
+    UniquePtr<EVP_PKEY> key = ReadPublicKeyPem(m_options.pinnedPublicKeyPem);
     unsigned char* der = nullptr;
-    int size = i2d_PUBKEY(key.get(), &der);
+    const int size = i2d_PUBKEY(key.get(), &der);
+    UniquePtr<OpenSslBytes> owned(der);
     if (size <= 0) {
         throw Exception(Crypto::TakeOpenSslErrors("SSLContext: cannot encode the pinned key"));
     }
     std::vector<unsigned char> hash =
         Crypto::Digest(Crypto::DigestAlgorithm::Sha256, der, static_cast<size_t>(size));
-    OPENSSL_free(der);
     m_pinnedKeyHash = "sha256//" + StringUtil::Base64Encode(hash);
 }
 

@@ -8,6 +8,7 @@
 
 #include <mutex>
 
+#include "internal/crypto/CryptoInternal.h"
 #include "internal/system/FoundationLog.h"
 #include "internal/xml/XmlInternal.h"
 #include "internal/security/XmlSecurityInternal.h"
@@ -145,23 +146,21 @@ xmlSecTransformId TransformIdOf(const Algorithm& algorithm) {
     return id;
 }
 
-xmlSecKey* CreateXmlSecKey(EVP_PKEY* native) {
+UniquePtr<xmlSecKey> CreateXmlSecKey(EVP_PKEY* native) {
     if (EVP_PKEY_up_ref(native) != 1) {
         throw std::bad_alloc();
     }
-    xmlSecKeyData* data = xmlSecOpenSSLEvpKeyAdopt(native);
+    UniquePtr<EVP_PKEY> reference(native);
+    UniquePtr<xmlSecKeyData> data(xmlSecOpenSSLEvpKeyAdopt(reference.get()));
     if (!data) {
-        EVP_PKEY_free(native);
         BASALT_THROW(XmlSecurityException, "Unsupported key: " + TakeXmlSecError());
     }
-    xmlSecKey* key = xmlSecKeyCreate();
-    if (!key || xmlSecKeySetValue(key, data) < 0) {
-        xmlSecKeyDataDestroy(data);
-        if (key) {
-            xmlSecKeyDestroy(key);
-        }
+    reference.release();  // adopted by the key data
+    UniquePtr<xmlSecKey> key(xmlSecKeyCreate());
+    if (!key || xmlSecKeySetValue(key.get(), data.get()) < 0) {
         throw std::bad_alloc();
     }
+    data.release();  // adopted by the key
     return key;
 }
 

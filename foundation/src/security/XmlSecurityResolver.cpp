@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -84,7 +83,7 @@ xmlNode* FindDsigChild(const xmlNode* parent, const char* localName) {
 }
 
 std::string TextOf(const xmlNode* node) {
-    XmlCharPtr content(xmlNodeGetContent(node));
+    UniquePtr<XmlString> content(xmlNodeGetContent(node));
     return Str(content.get());
 }
 
@@ -98,17 +97,13 @@ std::string CompactTextOf(const xmlNode* node) {
     return text;
 }
 
-struct KeyDeleter {
-    void operator()(xmlSecKey* key) const { xmlSecKeyDestroy(key); }
-};
-
 struct TrustedEntry {
     Ref<Crypto::Certificate> certificate;
     std::string base64;  // of the DER encoding, as X509Certificate carries it
     std::string issuer;  // normalised
     std::string serial;
     std::vector<unsigned char> subjectKeyId;
-    std::unique_ptr<xmlSecKey, KeyDeleter> key;  // ready for verification
+    UniquePtr<xmlSecKey> key;  // ready for verification
 };
 
 class TrustedCertificateResolver final : public ObjectImpl,
@@ -132,7 +127,7 @@ class TrustedCertificateResolver final : public ObjectImpl,
                                NormalizeSerial(certificate->GetSerialNumber()),
                                {},
                                {}};
-            entry.key.reset(CreateXmlSecKey(X509_get0_pubkey(native)));
+            entry.key = CreateXmlSecKey(X509_get0_pubkey(native));
             if (const ASN1_OCTET_STRING* ski = X509_get0_subject_key_id(native)) {
                 entry.subjectKeyId.assign(ski->data, ski->data + ski->length);
             }

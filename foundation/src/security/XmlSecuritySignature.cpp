@@ -345,11 +345,6 @@ class IdRegistration {
 
 // --- xmlsec context ----------------------------------------------------------------------------
 
-struct DSigCtxDeleter {
-    void operator()(xmlSecDSigCtx* ctx) const { xmlSecDSigCtxDestroy(ctx); }
-};
-using DSigCtxPtr = std::unique_ptr<xmlSecDSigCtx, DSigCtxDeleter>;
-
 struct AllowedTransformIds {
     std::vector<xmlSecTransformId> signedInfo;  // canonicalisation and signature methods
     std::vector<xmlSecTransformId> reference;   // transforms and digest methods
@@ -375,8 +370,8 @@ const AllowedTransformIds& AllowedIds() {
 
 // A context that takes its key from the caller only, processes only same-document references
 // and accepts only the allowed algorithms (xmlsec's empty lists would allow everything).
-DSigCtxPtr CreateContext() {
-    DSigCtxPtr ctx(xmlSecDSigCtxCreate(nullptr));
+UniquePtr<xmlSecDSigCtx> CreateContext() {
+    UniquePtr<xmlSecDSigCtx> ctx(xmlSecDSigCtxCreate(nullptr));
     if (!ctx) {
         throw std::bad_alloc();
     }
@@ -568,8 +563,8 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         for (const SignatureReference& reference : m_parsed.references) {
             ids.push_back(BindSignedElement(reference.uri, root));
         }
-        DSigCtxPtr ctx = CreateContext();
-        ctx->signKey = CreateXmlSecKey(native);
+        UniquePtr<xmlSecDSigCtx> ctx = CreateContext();
+        ctx->signKey = CreateXmlSecKey(native).release();  // destroyed with the context
         TakeXmlSecError();
         LibxmlErrorCapture errors;
         if (xmlSecDSigCtxSign(ctx.get(), signature) < 0 ||
@@ -650,8 +645,8 @@ class SignatureImpl final : public ObjectImpl, public Signature {
     // key that stays with its owner, or else one made from native), and says so.
     static bool VerifyWith(xmlNode* signature, xmlSecKey* shared, EVP_PKEY* native,
                            size_t referenceCount) {
-        DSigCtxPtr ctx = CreateContext();
-        ctx->signKey = shared ? shared : CreateXmlSecKey(native);
+        UniquePtr<xmlSecDSigCtx> ctx = CreateContext();
+        ctx->signKey = shared ? shared : CreateXmlSecKey(native).release();  // see KeepShared
         struct KeepShared {
             xmlSecDSigCtx* ctx;
             bool shared;

@@ -2,9 +2,9 @@
 
 #include <cxxabi.h>
 
-#include <cstdlib>
-#include <memory>
 #include <typeinfo>
+
+#include "internal/system/UniquePtr.h"
 
 namespace Basalt {
 
@@ -68,8 +68,7 @@ BASALT_DEFINE_EXCEPTION(SignatureSyntaxException, Exception)
 
 std::string DemangledName(const std::type_info& type) {
     int status = 0;
-    std::unique_ptr<char, void (*)(void*)> name(
-        abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), std::free);
+    UniquePtr<MallocChars> name(abi::__cxa_demangle(type.name(), nullptr, nullptr, &status));
     return status == 0 && name ? std::string(name.get()) : std::string(type.name());
 }
 

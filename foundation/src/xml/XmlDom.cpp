@@ -28,26 +28,32 @@ void InitXmlLibrary() {
     std::call_once(once, [] { xmlInitParser(); });
 }
 
+namespace {
+
+// Replaces a string that the tree owns.
+void ReplaceTreeString(const xmlChar*& field, const std::string& value) {
+    UniquePtr<XmlString> old(const_cast<xmlChar*>(field));
+    field = xmlStrdup(AsXmlChars(value.c_str()));
+}
+
+}  // namespace
+
 // ---------------------------------------------------------------------------------------------
 // DocOwner
 
-DocOwner::DocOwner(XmlDocPtr doc) : m_doc(doc.release()) {
+DocOwner::DocOwner(UniquePtr<xmlDoc> doc) : m_doc(std::move(doc)) {
     m_doc->_private = this;
     // Serialise as UTF-8 whatever the input's declared encoding was (the tree is UTF-8 inside).
-    if (m_doc->encoding) {
-        xmlFree(const_cast<xmlChar*>(m_doc->encoding));
-    }
-    m_doc->encoding = xmlStrdup(AsXmlChars("UTF-8"));
+    ReplaceTreeString(m_doc->encoding, "UTF-8");
 }
 
 DocOwner::~DocOwner() {
     for (xmlNode* node : m_detached) {
-        if (node->parent == nullptr && node->doc == m_doc) {
+        if (node->parent == nullptr && node->doc == m_doc.get()) {
             xmlFreeNode(node);
         }
     }
     m_doc->_private = nullptr;
-    xmlFreeDoc(m_doc);
 }
 
 std::pair<int, int> DocOwner::GetPosition(const xmlNode* node) const {
@@ -122,7 +128,7 @@ void DocOwner::TransferSubtree(xmlNode* root, DocOwner& target) {
 
 Ref<DocOwner> CreateDocOwner() {
     InitXmlLibrary();
-    XmlDocPtr doc(xmlNewDoc(AsXmlChars("1.0")));
+    UniquePtr<xmlDoc> doc(xmlNewDoc(AsXmlChars("1.0")));
     if (!doc) {
         throw std::bad_alloc();
     }
@@ -150,7 +156,7 @@ std::string AttrValue(const xmlAttr* attr) {
     if (text && !text->next && text->type == XML_TEXT_NODE) {
         return Str(text->content);  // the usual shape: one text child
     }
-    XmlCharPtr value(xmlNodeListGetString(attr->doc, attr->children, 1));
+    UniquePtr<XmlString> value(xmlNodeListGetString(attr->doc, attr->children, 1));
     return Str(value.get());
 }
 
@@ -240,13 +246,13 @@ class OutputSink {
     // threw.
     template <class Dump>
     void Run(Dump&& dump) {
-        xmlOutputBuffer* buffer =
-            xmlOutputBufferCreateIO(&OutputSink::Write, nullptr, this, nullptr);
+        UniquePtr<xmlOutputBuffer> buffer(
+            xmlOutputBufferCreateIO(&OutputSink::Write, nullptr, this, nullptr));
         if (!buffer) {
             throw std::bad_alloc();
         }
-        dump(buffer);
-        int result = xmlOutputBufferClose(buffer);
+        dump(buffer.get());
+        int result = xmlOutputBufferClose(buffer.release());  // flushes and frees it
         if (m_error) {
             std::rethrow_exception(m_error);
         }
@@ -301,7 +307,7 @@ void SerializeInnerElement(xmlNode* node, Writer* writer) {
     }
     ClearPrivate(copy);
     xmlDocSetRootElement(scratch->GetDoc(), copy);
-    std::unique_ptr<xmlNs*, void (*)(void*)> inScope(xmlGetNsList(node->doc, node), xmlFree);
+    UniquePtr<XmlNsList> inScope(xmlGetNsList(node->doc, node));
     for (xmlNs** ns = inScope.get(); ns && *ns; ++ns) {
         bool declared = false;
         for (xmlNs* own = copy->nsDef; own; own = own->next) {
@@ -361,7 +367,7 @@ class NodeBase : public ObjectImpl, public Interface, public NodeCore {
     Ref<Document> GetOwnerDocument() const override { return WrapDocument(m_node->doc); }
 
     std::string GetTextContent() const override {
-        XmlCharPtr content(xmlNodeGetContent(m_node));
+        UniquePtr<XmlString> content(xmlNodeGetContent(m_node));
         return Str(content.get());
     }
 
@@ -554,8 +560,7 @@ class ElementNodeImpl final : public NodeBase<ElementNode> {
             ns = ns->next;
         }
         if (ns) {
-            xmlFree(const_cast<xmlChar*>(ns->href));
-            ns->href = xmlStrdup(AsXmlChars(uri.c_str()));
+            ReplaceTreeString(ns->href, uri);
         } else if (!(ns = xmlNewNs(m_node, AsXmlChars(uri.c_str()), key))) {
             BASALT_THROW(InvalidArgumentException,
                          "The namespace declaration of '" + prefix + "' is not allowed");
@@ -624,7 +629,7 @@ class DocumentImpl final : public ObjectImpl, public Document, public NodeCore {
     Ref<ElementNode> GetParentElement() const override { return nullptr; }
     Ref<Document> GetOwnerDocument() const override { return const_cast<DocumentImpl*>(this); }
     std::string GetTextContent() const override {
-        XmlCharPtr content(xmlNodeGetContent(m_node));
+        UniquePtr<XmlString> content(xmlNodeGetContent(m_node));
         return Str(content.get());
     }
     void Serialize(Writer* writer) const override {
@@ -722,11 +727,11 @@ void CreateElementNode(const std::string& prefix, const std::string& localName,
 
 void CreateTextNode(Ref<TextNode>& text) {
     Ref<DocOwner> owner = CreateDocOwner();
-    xmlNode* node = xmlNewDocText(owner->GetDoc(), AsXmlChars(""));
-    if (!node) {
+    UniquePtr<xmlNode> created(xmlNewDocText(owner->GetDoc(), AsXmlChars("")));
+    if (!created) {
         throw std::bad_alloc();
     }
-    owner->AddDetached(node);
+    xmlNode* node = owner->AddDetached(std::move(created));
     text = Ref<TextNode>(dynamic_cast<TextNode*>(WrapNode(node).Get()));
 }
 

@@ -7,7 +7,6 @@
 #include <libxml/xmlerror.h>
 
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,16 +27,6 @@ namespace {
 // no "huge" limits; errors are collected through the structured handler, never printed.
 constexpr int kParseOptions =
     XML_PARSE_NONET | XML_PARSE_NODICT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-
-struct ParserCtxtDeleter {
-    void operator()(xmlParserCtxt* ctxt) const {
-        if (ctxt->myDoc) {
-            xmlFreeDoc(ctxt->myDoc);
-            ctxt->myDoc = nullptr;
-        }
-        xmlFreeParserCtxt(ctxt);
-    }
-};
 
 struct ParseState {
     const ParserLimits* limits = nullptr;
@@ -251,7 +240,7 @@ class XMLParserImpl final : public ObjectImpl, public XMLParser {
         if (text.size() > static_cast<size_t>(INT32_MAX)) {
             ThrowParseError("The document is too large", 1, 1);
         }
-        std::unique_ptr<xmlParserCtxt, ParserCtxtDeleter> ctxt(
+        UniquePtr<xmlParserCtxt> ctxt(
             xmlCreateMemoryParserCtxt(text.data(), static_cast<int>(text.size())));
         if (!ctxt) {
             ThrowParseError(text.empty() ? "The document is empty" : "Out of memory", 1, 1);
@@ -270,12 +259,12 @@ class XMLParserImpl final : public ObjectImpl, public XMLParser {
         xmlCtxtUseOptions(ctxt.get(), kParseOptions);
 
         xmlParseDocument(ctxt.get());
-        if (state.failed || !ctxt->wellFormed || !ctxt->myDoc) {
+        UniquePtr<xmlDoc> doc(std::exchange(ctxt->myDoc, nullptr));  // the context never frees it
+        if (state.failed || !ctxt->wellFormed || !doc) {
             ThrowParseError(state.failed ? state.message : "malformed XML", state.line,
                             state.column);
         }
-        Ref<DocOwner> owner(new DocOwner(XmlDocPtr(ctxt->myDoc)));
-        ctxt->myDoc = nullptr;
+        Ref<DocOwner> owner(new DocOwner(std::move(doc)));
         owner->SetPositions(std::move(state.positions));
         return WrapDocument(owner->GetDoc());
     }

@@ -7,7 +7,16 @@
 
 #include <mutex>
 
+#include "internal/system/UniquePtr.h"
+
 namespace Basalt {
+
+// libcurl's handles are all plain void, hence a tag each.
+BASALT_TAGGED_DELETER(CurlEasyHandle, CURL*, curl_easy_cleanup);
+BASALT_TAGGED_DELETER(CurlMultiHandle, CURLM*, curl_multi_cleanup);
+BASALT_TAGGED_DELETER(CurlShareHandle, CURLSH*, curl_share_cleanup);
+BASALT_DELETER(curl_slist, curl_slist_free_all);
+
 namespace Http {
 
 // Initialises libcurl once per process (thread-safe; the first call wins).
@@ -18,18 +27,15 @@ void EnsureCurlInitialized();
 class CurlShare {
   public:
     CurlShare();
-    ~CurlShare();
-    CurlShare(const CurlShare&) = delete;
-    CurlShare& operator=(const CurlShare&) = delete;
 
-    CURLSH* Get() const { return m_share; }
+    CURLSH* Get() const { return m_share.get(); }
 
   private:
     static void Lock(CURL*, curl_lock_data data, curl_lock_access, void* self);
     static void Unlock(CURL*, curl_lock_data data, void* self);
 
     std::mutex m_mutexes[CURL_LOCK_DATA_LAST];
-    CURLSH* m_share;
+    UniquePtr<CurlShareHandle> m_share;  // goes first: its cleanup still locks
 };
 
 }  // namespace Http

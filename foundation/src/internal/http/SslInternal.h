@@ -3,20 +3,15 @@
 // The native side of Basalt::Ssl::SSLContext, for the foundation's HTTP client.
 
 #include <openssl/ssl.h>
-#include <openssl/x509_vfy.h>
 
-#include <memory>
 #include <string>
 
-#include "internal/http/HttpInternal.h"
 #include <basalt/Ssl.h>
+#include "internal/crypto/CryptoInternal.h"
+#include "internal/http/HttpInternal.h"
 
 namespace Basalt {
 namespace Ssl {
-
-struct X509StoreDeleter {
-    void operator()(X509_STORE* p) const { X509_STORE_free(p); }
-};
 
 class SSLContextImpl final : public ObjectImpl, public SSLContext {
   public:
@@ -42,7 +37,7 @@ class SSLContextImpl final : public ObjectImpl, public SSLContext {
     void CheckClientIdentity() const;
 
     SSLContextOptions m_options;
-    std::unique_ptr<X509_STORE, X509StoreDeleter> m_trust;
+    UniquePtr<X509_STORE> m_trust;
     std::string m_pinnedKeyHash;
     mutable Http::CurlShare m_share;
 };

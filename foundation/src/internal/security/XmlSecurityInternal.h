@@ -5,6 +5,7 @@
 
 #include <xmlsec/keys.h>
 #include <xmlsec/transforms.h>
+#include <xmlsec/xmldsig.h>
 
 #include <string>
 #include <string_view>
@@ -13,8 +14,14 @@
 #include <openssl/evp.h>
 
 #include <basalt/Crypto.h>
+#include "internal/system/UniquePtr.h"
 
 namespace Basalt {
+
+BASALT_DELETER(xmlSecDSigCtx, xmlSecDSigCtxDestroy);
+BASALT_DELETER(xmlSecKey, xmlSecKeyDestroy);
+BASALT_DELETER(xmlSecKeyData, xmlSecKeyDataDestroy);
+
 namespace Xml {
 namespace Security {
 
@@ -57,7 +64,7 @@ class ReadyKeySource {
 };
 
 // A new xmlsec key over a native key (which gains a reference).
-xmlSecKey* CreateXmlSecKey(EVP_PKEY* native);
+UniquePtr<xmlSecKey> CreateXmlSecKey(EVP_PKEY* native);
 
 }  // namespace Security
 }  // namespace Xml

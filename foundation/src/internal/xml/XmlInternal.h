@@ -6,31 +6,32 @@
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
 
+#include <libxml/parser.h>
+
 #include <functional>
-#include <memory>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include <basalt/Xml.h>
+#include "internal/system/UniquePtr.h"
 
 namespace Basalt {
+
+BASALT_DELETER(xmlDoc, xmlFreeDoc);
+BASALT_DELETER(xmlNode, xmlFreeNode);
+BASALT_DELETER(xmlOutputBuffer, xmlOutputBufferClose);
+BASALT_DELETER(xmlParserCtxt, xmlFreeParserCtxt);
+// Memory libxml2 allocated for the caller (node text, namespace lists).
+BASALT_TAGGED_DELETER(XmlString, xmlChar*, xmlFree);
+BASALT_TAGGED_DELETER(XmlNsList, xmlNs**, xmlFree);
+
 namespace Xml {
 
 // Initialises libxml2 once per process (thread-safe). Nothing global that would change how
 // other code in the process parses is touched.
 void InitXmlLibrary();
-
-struct XmlDocDeleter {
-    void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
-};
-using XmlDocPtr = std::unique_ptr<xmlDoc, XmlDocDeleter>;
-
-struct XmlCharDeleter {
-    void operator()(xmlChar* p) const { xmlFree(p); }
-};
-using XmlCharPtr = std::unique_ptr<xmlChar, XmlCharDeleter>;
 
 inline const char* AsChars(const xmlChar* s) {
     return reinterpret_cast<const char*>(s);
@@ -48,15 +49,18 @@ inline std::string Str(const xmlChar* s) {
 // a reference, which is how a node keeps its document alive.
 class DocOwner final : public ObjectImpl {
   public:
-    explicit DocOwner(XmlDocPtr doc);
+    explicit DocOwner(UniquePtr<xmlDoc> doc);
     ~DocOwner() override;
 
-    xmlDoc* GetDoc() const { return m_doc; }
+    xmlDoc* GetDoc() const { return m_doc.get(); }
     static DocOwner* Of(const xmlDoc* doc) { return static_cast<DocOwner*>(doc->_private); }
 
     // A subtree root created here without a parent; freed with the document unless it is
-    // attached somewhere by then.
-    void AddDetached(xmlNode* node) { m_detached.push_back(node); }
+    // attached somewhere by then. Returns node.
+    xmlNode* AddDetached(UniquePtr<xmlNode> node) {
+        m_detached.push_back(node.get());
+        return node.release();  // now freed by ~DocOwner
+    }
     // Called when node gets a parent or leaves the document.
     void ForgetDetached(xmlNode* node);
 
@@ -85,7 +89,7 @@ class DocOwner final : public ObjectImpl {
     class NodeCore* m_documentWrapper = nullptr;
 
   private:
-    xmlDoc* m_doc;
+    UniquePtr<xmlDoc> m_doc;
     std::vector<xmlNode*> m_detached;
     mutable std::vector<Position> m_positions;
     mutable bool m_positionsSorted = true;
