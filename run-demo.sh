@@ -9,7 +9,7 @@ cmake --preset release -DSSOCLIENT_BUILD_TESTS=OFF -DSSOCLIENT_BUILD_BENCHMARKS=
 cmake --build --preset release -j "$(nproc)" --target sso_demo
 
 # The STS prints "READY <port>" once it listens and stops when its stdin closes.
-coproc STS { exec /usr/bin/python3 tests/sts/wstrust_sts.py --port 0; }
+coproc STS { exec /usr/bin/python3 tests/sts/wstrust_sts.py; }
 sts_in=${STS[1]}
 port=""
 while read -r line <&"${STS[0]}"; do

@@ -19,5 +19,5 @@ if [ "${1:-}" != "--no-tsan" ]; then
     cmake --build --preset tsan -j "$jobs" --target basalt_tests ssoclient_tests
     # The install and symbol checks and the test STS's self-test do not depend on the sanitizer;
     # they ran above.
-    ctest --preset tsan -j "$jobs" -E '^(exported_symbols|install_and_consume|wstrust_sts_selftest|.*_replay)$'
+    ctest --preset tsan -j "$jobs" -E '^(exported_symbols|install_and_consume|.*_replay)$'
 fi

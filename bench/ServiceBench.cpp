@@ -20,7 +20,7 @@
 #include <sstream>
 
 #include "TestData.h"
-#include "sts/WsTrustSts.h"
+#include "sts/TestServer.h"
 
 namespace {
 

@@ -1,20 +1,8 @@
-"""HTTP/TLS plumbing of the loopback test servers.
-
-A LoopbackServer listens on 127.0.0.1 (a free port chosen by the system), optionally speaks TLS
-(with an optional client-certificate requirement), counts what it sees, injects transport
-faults, and hands every other request to a route table. Handler logic lives elsewhere (see
-echo_handlers.py); a WS-Trust test service adds its own routes the same way.
-
-Control happens over the process's standard input and output, never over HTTP, so the counters
-only ever see the traffic under test:
-  stdout  "READY <port>" once listening
-  stdin   "stats"  -> one JSON line {"connections", "handshakes", "resumed", "requests"}
-          "reset"  -> zero the counters, answers "OK"
-          end of input -> the process exits at once
-"""
+"""HTTP/TLS plumbing of the loopback test servers (see README.md, "Loopback HTTP test server")."""
 
 import http.server
 import json
+import os
 import socket
 import socketserver
 import ssl
@@ -23,26 +11,19 @@ import sys
 import threading
 import urllib.parse
 
+COUNTERS = ("connections", "handshakes", "resumed", "requests")
+
 
 class Request:
-    """What a route sees: method, path, query, headers and body of one request."""
-
     def __init__(self, handler, body):
         parsed = urllib.parse.urlsplit(handler.path)
-        self.method = handler.command
-        self.path = parsed.path
+        self.path, self.headers, self.body = parsed.path, handler.headers, body
         self.query = dict(urllib.parse.parse_qsl(parsed.query))
-        self.headers = handler.headers
-        self.body = body
 
 
 class Response:
-    """A route's answer."""
-
-    def __init__(self, status=200, reason=None, headers=None, body=b""):
-        self.status = status
-        self.reason = reason
-        self.headers = list(headers or [])
+    def __init__(self, status=200, reason=None, headers=(), body=b""):
+        self.status, self.reason, self.headers = status, reason, list(headers)
         self.body = body if isinstance(body, bytes) else body.encode()
 
 
@@ -53,21 +34,11 @@ class Counters:
 
     def reset(self):
         with self._lock:
-            self.values = {"connections": 0, "handshakes": 0, "resumed": 0, "requests": 0}
+            self.values = dict.fromkeys(COUNTERS, 0)
 
     def add(self, name):
         with self._lock:
             self.values[name] += 1
-
-    def snapshot(self):
-        with self._lock:
-            return dict(self.values)
-
-
-def _reset_connection(sock):
-    # SO_LINGER with a zero timeout makes close() send RST instead of FIN.
-    sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    sock.close()
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):
@@ -77,24 +48,18 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         pass
 
     def _dispatch(self):
-        server = self.server
-        server.counters.add("requests")
+        self.server.counters.add("requests")
         length = int(self.headers.get("Content-Length") or 0)
-        body = self.rfile.read(length) if length else b""
-        request = Request(self, body)
-        fault = server.faults.get(request.path)
+        request = Request(self, self.rfile.read(length) if length else b"")
+        fault = FAULTS.get(request.path)
         if fault:
-            fault(self)
-            return
-        route = server.routes.get(request.path) or server.routes.get(None)
+            self.close_connection = True
+            return fault(self)
+        route = self.server.routes.get(request.path) or self.server.routes.get(None)
         response = route(request) if route else Response(404, body="no route\n")
-        self._send(response)
-
-    def _send(self, response):
         self.send_response_only(response.status, response.reason)
-        for name, value in response.headers:
+        for name, value in response.headers + [("Content-Length", str(len(response.body)))]:
             self.send_header(name, value)
-        self.send_header("Content-Length", str(len(response.body)))
         self.end_headers()
         if self.command != "HEAD":
             self.wfile.write(response.body)
@@ -103,50 +68,39 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
 
 def _fault_reset(handler):
-    """Starts a reply promising more bytes than it sends, then resets the connection."""
+    # A reply promising more than it sends, then RST (SO_LINGER 0) instead of FIN.
     handler.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\npartial")
     handler.wfile.flush()
-    handler.close_connection = True
-    _reset_connection(handler.connection)
+    handler.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    handler.connection.close()
 
 
-def _fault_hang(handler):
-    """Reads the request and never answers."""
-    handler.server.stopped.wait()
-    handler.close_connection = True
+FAULTS = {"/_fault/reset": _fault_reset, "/_fault/hang": lambda h: threading.Event().wait()}
 
 
 class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
     daemon_threads = True
-    allow_reuse_address = True
+    request_queue_size = 128
 
-    def __init__(self, tls_context=None):
+    def __init__(self, tls_context=None, routes=None):
         super().__init__(("127.0.0.1", 0), _Handler)
-        self.tls_context = tls_context
-        self.counters = Counters()
-        self.routes = {}
-        self.faults = {"/_fault/reset": _fault_reset, "/_fault/hang": _fault_hang}
-        self.stopped = threading.Event()
+        self.tls_context, self.routes, self.counters = tls_context, routes or {}, Counters()
 
     @property
     def port(self):
         return self.server_address[1]
 
-    def route(self, path, function):
-        """Serves path (or every unrouted path when path is None) with function(Request)."""
-        self.routes[path] = function
-
     def finish_request(self, request, client_address):
-        # Runs on the connection's own thread, so a slow or failing handshake blocks nobody.
+        # On the connection's own thread, so a slow or refused handshake blocks nobody.
         self.counters.add("connections")
-        # Headers and body go out in separate writes; without this, Nagle's algorithm and the
-        # client's delayed ACK add 40 ms to every reply on a kept-alive connection.
+        # Headers and body go out in separate writes: without this, Nagle's algorithm and a
+        # delayed ACK add 40 ms to every reply on a kept-alive connection.
         request.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         if self.tls_context:
             try:
                 request = self.tls_context.wrap_socket(request, server_side=True)
             except (ssl.SSLError, OSError):
-                return  # refused handshakes are part of the tests
+                return
             self.counters.add("handshakes")
             if request.session_reused:
                 self.counters.add("resumed")
@@ -154,33 +108,27 @@ class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
 
 
 class SilentServer:
-    """Accepts connections and never reads or answers: the peer of client time-out tests."""
+    """Accepts connections and never reads or answers."""
 
     def __init__(self):
         self.socket = socket.create_server(("127.0.0.1", 0))
-        self.counters = Counters()
-        self._held = []
-
-    @property
-    def port(self):
-        return self.socket.getsockname()[1]
+        self.counters, self._held = Counters(), []
+        self.port = self.socket.getsockname()[1]
 
     def serve_forever(self):
         while True:
-            connection, _ = self.socket.accept()
+            self._held.append(self.socket.accept()[0])
             self.counters.add("connections")
-            self._held.append(connection)
 
 
 def make_tls_context(cert, key, client_ca=None, max_version=None):
-    """max_version "1.1" or "1.2" caps the protocol; "1.1" also lowers OpenSSL's security level,
-    which otherwise refuses anything below TLS 1.2, so that clients' own floor is what is tested."""
+    # "1.1" also lowers OpenSSL's security level, which otherwise refuses anything below TLS 1.2,
+    # so that the client's own floor is what gets tested.
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.minimum_version = ssl.TLSVersion.TLSv1_2
     if max_version == "1.1":
         context.set_ciphers("DEFAULT:@SECLEVEL=0")
-        context.minimum_version = ssl.TLSVersion.TLSv1_1
-        context.maximum_version = ssl.TLSVersion.TLSv1_1
+        context.minimum_version = context.maximum_version = ssl.TLSVersion.TLSv1_1
     elif max_version == "1.2":
         context.maximum_version = ssl.TLSVersion.TLSv1_2
     context.load_cert_chain(cert, key)
@@ -190,18 +138,16 @@ def make_tls_context(cert, key, client_ca=None, max_version=None):
     return context
 
 
-def run(server):
-    """Serves in the background, announces readiness and obeys the control channel."""
+def run(server, commands=None):
+    """Serves in the background, prints "READY <port>", then answers one command per stdin line;
+    end of input ends the process at once (hung handlers included)."""
     threading.Thread(target=server.serve_forever, daemon=True).start()
     print("READY %d" % server.port, flush=True)
+    commands = dict(commands or {}, stats=lambda: json.dumps(server.counters.values),
+                    reset=lambda: server.counters.reset() or "OK")
     for line in sys.stdin:
-        command = line.strip()
-        if command == "stats":
-            print(json.dumps(server.counters.snapshot()), flush=True)
-        elif command == "reset":
-            server.counters.reset()
-            print("OK", flush=True)
-    # End of input: the test is done with us. Hung handlers must not keep the process alive.
+        words = line.split()
+        if words and words[0] in commands:
+            print(commands[words[0]](*words[1:]), flush=True)
     sys.stdout.flush()
-    import os
     os._exit(0)

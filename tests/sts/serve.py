@@ -1,41 +1,52 @@
-"""Starts a loopback test server for the HTTP and transport tests.
-
-usage: serve.py [--tls NAME] [--client-ca NAME] [--max-tls 1.1|1.2] [--silent]
-NAME is a fixture base name under tests/data/tls (NAME.pem and NAME.key; NAME.pem for the CA).
-"""
+"""The loopback HTTP test server: serve.py [--tls NAME] [--client-ca NAME] [--max-tls 1.1|1.2]
+[--silent], NAME a fixture under tests/data/tls. Routes are listed in ROUTES."""
 
 import argparse
 import os
-import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-
-import echo_handlers  # noqa: E402
-import loopback  # noqa: E402
+import loopback
+from loopback import Response
 
 TLS_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "tls")
 
 
-def main():
+def echo(request):
+    # Every request header comes back as X-Seen-<name>.
+    seen = [("X-Seen-" + name, value) for name, value in request.headers.items()]
+    return Response(200, headers=[("Content-Type", "text/xml")] + seen, body=request.body)
+
+
+def status(request):
+    code = int(request.query.get("code", "200"))
+    return Response(code, request.query.get("reason", ""), [("Content-Type", "text/xml")],
+                    request.query.get("body", "status %d\n" % code))
+
+
+ROUTES = {
+    "/echo": echo,
+    "/status": status,  # ?code=&reason=&body=
+    "/cookies/set": lambda r: Response(headers=[(
+        "Set-Cookie", "%s=%s; Path=/" % (r.query["name"], r.query["value"]))], body="set\n"),
+    "/cookies/show": lambda r: Response(body=r.headers.get("Cookie", "")),
+    # The Cookie header received; sets seen=yes.
+    "/cookies": lambda r: Response(headers=[("Set-Cookie", "seen=yes; Path=/")],
+                                   body=r.headers.get("Cookie", "")),
+    "/close": lambda r: Response(headers=[("Connection", "close")], body="closed\n"),
+    "/headers": lambda r: Response(headers=[("Content-Type", "text/plain")], body="".join(
+        "%s: %s\n" % item for item in r.headers.items())),
+}
+
+if __name__ == "__main__":
     parser = argparse.ArgumentParser()
-    parser.add_argument("--tls")
-    parser.add_argument("--client-ca")
-    parser.add_argument("--max-tls", choices=["1.1", "1.2"])
+    for option in ("--tls", "--client-ca", "--max-tls"):
+        parser.add_argument(option)
     parser.add_argument("--silent", action="store_true")
     args = parser.parse_args()
-    if args.silent:
-        loopback.run(loopback.SilentServer())
-        return
     context = None
     if args.tls:
         fixture = os.path.join(TLS_DIR, args.tls)
-        client_ca = os.path.join(TLS_DIR, args.client_ca + ".pem") if args.client_ca else None
-        context = loopback.make_tls_context(fixture + ".pem", fixture + ".key", client_ca,
-                                            args.max_tls)
-    server = loopback.LoopbackServer(context)
-    echo_handlers.install(server)
-    loopback.run(server)
-
-
-if __name__ == "__main__":
-    main()
+        context = loopback.make_tls_context(
+            fixture + ".pem", fixture + ".key",
+            args.client_ca and os.path.join(TLS_DIR, args.client_ca + ".pem"), args.max_tls)
+    loopback.run(loopback.SilentServer() if args.silent
+                 else loopback.LoopbackServer(context, ROUTES))

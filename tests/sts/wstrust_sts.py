@@ -1,125 +1,470 @@
 #!/usr/bin/python3
-"""Loopback WS-Trust test STS. Start it, read "READY <port>" from its stdout, point the client at
-https://localhost:<port>/sts/STSService (trusting tests/data/sts/ca.pem); stop it with SIGTERM,
-SIGINT, the "quit" command or by closing its stdin. See README.md, "Loopback test STS"."""
+"""Loopback WS-Trust test STS (see README.md, "Loopback test STS"): wstrust_sts.py [--workers N]."""
 
 import argparse
+import base64
+import datetime
+import hashlib
+import json
 import os
-import signal
-import sys
+import secrets
 import threading
 import time
+import types
+import uuid
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
+import xmlsec
+from cryptography import x509
+from cryptography.hazmat.primitives.serialization import Encoding
+from lxml import etree
 
-from wstrust_https import (Controller, LoopbackHttpsServer, make_ssl_context,  # noqa: E402
-                           parse_faults)
-from wstrust_saml import ExtensionNames, Signer  # noqa: E402
-from wstrust_service import Sts, load_accounts, parse_account_option  # noqa: E402
+import loopback
 
-DATA = os.path.normpath(os.path.join(HERE, "..", "data", "sts"))
-
-
-def parse_arguments(argv):
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--port", type=int, default=0, help="TCP port on 127.0.0.1 (0: any free)")
-    parser.add_argument("--accounts", default=os.path.join(DATA, "accounts.json"),
-                        help="JSON account file (default: tests/data/sts/accounts.json)")
-    parser.add_argument("--account", action="append", default=[],
-                        metavar="USER[@DOMAIN]:PASSWORD[:expired]",
-                        help="an extra account (repeatable)")
-    parser.add_argument("--domain", default="example.test",
-                        help="domain of user names given without one")
-    parser.add_argument("--extension-base", default="http://sso.example.com",
-                        help="scheme and host of the vendor-extension URIs (advice namespaces, "
-                             "group-identity and isSolution attribute names); must match the "
-                             "client's configure-time setting")
-    parser.add_argument("--issuer", default="https://localhost/sts", help="Issuer of tokens")
-    parser.add_argument("--server-cert", default=os.path.join(DATA, "server.pem"))
-    parser.add_argument("--server-key", default=os.path.join(DATA, "server.key"))
-    parser.add_argument("--signing-cert", default=os.path.join(DATA, "signing.pem"))
-    parser.add_argument("--signing-key", default=os.path.join(DATA, "signing.key"))
-    parser.add_argument("--clock-skew", type=int, default=300,
-                        help="seconds of clock skew allowed on timestamps and tokens")
-    parser.add_argument("--max-lifetime", type=int, default=30 * 24 * 3600,
-                        help="longest token lifetime granted, in seconds")
-    parser.add_argument("--faults", default="",
-                        help="faults applied to every SOAP request (see README)")
-    parser.add_argument("--no-stdin", action="store_true",
-                        help="ignore stdin (run in the background; stop with SIGTERM)")
-    parser.add_argument("--workers", type=int, default=1,
-                        help="processes serving the port (for throughput runs only: counters, "
-                             "control commands, revocations and GSS contexts stay per process, "
-                             "and only the first process answers the control channel)")
-    parser.add_argument("--verbose", action="store_true", help="log every HTTP request")
-    return parser.parse_args(argv)
+DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "sts")
+EXT = "http://sso.example.com"  # the client's configure-time vendor-extension base
+WST = "http://docs.oasis-open.org/ws-sx/ws-trust/200512"
+OASIS = "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-"
+NS = {"soapenv": "http://schemas.xmlsoap.org/soap/envelope/", "wst": WST,
+      "wst14": "http://docs.oasis-open.org/ws-sx/ws-trust/200802",
+      "wsse": OASIS + "wssecurity-secext-1.0.xsd", "wsu": OASIS + "wssecurity-utility-1.0.xsd",
+      "wsa": "http://www.w3.org/2005/08/addressing", "ds": "http://www.w3.org/2000/09/xmldsig#",
+      "saml2": "urn:oasis:names:tc:SAML:2.0:assertion",
+      "del": "urn:oasis:names:tc:SAML:2.0:conditions:delegation",
+      "xs": "http://www.w3.org/2001/XMLSchema", "xsi": "http://www.w3.org/2001/XMLSchema-instance",
+      "rsa": EXT + "/names/2009/12/std-ext/SAML2.0",
+      "adv": EXT + "/names/2009/12/std-ext/WS-Trust1.4/advice"}
+SAML = "urn:oasis:names:tc:SAML:2.0:"
+UPN = "http://schemas.xmlsoap.org/claims/UPN"
+CLAIMS = "http://schemas.xmlsoap.org/ws/2005/05/identity/claims/"
+SPNEGO = "http://schemas.xmlsoap.org/ws/2005/02/trust/spnego"
+SKEW, MAX_LIFETIME = datetime.timedelta(minutes=5), datetime.timedelta(days=30)
+ISSUED = {}  # assertion ID -> token record; revoking removes the entry
+GSS = {}  # Context -> negotiation state
+KEY_LOCK = threading.Lock()  # xmlsec copies a key on assignment; threads must not share it
+PARSER = etree.XMLParser(resolve_entities=False, no_network=True, load_dtd=False)
 
 
-def build(arguments, stop_event):
-    domain, accounts = load_accounts(arguments.accounts, arguments.domain)
-    accounts += [parse_account_option(text, domain) for text in arguments.account]
-    signer = Signer(arguments.signing_key, arguments.signing_cert,
-                    ExtensionNames(arguments.extension_base), arguments.issuer)
-    sts = Sts(signer, accounts, domain, arguments.clock_skew, arguments.max_lifetime)
-    controller = Controller(sts, stop_event)
-    if arguments.faults:
-        controller.default_faults = parse_faults(arguments.faults)
-    context = make_ssl_context(arguments.server_cert, arguments.server_key)
-    server = LoopbackHttpsServer(arguments.port, context, sts, controller, stop_event,
-                                 arguments.verbose)
-    return server, controller
+class Fault(Exception):
+    def __init__(self, code, message):
+        super().__init__(message)
+        self.code = code
 
 
-def watch_stdin(controller, stop_event):
-    """One command per line (see Controller.execute); end of input stops the server."""
-    for line in sys.stdin:
-        if line.strip():
-            print(controller.execute(line), flush=True)
-        if stop_event.is_set():
-            return
-    stop_event.set()
+def q(tag):
+    prefix, _, local = tag.rpartition(":")
+    return "{%s}%s" % (NS[prefix], local) if prefix else tag
 
 
-def fork_worker(server):
-    """Starts another process serving the same listening socket; it ends with SIGTERM or when
-    this process goes away. Called before any thread exists."""
-    parent = os.getpid()
-    pid = os.fork()
-    if pid:
-        return pid
-    signal.signal(signal.SIGTERM, lambda *_: os._exit(0))
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
-    threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.2},
-                     daemon=True).start()
-    while os.getppid() == parent:
-        time.sleep(1.0)
-    os._exit(0)
+def el(parent, tag, text=None, attrs=None, nsmap=None):
+    element = etree.SubElement(parent, q(tag), nsmap={k: NS[k] for k in nsmap or ()})
+    for name, value in (attrs or {}).items():
+        element.set(q(name), value)
+    element.text = text
+    return element
 
 
-def main(argv=None):
-    arguments = parse_arguments(argv)
-    stop_event = threading.Event()
-    server, controller = build(arguments, stop_event)
-    # Several processes may wake for one connection; the ones that lose must not block.
-    server.socket.setblocking(False)
-    workers = [fork_worker(server) for _ in range(max(0, arguments.workers - 1))]
-    for number in (signal.SIGTERM, signal.SIGINT):
-        signal.signal(number, lambda *_: stop_event.set())
-    threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.2},
-                     daemon=True).start()
-    print("READY %d" % server.server_address[1], flush=True)
-    if not arguments.no_stdin:
-        threading.Thread(target=watch_stdin, args=(controller, stop_event), daemon=True).start()
-    while not stop_event.wait(1.0):
-        pass
-    server.shutdown()
-    server.server_close()
-    for pid in workers:
-        os.kill(pid, signal.SIGTERM)
-        os.waitpid(pid, 0)
-    return 0
+def find(node, path):
+    return None if node is None else node.find(path, NS)
+
+
+def text(node, path):
+    found = find(node, path)
+    return None if found is None else (found.text or "").strip()
+
+
+def now():
+    # Token times go on the wire in milliseconds; cutting here keeps lifetimes exact.
+    instant = datetime.datetime.now(datetime.timezone.utc)
+    return instant.replace(microsecond=instant.microsecond // 1000 * 1000)
+
+
+def fmt(instant):
+    return instant.strftime("%Y-%m-%dT%H:%M:%S.") + "%03dZ" % (instant.microsecond // 1000)
+
+
+def parse_time(value):
+    return datetime.datetime.fromisoformat(value.replace("Z", "+00:00"))
+
+
+def read(name):
+    with open(os.path.join(DATA, name), "rb") as handle:
+        return handle.read()
+
+
+def load_accounts():
+    data = json.loads(read("accounts.json"))
+    accounts = {}
+    for entry in data["accounts"]:
+        upn = "%s@%s" % (entry["user"], data["domain"])
+        accounts[upn.lower()] = dict(  # a token record's identity fields, and the credentials
+            subject=upn, given=entry.get("givenName"), surname=entry.get("surname"),
+            groups=entry.get("groups", []), solution=entry.get("isSolution", False), delegates=[],
+            password=entry["password"], expired=entry.get("passwordExpired"),
+            cert=entry.get("certificate") and x509.load_pem_x509_certificate(
+                read(entry["certificate"])).public_bytes(Encoding.DER))
+    return accounts
+
+
+ACCOUNTS = load_accounts()
+SIGNING_KEY = xmlsec.Key.from_file(os.path.join(DATA, "signing.key"), xmlsec.KeyFormat.PEM)
+SIGNING_KEY.load_cert_from_memory(read("signing.pem"), xmlsec.KeyFormat.PEM)
+VERIFYING_KEY = xmlsec.Key.from_memory(read("signing.pem"), xmlsec.KeyFormat.CERT_PEM)
+
+
+def account_named(name):
+    return ACCOUNTS.get((name if "@" in name else name + "@example.test").lower())
+
+
+def attributes(parent, rows):
+    for name, values, friendly in rows:
+        names = {"Name": name, "NameFormat": SAML + "attrname-format:uri"}
+        attribute = el(parent, "saml2:Attribute", None,
+                       dict(names, FriendlyName=friendly) if friendly else names)
+        for value in values:
+            el(attribute, "saml2:AttributeValue", value, {"xsi:type": "xs:string"})
+
+
+def build(token):
+    """The signed assertion, in the element order the client's parser insists on."""
+    assertion = etree.Element(q("saml2:Assertion"), ID=token["id"], IssueInstant=fmt(now()),
+                              Version="2.0", nsmap={k: NS[k] for k in ("saml2", "xs", "xsi")})
+    el(assertion, "saml2:Issuer", "https://localhost/sts",
+       {"Format": SAML + "nameid-format:entity"})
+    subject = el(assertion, "saml2:Subject")
+    el(subject, "saml2:NameID", token["subject"], {"Format": UPN})
+    method = "holder-of-key" if token["cert"] else "bearer"
+    confirmation = el(subject, "saml2:SubjectConfirmation", None, {"Method": SAML + "cm:" + method})
+    if token["delegates"]:
+        el(confirmation, "saml2:NameID", token["delegates"][-1][0], {"Format": UPN})
+    data = el(confirmation, "saml2:SubjectConfirmationData")
+    if token["cert"]:
+        data.set(q("xsi:type"), "saml2:KeyInfoConfirmationDataType")
+        x509_data = el(el(data, "ds:KeyInfo"), "ds:X509Data")
+        el(x509_data, "ds:X509Certificate", base64.b64encode(token["cert"]).decode())
+    else:
+        data.set("NotOnOrAfter", fmt(token["end"]))
+    conditions = el(assertion, "saml2:Conditions", None,
+                    {"NotBefore": fmt(token["start"]), "NotOnOrAfter": fmt(token["end"])})
+    if token["delegates"]:
+        restriction = el(conditions, "saml2:Condition", None,
+                         {"xsi:type": "del:DelegationRestrictionType"}, ["del"])
+        for upn, instant in token["delegates"]:
+            delegate = el(restriction, "del:Delegate", None, {"DelegationInstant": fmt(instant)})
+            el(delegate, "saml2:NameID", upn, {"Format": UPN})
+    if token["audience"]:
+        audience = el(conditions, "saml2:AudienceRestriction")
+        for entry in token["audience"]:
+            el(audience, "saml2:Audience", entry)
+    # Count 0 forbids further delegation explicitly; no ProxyRestriction would mean "unlimited".
+    count = max(0, 10 - len(token["delegates"])) if token["delegable"] else 0
+    el(conditions, "saml2:ProxyRestriction", None, {"Count": str(count)})
+    if token["renew"] is not None:
+        el(conditions, "saml2:Condition", None,
+           {"xsi:type": "rsa:RenewRestrictionType", "Count": str(token["renew"])}, ["rsa"])
+    if token["advice"]:
+        advice = el(assertion, "saml2:Advice")
+        for source, rows in token["advice"]:
+            attributes(el(advice, "rsa:RSAAdvice", None, {"AdviceSource": source}, ["rsa"]),
+                       [(name, values, None) for name, values in rows])
+    statement = el(assertion, "saml2:AuthnStatement", None, {"AuthnInstant": fmt(token["start"])})
+    el(el(statement, "saml2:AuthnContext"), "saml2:AuthnContextClassRef", token["authn"])
+    attributes(el(assertion, "saml2:AttributeStatement"), [row for row in [
+        (CLAIMS + "givenname", [token["given"]] if token["given"] else [], "givenName"),
+        (CLAIMS + "surname", [token["surname"]] if token["surname"] else [], "surname"),
+        (EXT + "/schemas/attr-names/2009/01/GroupIdentity", token["groups"], "Groups"),
+        (EXT + "/schemas/attr-names/2011/07/isSolution", [str(token["solution"]).lower()],
+         "isSolution")] if row[1]])
+    signature = xmlsec.template.create(assertion, xmlsec.Transform.EXCL_C14N,
+                                       xmlsec.Transform.RSA_SHA256, ns="ds")
+    assertion.insert(1, signature)
+    reference = xmlsec.template.add_reference(signature, xmlsec.Transform.SHA256,
+                                              uri="#" + token["id"])
+    xmlsec.template.add_transform(reference, xmlsec.Transform.ENVELOPED)
+    xmlsec.template.add_transform(reference, xmlsec.Transform.EXCL_C14N)
+    xmlsec.template.x509_data_add_certificate(
+        xmlsec.template.add_x509_data(xmlsec.template.ensure_key_info(signature)))
+    dsig(signature, xmlsec.SignatureContext.sign, SIGNING_KEY, (assertion, "ID"))
+    return assertion
+
+
+def dsig(signature, operation, key, *ids):
+    context = xmlsec.SignatureContext()
+    for node, *name in ids:
+        context.register_id(node, *name)
+    with KEY_LOCK:
+        context.key = key
+    operation(context, signature)
+
+
+def known_token(assertion):
+    """The record of an assertion this STS issued and still honours, its signature checked on a
+    detached copy (so nothing around it takes part)."""
+    if assertion is None:
+        raise Fault("wst:InvalidRequest", "no SAML 2.0 assertion given")
+    copy = etree.fromstring(etree.tostring(assertion))
+    signature = find(copy, "ds:Signature")
+    uri = None if signature is None else signature.find(".//ds:Reference", NS).get("URI")
+    try:
+        if uri != "#" + copy.get("ID", ""):
+            raise xmlsec.Error("the signature does not cover the assertion")
+        dsig(signature, xmlsec.SignatureContext.verify, VERIFYING_KEY, (copy, "ID"))
+    except xmlsec.Error as error:
+        raise Fault("wst:InvalidSecurityToken", "token rejected: %s" % error) from None
+    token = ISSUED.get(copy.get("ID"))
+    if token is None or token["end"] + SKEW <= now():
+        raise Fault("wst:InvalidSecurityToken", "the token is unknown, revoked or expired")
+    return token
+
+
+def security(envelope):
+    """The request's credentials; a signature must cover exactly the Body and the Timestamp and
+    verify with the header's certificate or the key of a presented holder-of-key token."""
+    header = find(envelope, "soapenv:Header/wsse:Security")
+    result = types.SimpleNamespace(cert=None, presented=None, signature_id=None,
+                                   user=text(header, "wsse:UsernameToken/wsse:Username"),
+                                   password=text(header, "wsse:UsernameToken/wsse:Password"))
+    signature, timestamp = find(header, "ds:Signature"), find(header, "wsu:Timestamp")
+    if signature is None:
+        return result
+    body = find(envelope, "soapenv:Body")
+    references = [r.get("URI") for r in signature.iterfind("ds:SignedInfo/ds:Reference", NS)]
+    expected = ["#%s" % e.get(q("wsu:Id")) for e in (body, timestamp) if e is not None]
+    if timestamp is None or sorted(references) != sorted(expected) or "#None" in expected:
+        raise Fault("wsse:InvalidSecurityToken", "the signature must cover the Body and Timestamp")
+    if not (parse_time(text(timestamp, "wsu:Created")) - SKEW <= now()
+            < parse_time(text(timestamp, "wsu:Expires")) + SKEW):
+        raise Fault("wsse:InvalidSecurityToken", "the request's Timestamp is out of range")
+    reference = find(signature, ".//wsse:Reference")
+    uri = None if reference is None else reference.get("URI")
+    binary = [t.text for t in header.iterfind("wsse:BinarySecurityToken", NS)
+              if uri == "#%s" % t.get(q("wsu:Id"))]
+    if binary:
+        result.cert = base64.b64decode(binary[0])
+    else:
+        key_id = text(signature, ".//wsse:KeyIdentifier")
+        result.presented = known_token(next((a for a in header.iterfind("saml2:Assertion", NS)
+                                             if a.get("ID") == key_id), None))
+        result.cert = result.presented["cert"]
+    try:
+        key = xmlsec.Key.from_memory(result.cert, xmlsec.KeyFormat.CERT_DER)
+        dsig(signature, xmlsec.SignatureContext.verify, key, (body, "Id", NS["wsu"]),
+             (timestamp, "Id", NS["wsu"]))
+    except (xmlsec.Error, TypeError) as error:
+        raise Fault("wsse:InvalidSecurityToken", "the signature does not verify: %s" % error)
+    result.signature_id = signature.get("Id")
+    return result
+
+
+def lifetime(request):
+    span = find(request, "wst:Lifetime")
+    return span is not None and (parse_time(text(span, "wsu:Expires"))
+                                 - parse_time(text(span, "wsu:Created")))
+
+
+def issue_spec(request, sec):
+    use_key = find(request, "wst:UseKey")
+    if use_key is not None and use_key.get("Sig") != sec.signature_id:
+        raise Fault("wst:InvalidRequest", "UseKey names no signature of this request")
+    holder_of_key = (text(request, "wst:KeyType") or "").endswith("/PublicKey")
+    if holder_of_key and sec.cert is None:
+        raise Fault("wst:InvalidRequest", "A holder-of-key token needs a signed request")
+    renewing = find(request, "wst:Renewing")
+    addresses = ".//wst:Participant/wsa:EndpointReference/wsa:Address"
+    return dict(cert=sec.cert if holder_of_key else None, span=lifetime(request),
+                renew=10 if renewing is not None and renewing.get("Allow") == "true" else None,
+                delegable=text(request, "wst:Delegatable") == "true",
+                audience=sorted({a.text for a in request.iterfind(addresses, NS)}),
+                advice=[(a.get("AdviceSource"),
+                         [(x.get("Name"), [v.text for v in x.iterfind("adv:AttributeValue", NS)])
+                          for x in a.iterfind("adv:Attribute", NS)])
+                        for a in request.iterfind("adv:AdviceSet/adv:Advice", NS)],
+                act_as=find(request, "wst14:ActAs/saml2:Assertion"))
+
+
+def store(token, span):
+    start = now()
+    token.update(id="_%s" % uuid.uuid4(), start=start, end=start + min(span, MAX_LIFETIME))
+    ISSUED[token["id"]] = token
+    return token
+
+
+def make_token(who, spec, authn):
+    token = dict(who, authn=SAML + "ac:classes:" + authn, delegates=list(who["delegates"]),
+                 **{k: spec[k] for k in ("cert", "renew", "delegable", "audience", "advice")})
+    if spec["act_as"] is not None:
+        acting = known_token(spec["act_as"])
+        if not acting["delegable"]:
+            raise Fault("wst:InvalidRequest", "The ActAs token is not delegable")
+        token.update({k: acting[k] for k in ("subject", "given", "surname", "groups", "solution")},
+                     delegates=acting["delegates"] + [(who["subject"], now())])
+    return store(token, spec["span"] or datetime.timedelta(hours=1))
+
+
+def respond(envelope, status=200, headers=()):
+    return loopback.Response(status, None, [("Content-Type", "text/xml; charset=utf-8"),
+                                            *headers],
+                             etree.tostring(envelope, xml_declaration=True, encoding="utf-8"))
+
+
+def reply(token=None, collection=True, context=None, leg=None, headers=()):
+    envelope = etree.Element(q("soapenv:Envelope"), nsmap={"soapenv": NS["soapenv"]})
+    parent = el(envelope, "soapenv:Body")
+    if collection:
+        parent = el(parent, "wst:RequestSecurityTokenResponseCollection", nsmap=["wst"])
+    response = el(parent, "wst:RequestSecurityTokenResponse", nsmap=["wst"])
+    if context:
+        response.set("Context", context)
+    if token:
+        el(response, "wst:TokenType", SAML + "assertion")
+        el(response, "wst:RequestedSecurityToken").append(build(token))
+        span = el(response, "wst:Lifetime", nsmap=["wsu"])
+        el(span, "wsu:Created", fmt(token["start"]))
+        el(span, "wsu:Expires", fmt(token["end"]))
+    if leg:
+        el(response, "wst:BinaryExchange", base64.b64encode(leg).decode(), {
+            "ValueType": SPNEGO, "EncodingType": OASIS + "soap-message-security-1.0#Base64Binary"})
+    return respond(envelope, headers=headers)
+
+
+def issue(envelope, request, _cookies):
+    sec = security(envelope)
+    spec = issue_spec(request, sec)
+    if find(request, "wst:BinaryExchange") is not None:
+        return gss_start(request, spec)
+    if sec.user is not None:
+        account = account_named(sec.user)
+        if not account or not account["password"] or not secrets.compare_digest(
+                account["password"].encode(), (sec.password or "").encode()):
+            raise Fault("wst:FailedAuthentication", "Invalid user name or password")
+        return reply(make_token(checked(account), spec, "PasswordProtectedTransport"))
+    if sec.presented:
+        return reply(make_token(sec.presented, spec, "PreviousSession"))
+    account = next((a for a in ACCOUNTS.values() if sec.cert and a["cert"] == sec.cert), None)
+    if not account:
+        raise Fault("wst:FailedAuthentication", "No account for these credentials")
+    return reply(make_token(account, spec, "X509"))
+
+
+def checked(account):
+    if account["expired"]:
+        raise Fault("wst:FailedAuthentication",
+                    "Password of the user logging on is expired: " + account["subject"])
+    return account
+
+
+# The test GSS mechanism: the first client leg is "HELLO <upn> [rounds] [nofinal]"; each server
+# leg "CHALLENGE <round> <nonce>" is answered by "RESPONSE <round> <hex SHA-256 of
+# nonce:password>"; the token comes with the final leg "WELCOME <upn>" (none with "nofinal").
+# The cookie set on the first reply must come back on every later leg.
+def leg_words(request):
+    return base64.b64decode(text(request, "wst:BinaryExchange")).decode().split()
+
+
+def challenge(state, context):
+    state["nonce"] = secrets.token_hex(8)
+    GSS[context] = state
+    return ("CHALLENGE %d %s" % (state["round"], state["nonce"])).encode()
+
+
+def gss_start(request, spec):
+    words = leg_words(request) + [""]
+    account = words[0] == "HELLO" and account_named(words[1])
+    if not account:
+        raise Fault("wst:FailedAuthentication", "GSS: unknown principal")
+    context = request.get("Context") or "urn:uuid:%s" % uuid.uuid4()
+    state = dict(account=account, spec=spec, round=1, cookie=secrets.token_hex(16),
+                 rounds=int(words[2]) if words[2].isdigit() else 1, final="nofinal" not in words)
+    cookie = "STSGSSSESSION=%s; Path=/; Secure; HttpOnly" % state["cookie"]
+    return reply(context=context, leg=challenge(state, context), headers=[("Set-Cookie", cookie)])
+
+
+def gss_continue(response, cookies):
+    context = response.get("Context") or ""
+    state = GSS.pop(context, None)
+    if state is None or cookies.get("STSGSSSESSION") != state["cookie"]:
+        raise Fault("wst:InvalidRequest", "GSS: unknown context or wrong session cookie")
+    account = state["account"]
+    proof = "%s:%s" % (state["nonce"], account["password"])
+    if leg_words(response) != ["RESPONSE", str(state["round"]),
+                               hashlib.sha256(proof.encode()).hexdigest()]:
+        raise Fault("wst:FailedAuthentication", "GSS: wrong response")
+    if state["round"] < state["rounds"]:
+        state["round"] += 1
+        return reply(context=context, leg=challenge(state, context))
+    token = make_token(checked(account), state["spec"], "Kerberos")
+    return reply(token, context=context,
+                 leg=state["final"] and ("WELCOME " + account["subject"]).encode())
+
+
+def renew(envelope, request, _cookies):
+    sec = security(envelope)
+    token = known_token(find(request, "wst:RenewTarget/saml2:Assertion"))
+    if sec.presented or token["cert"] is None or token["cert"] != sec.cert:
+        raise Fault("wst:FailedAuthentication", "The request is not signed with the token's key")
+    if not token["renew"]:
+        raise Fault("wst:InvalidRequest", "The token is not renewable")
+    renewed = dict(token, renew=token["renew"] - 1)
+    return reply(store(renewed, lifetime(request) or token["end"] - token["start"]), False)
+
+
+def validate(_envelope, request, _cookies):
+    try:
+        known_token(find(request, "wst:ValidateTarget/saml2:Assertion"))
+        reason = None
+    except Fault as fault:
+        reason = str(fault)
+    envelope = etree.Element(q("soapenv:Envelope"), nsmap={"soapenv": NS["soapenv"]})
+    response = el(el(envelope, "soapenv:Body"), "wst:RequestSecurityTokenResponse", nsmap=["wst"])
+    el(response, "wst:TokenType", WST + "/RSTR/Status")
+    status = el(response, "wst:Status")
+    el(status, "wst:Code", WST + ("/status/invalid" if reason else "/status/valid"))
+    el(status, "wst:Reason", reason or "The token is valid")
+    return respond(envelope)
+
+
+OPERATIONS = {"/RST/Issue": issue, "/RST/Renew": renew, "/RST/Validate": validate,
+              "/RSTR/Issue": lambda envelope, _, cookies: gss_continue(
+                  find(envelope, "soapenv:Body/wst:RequestSecurityTokenResponse"), cookies)}
+
+
+def handle(request):
+    if request.path.startswith("/fault/slow:"):  # a reply past the client's wait
+        time.sleep(float(request.path.split(":")[1].split("/")[0]))
+    cookies = dict(part.strip().partition("=")[::2]
+                   for part in request.headers.get("Cookie", "").split(";"))
+    try:
+        envelope = etree.fromstring(request.body, PARSER)
+        operation = OPERATIONS[request.headers.get("SOAPAction", "").strip('"')[len(WST):]]
+        return operation(envelope, find(envelope, "soapenv:Body/wst:RequestSecurityToken"), cookies)
+    except Fault as fault:
+        code, message = fault.code, str(fault)
+    except Exception as error:  # the server keeps running
+        code, message = "soapenv:Server", "internal error: %r" % error
+    envelope = etree.Element(q("soapenv:Envelope"), nsmap={"soapenv": NS["soapenv"]})
+    fault = el(el(envelope, "soapenv:Body"), "soapenv:Fault")
+    el(fault, "faultcode", code, nsmap=[code.partition(":")[0]])
+    el(fault, "faultstring", message)
+    return respond(envelope, 500)
+
+
+def revoke(assertion_id):
+    ISSUED.pop(assertion_id, None)
+    return "OK"
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    parser = argparse.ArgumentParser()
+    # Throughput runs only: each process keeps its own issued tokens and GSS contexts.
+    parser.add_argument("--workers", type=int, default=1)
+    workers = parser.parse_args().workers
+    server = loopback.LoopbackServer(loopback.make_tls_context(
+        os.path.join(DATA, "server.pem"), os.path.join(DATA, "server.key")), {None: handle})
+    server.socket.setblocking(False)  # processes sharing the port may lose the race to accept
+    for _ in range(workers - 1):
+        if os.fork() == 0:
+            parent = os.getppid()
+            threading.Thread(target=server.serve_forever, daemon=True).start()
+            while os.getppid() == parent:
+                time.sleep(1)
+            os._exit(0)
+    loopback.run(server, {"revoke": revoke})

@@ -12,14 +12,6 @@
 
 namespace ServiceTest {
 
-namespace {
-
-std::shared_ptr<std::vector<unsigned char>> Leg(const std::string& text) {
-    return std::make_shared<std::vector<unsigned char>>(text.begin(), text.end());
-}
-
-}  // namespace
-
 StsTrust::StsTrust() {
     Basalt::Ssl::SSLContextOptions options;
     options.trustedCaPem = TestData::Read("sts/ca.pem");
@@ -58,8 +50,6 @@ void StsFixture::SetUpTestSuite() {
 void StsFixture::TearDownTestSuite() {
     delete s_sts;
     delete s_trust;
-    s_sts = nullptr;
-    s_trust = nullptr;
 }
 
 SsoClient::TokenSpec Spec(int64_t lifetimeSeconds) {
@@ -73,22 +63,20 @@ TestGssHandler::TestGssHandler(std::string upn, std::string password, int rounds
 
 std::shared_ptr<std::vector<unsigned char>> TestGssHandler::NextLeg(
     const std::vector<unsigned char>& serverLeg) {
-    std::string text(serverLeg.begin(), serverLeg.end());
-    if (serverLegs.empty() && text.empty()) {
-        serverLegs.push_back(text);
-        return Leg("HELLO " + m_upn + " " + std::to_string(m_rounds));
-    }
-    serverLegs.push_back(text);
-    std::istringstream words(text);
+    const bool first = serverLegs.empty();
+    serverLegs.emplace_back(serverLeg.begin(), serverLeg.end());
+    std::istringstream words(serverLegs.back());
     std::string kind, round, nonce;
     words >> kind >> round >> nonce;
-    if (kind != "CHALLENGE") {
-        return Leg("");  // after WELCOME there is nothing more to say
-    }
-    std::string proof = nonce + ":" + m_password;
-    return Leg("RESPONSE " + round + " " +
-               Basalt::StringUtil::ToHex(Basalt::Crypto::Digest(
-                   Basalt::Crypto::DigestAlgorithm::Sha256, proof.data(), proof.size())));
+    const std::string proof = nonce + ":" + m_password;
+    const std::string leg =
+        first ? "HELLO " + m_upn + " " + std::to_string(m_rounds)
+        : kind != "CHALLENGE"
+            ? ""  // after WELCOME there is nothing more to say
+            : "RESPONSE " + round + " " +
+                  Basalt::StringUtil::ToHex(Basalt::Crypto::Digest(
+                      Basalt::Crypto::DigestAlgorithm::Sha256, proof.data(), proof.size()));
+    return std::make_shared<std::vector<unsigned char>>(leg.begin(), leg.end());
 }
 
 struct CallbackLatch::State {

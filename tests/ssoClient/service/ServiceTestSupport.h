@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "sts/WsTrustSts.h"
+#include "sts/TestServer.h"
 
 namespace ServiceTest {
 
