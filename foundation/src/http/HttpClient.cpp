@@ -527,6 +527,10 @@ void Transfer::SetupTls() {
     if (!context->GetPinnedKeyHash().empty()) {
         SetOption(CURLOPT_PINNEDPUBLICKEY, context->GetPinnedKeyHash().c_str());
     }
+    // libcurl caches one CA store per multi handle and would hand the first context's trust to
+    // every later connection (or fill a context's own store with the cached one): each context
+    // keeps its own trust, so the cache stays off.
+    SetOption(CURLOPT_CA_CACHE_TIMEOUT, 0L);
     if (context->HasOwnTrust()) {
         SetOption(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
         SetOption(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
