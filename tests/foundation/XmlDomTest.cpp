@@ -3,8 +3,6 @@
 #include <string>
 #include <vector>
 
-#include <basalt/Exception.h>
-#include <basalt/Xml.h>
 #include "foundation/XmlTestUtil.h"
 
 using namespace Basalt;
@@ -14,10 +12,6 @@ using XmlTest::ParseRoot;
 using XmlTest::Serialize;
 
 namespace {
-
-Ref<ElementNode> AsElement(const Ref<Node>& node) {
-    return Ref<ElementNode>(dynamic_cast<ElementNode*>(node.Get()));
-}
 
 Ref<ElementNode> NewElement(const std::string& prefix, const std::string& name) {
     Ref<ElementNode> element;
@@ -32,6 +26,29 @@ Ref<TextNode> NewText(const std::string& value) {
     return text;
 }
 
+// "prefix|local|qualified|uri", and each attribute as "qualified=prefix|local|uri|value;".
+std::string Describe(const ElementNode& e) {
+    std::vector<Attribute> attributes;
+    e.GetAttributes(attributes);
+    std::string text = e.GetPrefix() + "|" + e.GetLocalName() + "|" + e.GetQualifiedName() + "|" +
+                       e.GetNamespaceUri() + " ";
+    for (const Attribute& a : attributes) {
+        text += a.qualifiedName + "=" + a.prefix + "|" + a.localName + "|" + a.namespaceUri + "|" +
+                a.value + ";";
+    }
+    return text;
+}
+
+std::string Lookup(const ElementNode& e, const std::string& prefix) {
+    std::string uri;
+    return e.LookupNamespaceUri(prefix, uri) ? uri : "(none)";
+}
+
+std::string AttributeNS(const ElementNode& e, const std::string& uri, const std::string& name) {
+    std::string value;
+    return e.GetAttributeNS(uri, name, value) ? value : "(none)";
+}
+
 const char kSample[] =
     "<?xml version=\"1.0\"?>\n"
     "<r:root xmlns:r=\"urn:r\" xmlns=\"urn:d\" a=\"1\" r:b=\"2\" xml:lang=\"en\">\n"
@@ -44,32 +61,18 @@ const char kSample[] =
 
 TEST(XmlDomTest, ReadsNamesAttributesAndChildrenInDocumentOrder) {
     Ref<ElementNode> root = ParseRoot(kSample);
-    EXPECT_EQ("root", root->GetLocalName());
-    EXPECT_EQ("r", root->GetPrefix());
-    EXPECT_EQ("r:root", root->GetQualifiedName());
-    EXPECT_EQ("urn:r", root->GetNamespaceUri());
-
-    std::vector<Attribute> attributes;
-    root->GetAttributes(attributes);
-    ASSERT_EQ(3u, attributes.size());
-    EXPECT_EQ("a", attributes[0].qualifiedName);
-    EXPECT_EQ("", attributes[0].namespaceUri);
-    EXPECT_EQ("r:b", attributes[1].qualifiedName);
-    EXPECT_EQ("urn:r", attributes[1].namespaceUri);
-    EXPECT_EQ("b", attributes[1].localName);
-    EXPECT_EQ("xml:lang", attributes[2].qualifiedName);
-
+    EXPECT_EQ(
+        "r|root|r:root|urn:r a=|a||1;r:b=r|b|urn:r|2;"
+        "xml:lang=xml|lang|http://www.w3.org/XML/1998/namespace|en;",
+        Describe(*root));
     std::vector<std::pair<std::string, std::string>> declarations;
     root->GetNamespaceDeclarations(declarations);
-    ASSERT_EQ(2u, declarations.size());
-    EXPECT_EQ(std::make_pair(std::string("r"), std::string("urn:r")), declarations[0]);
-    EXPECT_EQ(std::make_pair(std::string(), std::string("urn:d")), declarations[1]);
-
+    EXPECT_EQ(decltype(declarations)({{"r", "urn:r"}, {"", "urn:d"}}), declarations);
     std::string value;
     EXPECT_TRUE(root->GetAttribute("r:b", value));
     EXPECT_EQ("2", value);
-    EXPECT_TRUE(root->GetAttributeNS("urn:r", "b", value));
-    EXPECT_FALSE(root->GetAttributeNS("", "b", value));
+    EXPECT_EQ("2", AttributeNS(*root, "urn:r", "b"));
+    EXPECT_EQ("(none)", AttributeNS(*root, "", "b"));
     EXPECT_FALSE(root->GetAttribute("xmlns:r", value));  // declarations are not attributes
 
     std::vector<Ref<Node>> children;
@@ -83,95 +86,65 @@ TEST(XmlDomTest, ReadsNamesAttributesAndChildrenInDocumentOrder) {
                                      NodeType::Element, NodeType::Text}),
               kinds);
     EXPECT_EQ(" note ", children[1]->GetTextContent());
-
-    Ref<ElementNode> child = AsElement(children[2]);
-    EXPECT_EQ("urn:d", child->GetNamespaceUri());
-    EXPECT_EQ("", child->GetPrefix());
+    Ref<ElementNode> child = root->FindChildElement("urn:d", "child");
+    EXPECT_EQ(children[2], child);
+    EXPECT_EQ("|child|child|urn:d id=|id||c1;", Describe(*child));
     EXPECT_EQ("one & <two>", child->GetTextContent());
+    // The CDATA section stays a separate text node.
     std::vector<Ref<Node>> texts;
     child->GetChildren(texts);
-    ASSERT_EQ(2u, texts.size());  // the CDATA section stays a separate text node
+    ASSERT_EQ(2u, texts.size());
     EXPECT_EQ("<two>", dynamic_cast<TextNode*>(texts[1].Get())->GetValue());
     EXPECT_EQ(root, child->GetParentElement());
 
     Ref<ElementNode> leaf = root->FindChildElement("urn:r", "leaf");
     ASSERT_TRUE(leaf);
-    EXPECT_TRUE(leaf->GetAttribute("x", value));
-    EXPECT_EQ("\xc3\xa9", value);
+    EXPECT_EQ("r|leaf|r:leaf|urn:r x=|x||\xc3\xa9;", Describe(*leaf));
     EXPECT_FALSE(root->FindChildElement("urn:d", "leaf"));
-    EXPECT_EQ(child, root->FindChildElement("urn:d", "child"));
+    EXPECT_EQ("urn:r urn:d (none)",
+              Lookup(*leaf, "r") + " " + Lookup(*leaf, "") + " " + Lookup(*leaf, "nope"));
 
-    EXPECT_TRUE(leaf->LookupNamespaceUri("r", value));
-    EXPECT_EQ("urn:r", value);
-    EXPECT_TRUE(leaf->LookupNamespaceUri("", value));
-    EXPECT_EQ("urn:d", value);
-    EXPECT_FALSE(leaf->LookupNamespaceUri("nope", value));
-}
-
-TEST(XmlDomTest, RecordsLineAndColumnOfEveryStartTag) {
-    Ref<ElementNode> root = ParseRoot(kSample);
-    EXPECT_EQ(2, root->GetLine());
-    EXPECT_EQ(1, root->GetColumn());
-    Ref<ElementNode> child = root->FindChildElement("urn:d", "child");
-    EXPECT_EQ(3, child->GetLine());
-    EXPECT_EQ(16, child->GetColumn());
-    Ref<ElementNode> leaf = root->FindChildElement("urn:r", "leaf");  // its tag spans two lines
-    EXPECT_EQ(4, leaf->GetLine());
-    EXPECT_EQ(3, leaf->GetColumn());
-    EXPECT_EQ(0, NewElement("p", "built")->GetLine());
-
+    // Line and column of every start tag, also of one spanning two lines.
+    EXPECT_EQ(std::vector<int>({2, 1, 3, 16, 4, 3, 0}),
+              std::vector<int>({root->GetLine(), root->GetColumn(), child->GetLine(),
+                                child->GetColumn(), leaf->GetLine(), leaf->GetColumn(),
+                                NewElement("p", "built")->GetLine()}));
     // Columns count characters, also on a long line after multi-byte text.
-    std::string longLine = "<a>" + std::string(70000, 'x') + "\xc3\xa9<b/></a>";
-    Ref<ElementNode> b = ParseRoot(longLine)->FindChildElement("", "b");
+    Ref<ElementNode> b =
+        ParseRoot("<a>" + std::string(70000, 'x') + "\xc3\xa9<b/></a>")->FindChildElement("", "b");
     EXPECT_EQ(1, b->GetLine());
     EXPECT_EQ(70005, b->GetColumn());
 }
 
 TEST(XmlDomTest, NodesKeepTheirDocumentAlive) {
-    Ref<ElementNode> leaf;
-    {
-        Ref<Document> document = Parse(kSample);
-        leaf = document->GetDocumentElement()->FindChildElement("urn:r", "leaf");
-    }
-    // Only the leaf is referenced now; its ancestors and document are still there.
+    Ref<ElementNode> leaf = Parse(kSample)->GetDocumentElement()->FindChildElement("urn:r", "leaf");
     EXPECT_EQ("r:root", leaf->GetParentElement()->GetQualifiedName());
-    EXPECT_EQ("r:root", leaf->GetOwnerDocument()->GetDocumentElement()->GetQualifiedName());
     EXPECT_EQ(leaf->GetParentElement(), leaf->GetOwnerDocument()->GetDocumentElement());
-
     Ref<ElementNode> taken;
-    {
-        Ref<Document> document = Parse("<a><b/></a>");
-        document->TakeDocumentElement(taken);
-    }
+    Parse("<a><b/></a>")->TakeDocumentElement(taken);
     ASSERT_TRUE(taken);
     EXPECT_EQ("<a><b/></a>", Serialize(*taken));
 }
 
-TEST(XmlDomTest, SerializesWithoutReformatting) {
-    const std::string text =
+TEST(XmlDomTest, SerializesWithoutReformattingAndWithTheNamespacesNeeded) {
+    Ref<Document> document = Parse(
         "<r:root xmlns:r=\"urn:r\"   a='1'>\n  <x:y xmlns:x=\"urn:x\">t&lt;&amp;\xc3\xa9</x:y>"
-        "<!--c--><e/>\r\n</r:root>";
-    Ref<Document> document = Parse(text);
+        "<!--c--><e/>\r\n</r:root>");
     EXPECT_EQ(
-        "<r:root xmlns:r=\"urn:r\" a=\"1\">\n  <x:y xmlns:x=\"urn:x\">t&lt;&amp;\xc3\xa9</x:y>"
-        "<!--c--><e/>\n</r:root>",
+        "<r:root xmlns:r=\"urn:r\" a=\"1\">\n  <x:y xmlns:x=\"urn:x\">t&lt;&amp;\xc3\xa9"
+        "</x:y><!--c--><e/>\n</r:root>",
         Serialize(*document->GetDocumentElement()));
     EXPECT_EQ(Serialize(*document->GetDocumentElement()), Serialize(*document));
-}
 
-TEST(XmlDomTest, InnerElementSerializesWithTheNamespacesItNeeds) {
-    Ref<ElementNode> root = ParseRoot(
-        "<r:root xmlns:r=\"urn:r\" xmlns:xsi=\"urn:xsi\" xmlns:v=\"urn:v\">"
-        "<r:inner xsi:type=\"v:T\"><r:deeper/></r:inner></r:root>");
-    Ref<ElementNode> inner = root->FindChildElement("urn:r", "inner");
-    std::string text = Serialize(*inner);
-    // Re-parsed alone, the fragment keeps every name's meaning and the QName in its value.
-    Ref<ElementNode> reparsed = ParseRoot(text);
-    EXPECT_EQ("urn:r", reparsed->GetNamespaceUri());
-    std::string uri;
-    EXPECT_TRUE(reparsed->GetAttributeNS("urn:xsi", "type", uri));
-    EXPECT_TRUE(reparsed->LookupNamespaceUri("v", uri));
-    EXPECT_EQ("urn:v", uri);
+    // Re-parsed alone, an inner element keeps every name's meaning and the QName in its value.
+    Ref<ElementNode> inner = ParseRoot(
+                                 "<r:root xmlns:r=\"urn:r\" xmlns:xsi=\"urn:xsi\" "
+                                 "xmlns:v=\"urn:v\"><r:inner xsi:type=\"v:T\"><r:deeper/>"
+                                 "</r:inner></r:root>")
+                                 ->FindChildElement("urn:r", "inner");
+    Ref<ElementNode> reparsed = ParseRoot(Serialize(*inner));
+    EXPECT_EQ("r|inner|r:inner|urn:r xsi:type=xsi|type|urn:xsi|v:T;", Describe(*reparsed));
+    EXPECT_EQ("urn:v", Lookup(*reparsed, "v"));
     EXPECT_EQ("urn:r", reparsed->FindChildElement("urn:r", "deeper")->GetNamespaceUri());
 }
 
@@ -190,9 +163,7 @@ TEST(XmlDomTest, BuiltElementsResolveTheirPrefixOnceDeclared) {
     security->SetAttribute("xmlns:wsse", "urn:wsse");
     security->AppendChild(token);
     EXPECT_EQ("urn:wsse", token->GetNamespaceUri());
-    std::string value;
-    EXPECT_TRUE(token->GetAttributeNS("urn:wsu", "Id", value));
-    EXPECT_EQ("holderOfKeyCertificate", value);
+    EXPECT_EQ("holderOfKeyCertificate", AttributeNS(*token, "urn:wsu", "Id"));
     EXPECT_EQ(security, token->GetParentElement());
     EXPECT_EQ(
         "<wsse:Security xmlns:wsse=\"urn:wsse\"><wsse:BinarySecurityToken "
@@ -201,21 +172,19 @@ TEST(XmlDomTest, BuiltElementsResolveTheirPrefixOnceDeclared) {
         Serialize(*security));
 
     // Unprefixed built elements take the default namespace in scope, and none without one.
-    Ref<ElementNode> outer = NewElement("", "Outer");
+    Ref<ElementNode> outer = NewElement("", "Outer"), inner = NewElement("", "Inner");
     outer->SetAttribute("xmlns", "urn:default");
-    Ref<ElementNode> inner = NewElement("", "Inner");
     outer->AppendChild(inner);
     EXPECT_EQ("urn:default", inner->GetNamespaceUri());
     Ref<ElementNode> plain = NewElement("", "Plain");
     EXPECT_EQ("<Plain/>", Serialize(*plain));
     EXPECT_EQ("", plain->GetNamespaceUri());
-}
 
-TEST(XmlDomTest, TextNodesStaySeparateAndEscapeOnOutput) {
+    // Text nodes stay separate and are escaped on output.
     Ref<ElementNode> element = NewElement("", "e");
-    element->AppendChild(NewText("a<"));
-    element->AppendChild(NewText(""));
-    element->AppendChild(NewText("&b"));
+    for (const char* text : {"a<", "", "&b"}) {
+        element->AppendChild(NewText(text));
+    }
     std::vector<Ref<Node>> children;
     element->GetChildren(children);
     EXPECT_EQ(3u, children.size());
@@ -229,7 +198,6 @@ TEST(XmlDomTest, AdoptedNodesKeepTheirMeaning) {
         "<w:wrap xmlns:w=\"urn:w\" xmlns:s=\"urn:saml\"><s:Assertion ID=\"_1\">"
         "<s:Issuer>me</s:Issuer></s:Assertion></w:wrap>");
     Ref<ElementNode> assertion = source->FindChildElement("urn:saml", "Assertion");
-
     Ref<ElementNode> body = NewElement("s", "Body");  // "s" means something else here
     body->SetAttribute("xmlns:s", "urn:soap");
     body->AppendChild(assertion);
@@ -247,8 +215,7 @@ TEST(XmlDomTest, AdoptedNodesKeepTheirMeaning) {
 }
 
 TEST(XmlDomTest, RefusesBadAppendsAndNames) {
-    Ref<ElementNode> parent = NewElement("", "p");
-    Ref<ElementNode> child = NewElement("", "c");
+    Ref<ElementNode> parent = NewElement("", "p"), child = NewElement("", "c");
     parent->AppendChild(child);
     EXPECT_THROW(child->AppendChild(parent), InvalidArgumentException);
     EXPECT_THROW(parent->AppendChild(parent), InvalidArgumentException);
@@ -257,7 +224,6 @@ TEST(XmlDomTest, RefusesBadAppendsAndNames) {
     EXPECT_THROW(parent->SetAttribute(":a", "x"), InvalidArgumentException);
     Ref<ElementNode> out;
     EXPECT_THROW(CreateElementNode("p", "a:b", out), InvalidArgumentException);
-
     // Moving within one tree re-parents.
     Ref<ElementNode> other = NewElement("", "o");
     parent->AppendChild(other);
