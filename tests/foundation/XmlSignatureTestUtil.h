@@ -56,20 +56,6 @@ inline Ref<KeyInfoResolver> TrustOnly(const std::vector<std::string>& certificat
     return resolver;
 }
 
-// <prefix:name>text</prefix:name>, with no text node when text is empty.
-inline Ref<ElementNode> Element(const std::string& prefix, const std::string& name,
-                                const std::string& text = "") {
-    Ref<ElementNode> element;
-    CreateElementNode(prefix, name, element);
-    if (!text.empty()) {
-        Ref<TextNode> node;
-        CreateTextNode(node);
-        node->SetValue(text);
-        element->AppendChild(node);
-    }
-    return element;
-}
-
 // <ds:X509Data><ds:X509Certificate>...</ds:X509Certificate></ds:X509Data> for a certificate.
 inline Ref<ElementNode> X509DataElement(const std::string& certificatePath) {
     Ref<ElementNode> data = Element("ds", "X509Data");

@@ -35,6 +35,21 @@ inline std::string Serialize(const Basalt::Xml::Node& node) {
     return writer->TakeString();
 }
 
+// <prefix:name>text</prefix:name>, with no text node when text is empty.
+inline Basalt::Ref<Basalt::Xml::ElementNode> Element(const std::string& prefix,
+                                                     const std::string& name,
+                                                     const std::string& text = "") {
+    Basalt::Ref<Basalt::Xml::ElementNode> element;
+    Basalt::Xml::CreateElementNode(prefix, name, element);
+    if (!text.empty()) {
+        Basalt::Ref<Basalt::Xml::TextNode> node;
+        Basalt::Xml::CreateTextNode(node);
+        node->SetValue(text);
+        element->AppendChild(node);
+    }
+    return element;
+}
+
 // The child elements of element, in document order.
 inline std::vector<Basalt::Ref<Basalt::Xml::ElementNode>> ChildElements(
     const Basalt::Xml::ElementNode& element) {
