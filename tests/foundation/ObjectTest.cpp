@@ -10,16 +10,14 @@ namespace {
 
 std::atomic<int> g_destroyed{0};
 
-class Plain : public Basalt::ObjectImpl {
-  public:
-    ~Plain() override { ++g_destroyed; }
-};
-
-class Counted : public Basalt::WeakLinkableImpl<Basalt::ObjectImpl> {
+template <class Base>
+class Counted : public Base {
   public:
     ~Counted() override { ++g_destroyed; }
     int value = 42;
 };
+using Plain = Counted<Basalt::ObjectImpl>;
+using Linkable = Counted<Basalt::WeakLinkableImpl<Basalt::ObjectImpl>>;
 
 class ObjectTest : public ::testing::Test {
   protected:
@@ -64,13 +62,13 @@ TEST_F(ObjectTest, ConcurrentCopiesDestroyOnce) {
 }
 
 TEST_F(ObjectTest, WeakLinkLocksWhileAliveAndNotAfter) {
-    Basalt::Ref<Counted> object(new Counted);
+    Basalt::Ref<Linkable> object(new Linkable);
     Basalt::Ref<Basalt::WeakLink> link, again;
     object->AttachWeakRef(link);
     object->AttachWeakRef(again);
     EXPECT_EQ(link, again);
     EXPECT_TRUE(object->HasLink(link.Get()));
-    Basalt::Ref<Counted> locked = link->LockAs<Counted>();
+    Basalt::Ref<Linkable> locked = link->LockAs<Linkable>();
     ASSERT_TRUE(locked);
     EXPECT_EQ(locked->value, 42);
     EXPECT_EQ(object->GetRefCount(), 2);
@@ -83,7 +81,7 @@ TEST_F(ObjectTest, WeakLinkLocksWhileAliveAndNotAfter) {
 
 TEST_F(ObjectTest, WeakLinkRacingWithLastReleaseNeverRevivesTheObject) {
     for (int round = 0; round < 200; ++round) {
-        Basalt::Ref<Counted> object(new Counted);
+        Basalt::Ref<Linkable> object(new Linkable);
         Basalt::Ref<Basalt::WeakLink> link;
         object->AttachWeakRef(link);
         std::atomic<bool> go{false};
@@ -91,7 +89,7 @@ TEST_F(ObjectTest, WeakLinkRacingWithLastReleaseNeverRevivesTheObject) {
             while (!go) {
             }
             for (int i = 0; i < 100; ++i) {
-                if (Basalt::Ref<Counted> strong = link->LockAs<Counted>()) {
+                if (Basalt::Ref<Linkable> strong = link->LockAs<Linkable>()) {
                     EXPECT_EQ(strong->value, 42);  // never a destroyed object
                 }
             }
