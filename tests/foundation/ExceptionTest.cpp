@@ -2,29 +2,22 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <typeinfo>
+
+#include "support/ExpectThrow.h"
 
 namespace {
 
 using namespace Basalt;
 
-// Clone and Throw through a base reference keep the dynamic class and the message.
+// Clone and Throw through a base reference keep the dynamic class, the message and the code.
 template <class E>
 void ExpectClonesAndRethrowsAs(const char* message) {
     E original{std::string(message)};
-    const Exception& base = original;
-    std::unique_ptr<Exception> clone(base.Clone());
+    original.SetErrorCode(28);
+    std::unique_ptr<Exception> clone(static_cast<const Exception&>(original).Clone());
     EXPECT_EQ(typeid(*clone), typeid(E));
-    EXPECT_STREQ(clone->what(), message);
-    try {
-        clone->Throw();
-    } catch (const E& caught) {
-        EXPECT_STREQ(caught.what(), message);
-        EXPECT_EQ(typeid(caught), typeid(E));
-        return;
-    } catch (...) {
-    }
-    ADD_FAILURE() << "Throw() did not throw " << typeid(E).name();
+    EXPECT_EQ(clone->GetErrorCode(), 28);
+    EXPECT_TRUE(TestSupport::Throws<E>([&] { clone->Throw(); }, message));
 }
 
 TEST(ExceptionTest, EveryFoundationClassClonesAndRethrowsItsExactClass) {
@@ -37,16 +30,8 @@ TEST(ExceptionTest, EveryFoundationClassClonesAndRethrowsItsExactClass) {
     ExpectClonesAndRethrowsAs<Xml::XMLParseException>("parse");
     ExpectClonesAndRethrowsAs<Xml::Security::XmlSecurityException>("security");
     ExpectClonesAndRethrowsAs<Xml::Security::SignatureSyntaxException>("syntax");
-}
-
-TEST(ExceptionTest, ConstructorsKeepTheMessageIncludingEmptyAndEmbeddedNul) {
-    EXPECT_STREQ(InvalidStateException("").what(), "");
+    EXPECT_EQ(Exception("x").GetErrorCode(), 0);
     EXPECT_STREQ(InvalidStateException(static_cast<const char*>(nullptr)).what(), "");
-    std::string moved = "moved text";
-    EXPECT_STREQ(Exception(std::move(moved)).what(), "moved text");
-    const InvalidArgumentException original("copy me");
-    InvalidArgumentException copy(original);
-    EXPECT_STREQ(copy.what(), "copy me");
 }
 
 TEST(ExceptionTest, DumpNamesTheClassAndWhereTheThrowSite) {
@@ -57,23 +42,9 @@ TEST(ExceptionTest, DumpNamesTheClassAndWhereTheThrowSite) {
         EXPECT_NE(e.Where().find("ExceptionTest.cpp:"), std::string::npos);
     }
     EXPECT_EQ(Exception("x").Where(), "");
-}
-
-TEST(ExceptionTest, TypeMismatchNamesBothClasses) {
-    try {
-        ThrowTypeMismatchException(typeid(InvalidStateException), typeid(int));
-        FAIL() << "did not throw";
-    } catch (const TypeMismatchException& e) {
-        EXPECT_STREQ(e.what(), "Type mismatch: expected Basalt::InvalidStateException, got int");
-    }
-}
-
-TEST(ExceptionTest, ErrorCodeTravelsWithClone) {
-    Exception e("coded");
-    EXPECT_EQ(e.GetErrorCode(), 0);
-    e.SetErrorCode(28);
-    std::unique_ptr<Exception> clone(e.Clone());
-    EXPECT_EQ(clone->GetErrorCode(), 28);
+    EXPECT_TRUE(TestSupport::Throws<TypeMismatchException>(
+        [] { ThrowTypeMismatchException(typeid(InvalidStateException), typeid(int)); },
+        "Type mismatch: expected Basalt::InvalidStateException, got int"));
 }
 
 }  // namespace

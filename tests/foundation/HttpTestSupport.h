@@ -3,7 +3,7 @@
 // Helpers shared by the foundation's HTTP and TLS tests.
 
 #include <basalt/Http.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <string>
 
@@ -13,6 +13,7 @@
 namespace HttpTest {
 
 using namespace Basalt;
+using ::testing::StartsWith;
 
 inline Ref<Http::HttpUserAgent> MakeAgent(int port, Ssl::SSLContext* context = nullptr,
                                           bool reusable = false,
@@ -26,8 +27,8 @@ inline Ref<Http::HttpUserAgent> MakeAgent(int port, Ssl::SSLContext* context = n
     return agent;
 }
 
-inline Ref<Http::ClientRequest> MakeRequest(Http::HttpMethod method, const std::string& path,
-                                            const std::string& body = "") {
+inline Ref<Http::ClientRequest> MakeRequest(const std::string& path, const std::string& body = "",
+                                            Http::HttpMethod method = Http::HttpMethod::Post) {
     Ref<Http::ClientRequest> request;
     Http::CreateHttpRequest(method, path, request);
     request->GetBodyWriter()->Write(body);
@@ -51,7 +52,7 @@ constexpr int64_t kWait = 30 * 1000 * 1000;
 inline Ref<Http::ClientResponse> Exchange(Http::HttpUserAgent& agent, const std::string& path,
                                           const std::string& body = "") {
     Ref<Http::ClientResponse> response;
-    agent.Send(MakeRequest(Http::HttpMethod::Post, path, body).Get(), kWait, response);
+    agent.Send(MakeRequest(path, body).Get(), kWait, response);
     return response;
 }
 
@@ -60,7 +61,7 @@ inline std::string FailureOf(Http::HttpUserAgent& agent, const std::string& path
                              int64_t timeout = kWait) {
     try {
         Ref<Http::ClientResponse> response;
-        agent.Send(MakeRequest(Http::HttpMethod::Post, path, "x").Get(), timeout, response);
+        agent.Send(MakeRequest(path, "x").Get(), timeout, response);
     } catch (const Exception& error) {
         return error.what();
     }

@@ -7,6 +7,8 @@
 #include <regex>
 #include <set>
 
+#include "support/ExpectThrow.h"
+
 namespace {
 
 using Basalt::StringUtil::Base64Decode;
@@ -18,68 +20,62 @@ std::string Decode(std::string_view text) {
     return std::string(bytes.begin(), bytes.end());
 }
 
-TEST(Base64Test, Rfc4648VectorsRoundTrip) {
-    const std::pair<const char*, const char*> vectors[] = {
-        {"", ""},
-        {"f", "Zg=="},
-        {"fo", "Zm8="},
-        {"foo", "Zm9v"},
-        {"foob", "Zm9vYg=="},
-        {"fooba", "Zm9vYmE="},
-        {"foobar", "Zm9vYmFy"},
-    };
+TEST(Base64Test, Rfc4648VectorsAndEveryByteRoundTrip) {
+    const std::pair<const char*, const char*> vectors[] = {{"", ""},
+                                                           {"f", "Zg=="},
+                                                           {"fo", "Zm8="},
+                                                           {"foo", "Zm9v"},
+                                                           {"foob", "Zm9vYg=="},
+                                                           {"fooba", "Zm9vYmE="},
+                                                           {"foobar", "Zm9vYmFy"}};
     for (const auto& [plain, encoded] : vectors) {
         EXPECT_EQ(Base64Encode(plain, std::strlen(plain)), encoded);
         EXPECT_EQ(Decode(encoded), plain);
         char buffer[16] = {};
-        size_t length = Basalt::Base64_EncodedLength(std::strlen(plain));
-        EXPECT_EQ(length, std::strlen(encoded));
-        EXPECT_EQ(Basalt::Base64_Encode(plain, std::strlen(plain), buffer), length);
-        EXPECT_EQ(std::string(buffer, length), encoded);
+        EXPECT_EQ(Basalt::Base64_EncodedLength(std::strlen(plain)), std::strlen(encoded));
+        EXPECT_EQ(std::string(buffer, Basalt::Base64_Encode(plain, std::strlen(plain), buffer)),
+                  encoded);
     }
-}
-
-TEST(Base64Test, AllByteValuesRoundTrip) {
-    std::vector<unsigned char> all(256);
+    std::vector<unsigned char> all(256), decoded;
     for (int i = 0; i < 256; ++i) {
         all[i] = static_cast<unsigned char>(i);
     }
-    std::vector<unsigned char> decoded;
     Base64Decode(Base64Encode(all), decoded);
     EXPECT_EQ(decoded, all);
-}
-
-TEST(Base64Test, XmlWhiteSpaceIsSkippedAnywhere) {
+    // XML white space is skipped anywhere, even inside the padding.
     EXPECT_EQ(Decode(" Zm9v\r\nYmFy\t"), "foobar");
     EXPECT_EQ(Decode("Zm9vYg=\n="), "foob");
     EXPECT_EQ(Decode(" \n "), "");
 }
 
-TEST(Base64Test, MalformedTextIsRejected) {
-    const char* malformed[] = {
-        "Zm9",           // length not a multiple of four
-        "Zm9vY",         // one sextet left over
-        "Zg=",           // too little padding
-        "Zg===",         // too much padding
-        "=Zg=",          // padding first
-        "Zg==Zg==",      // data after padding
-        "Zm9v\x01",      // control character
-        "Zm9-",          // URL-safe alphabet is not standard Base64
-        "Zm9v\xc3\xa9",  // non-ASCII
-        "Zh==",          // non-zero bits after the last byte
-        "Zm9=",          // non-zero bits after the last two bytes
-        "Zg\v==",        // vertical tab is not XML white space
+TEST(Base64Test, MalformedTextIsRejectedAndLeavesTheOutputAlone) {
+    const std::pair<std::string, const char*> malformed[] = {
+        {"Zm9", "length is not a multiple of four"},
+        {"Zm9vY", "length is not a multiple of four"},
+        {"Zg=", "length is not a multiple of four"},
+        {"Zg===", "too much padding"},
+        {"=Zg=", "misplaced padding"},
+        {"Zg==Zg==", "data after padding"},
+        {"Zm9v\x01", "unexpected character"},
+        // The URL-safe alphabet, non-ASCII, a vertical tab (not XML white space), NUL.
+        {"Zm9-", "unexpected character"},
+        {"Zm9v\xc3\xa9", "unexpected character"},
+        {"Zg\v==", "unexpected character"},
+        {std::string("Zm9v\0Zm9v", 9), "unexpected character"},
+        // Bits beyond the last byte must be zero, so each byte string has one encoding.
+        {"Zh==", "non-zero trailing bits"},
+        {"Zm9=", "non-zero trailing bits"},
     };
-    for (const char* text : malformed) {
+    for (const auto& [text, reason] : malformed) {
         std::vector<unsigned char> bytes{1, 2, 3};
-        EXPECT_THROW(Base64Decode(text, bytes), Basalt::Base64FormatException) << text;
+        EXPECT_TRUE(TestSupport::Throws<Basalt::Base64FormatException>(
+            [&] { Base64Decode(text, bytes); }, std::string("Invalid Base64 text: ") + reason))
+            << text;
+        EXPECT_EQ(bytes, std::vector<unsigned char>({1, 2, 3}));
     }
-    std::string withNul("Zm9v\0Zm9v", 9);
-    std::vector<unsigned char> bytes;
-    EXPECT_THROW(Base64Decode(withNul, bytes), Basalt::Base64FormatException);
 }
 
-TEST(StringUtilTest, UuidsAreRandomVersion4LowerCase) {
+TEST(StringUtilTest, UuidsWipingAndCase) {
     const std::regex form("^[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}$");
     std::set<std::string> seen;
     for (int i = 0; i < 100; ++i) {
@@ -88,30 +84,26 @@ TEST(StringUtilTest, UuidsAreRandomVersion4LowerCase) {
         seen.insert(uuid);
     }
     EXPECT_EQ(seen.size(), 100u);
-}
-
-TEST(StringUtilTest, SecureWipeZeroesTheWholeBuffer) {
+    // Bytes beyond the size once held the secret too.
     std::string secret(100, 'p');
-    secret.resize(10);  // bytes beyond the size once held the secret too
+    secret.resize(10);
     const char* buffer = secret.data();
     size_t capacity = secret.capacity();
     Basalt::StringUtil::SecureWipe(secret);
     EXPECT_TRUE(secret.empty());
     EXPECT_EQ(secret.data(), buffer);
     EXPECT_EQ(std::string(buffer, capacity), std::string(capacity, '\0'));
+    EXPECT_EQ(Basalt::StringUtil::ToLower(std::string("MiXeD-Case_09@[ \xC3\x89\0Z", 19)),
+              std::string("mixed-case_09@[ \xC3\x89\0z", 19));
+    EXPECT_EQ(Basalt::StringUtil::ToHex({0x00, 0x9f, 0xa0, 0xff}), "009fa0ff");
 }
 
-TEST(StringUtilTest, ToLowerFoldsOnlyAsciiLetters) {
-    EXPECT_EQ(Basalt::StringUtil::ToLower("MiXeD-Case_09 \xC3\x89"), "mixed-case_09 \xC3\x89");
-    EXPECT_EQ(Basalt::StringUtil::ToLower(std::string("A\0B", 3)), std::string("a\0b", 3));
-}
-
-TEST(StringIoTest, ReaderOwnsItsCopyAndReadsInPieces) {
+TEST(StringIoTest, ReaderOwnsItsCopyAndWriterHandsOver) {
     Basalt::Ref<Basalt::StringReader> reader;
     {
         std::string text = "hello, world";
         Basalt::CreateStringReader(text, reader);
-        text.assign(text.size(), 'x');  // the reader must not see this
+        text.assign(text.size(), 'x');
     }
     char buffer[5];
     std::string read;
@@ -120,10 +112,6 @@ TEST(StringIoTest, ReaderOwnsItsCopyAndReadsInPieces) {
     }
     EXPECT_EQ(read, "hello, world");
     EXPECT_EQ(reader->Remaining(), 0u);
-    EXPECT_EQ(reader->Read(buffer, sizeof buffer), 0u);
-}
-
-TEST(StringIoTest, WriterAccumulatesAndHandsOver) {
     Basalt::Ref<Basalt::StringWriter> writer;
     Basalt::CreateStringWriter(writer);
     Basalt::Writer* sink = writer.Get();

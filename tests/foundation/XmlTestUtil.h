@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include <basalt/Exception.h>
 #include <basalt/IO.h>
@@ -34,15 +35,31 @@ inline std::string Serialize(const Basalt::Xml::Node& node) {
     return writer->TakeString();
 }
 
-// The message of the XMLParseException that parsing text throws ("" if it parses).
-inline std::string ParseError(const std::string& text,
-                              const Basalt::Xml::ParserLimits& limits = {}) {
-    try {
-        Parse(text, limits);
-    } catch (const Basalt::Xml::XMLParseException& e) {
-        return e.what();
+// <prefix:name>text</prefix:name>, with no text node when text is empty.
+inline Basalt::Ref<Basalt::Xml::ElementNode> Element(const std::string& prefix,
+                                                     const std::string& name,
+                                                     const std::string& text = "") {
+    Basalt::Ref<Basalt::Xml::ElementNode> element;
+    Basalt::Xml::CreateElementNode(prefix, name, element);
+    if (!text.empty()) {
+        Basalt::Ref<Basalt::Xml::TextNode> node;
+        Basalt::Xml::CreateTextNode(node);
+        node->SetValue(text);
+        element->AppendChild(node);
     }
-    return std::string();
+    return element;
+}
+
+// The child elements of element, in document order.
+inline std::vector<Basalt::Ref<Basalt::Xml::ElementNode>> ChildElements(
+    const Basalt::Xml::ElementNode& element) {
+    std::vector<Basalt::Ref<Basalt::Xml::ElementNode>> elements;
+    for (auto child = element.GetFirstChild(); child; child = child->GetNextSibling()) {
+        if (auto* found = dynamic_cast<Basalt::Xml::ElementNode*>(child.Get())) {
+            elements.emplace_back(found);
+        }
+    }
+    return elements;
 }
 
 }  // namespace XmlTest
