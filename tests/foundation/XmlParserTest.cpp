@@ -61,7 +61,7 @@ TEST(XmlParserTest, RefusesHostileInputWithAClearMessage) {
         {"<!DOCTYPE r [<!ENTITY x SYSTEM \"file://" + kSecretPath + "\">]><r>&x;</r>", defaults,
          "1, column 13" + doctype},
         {"<!DOCTYPE r SYSTEM \"file://" + kSecretPath + "\"><r/>", defaults,
-         "1, column 70" + doctype},
+         "1, column " + std::to_string(kSecretPath.size() + 29) + doctype},
         {"<!DOCTYPE r [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\">"
          "<!ENTITY c \"&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;\">]><r>&c;</r>",
          defaults, "1, column 13" + doctype},
