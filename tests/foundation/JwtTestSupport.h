@@ -1,10 +1,9 @@
 #pragma once
 
-// Makes JWTs for the tests: the fixtures that PyJWT and jwcrypto signed (tests/data/jwt/tokens.txt,
-// written by generate.py there) and tokens with any header and payload, signed here with the
-// fixture keys through the foundation (PKCS#1 v1.5 for RSA, DER ECDSA for EC).
+// JWTs for the tests: the fixtures that PyJWT and jwcrypto signed (tests/data/jwt/tokens.txt, from
+// generate.py there), and tokens with any header and payload signed here with the fixture keys
+// through the foundation (PKCS#1 v1.5 for RSA, DER ECDSA for EC).
 
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -19,6 +18,10 @@
 
 namespace JwtTest {
 
+const std::vector<std::string> kPublicKeys = {"rsa.pem",     "rsa.pub",   "other-rsa.pub",
+                                              "ec256.pub",   "ec384.pub", "ec521.pub",
+                                              "ed25519.pub", "ed448.pub"};
+
 inline std::string Base64Url(const std::string& bytes) {
     std::string text = Basalt::StringUtil::Base64Encode(bytes.data(), bytes.size());
     text.erase(text.find_last_not_of('=') + 1);
@@ -28,17 +31,7 @@ inline std::string Base64Url(const std::string& bytes) {
     return text;
 }
 
-inline std::string Unbase64Url(std::string text) {
-    for (char& c : text) {
-        c = c == '-' ? '+' : c == '_' ? '/' : c;
-    }
-    text.append((4 - text.size() % 4) % 4, '=');
-    std::vector<unsigned char> bytes;
-    Basalt::StringUtil::Base64Decode(text, bytes);
-    return std::string(bytes.begin(), bytes.end());
-}
-
-// A token signed by an independent producer, by its line name in tokens.txt ("RS256-pyjwt").
+// A fixture token by its name in tokens.txt ("RS256-pyjwt").
 inline std::string Fixture(const std::string& name) {
     std::istringstream lines(TestData::Read("jwt/tokens.txt"));
     std::string label, token;
@@ -50,11 +43,15 @@ inline std::string Fixture(const std::string& name) {
     throw std::runtime_error("no fixture token " + name);
 }
 
-inline std::shared_ptr<const std::string> Key(const std::string& file) {
-    return std::make_shared<const std::string>(TestData::Read("jwt/" + file));
+inline Basalt::Jwt::SigningKeys Keys(const std::vector<std::string>& files) {
+    Basalt::Jwt::SigningKeys keys;
+    for (const auto& file : files) {
+        keys.push_back(std::make_shared<const std::string>(TestData::Read("jwt/" + file)));
+    }
+    return keys;
 }
 
-// "header.payload.signature" with the signature of the fixture private key keyFile.
+// "header.payload.signature", signed by the fixture private key keyFile with SHA-256.
 inline std::string Sign(const std::string& header, const std::string& payload,
                         const std::string& keyFile = "rsa.key") {
     const std::string input = Base64Url(header) + "." + Base64Url(payload);
@@ -66,7 +63,7 @@ inline std::string Sign(const std::string& header, const std::string& payload,
 }
 
 inline std::string SignRs256(const std::string& payload) {
-    return Sign(R"({"alg":"RS256","typ":"JWT"})", payload);
+    return Sign(R"({"alg":"RS256"})", payload);
 }
 
 }  // namespace JwtTest

@@ -69,8 +69,8 @@ class BASALT_API Decoder {
 
   private:
     struct Decoded;
-    static std::unique_ptr<Decoded> Decode(const std::string& token);
-    const Decoded& Token() const;
+    BASALT_LOCAL static std::unique_ptr<Decoded> Decode(const std::string& token);
+    BASALT_LOCAL const Decoded& Token() const;
 
     std::unique_ptr<Decoded> m_decoded;  // null when the text was not a well-formed token
 };
