@@ -5,9 +5,9 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config git
     libxml2-dev libxmlsec1-dev libssl-dev libcurl4-openssl-dev uuid-dev libboost-dev
-    libgtest-dev libgmock-dev libbenchmark-dev
+    libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
     openssl xmlsec1 xml-security-c-utils
-    python3 python3-lxml python3-xmlsec python3-cryptography
+    python3 python3-lxml python3-xmlsec python3-cryptography python3-jwt python3-jwcrypto
 )
 missing=()
 for package in "${packages[@]}"; do

@@ -1,0 +1,69 @@
+#pragma once
+
+// JWTs for the tests: the fixtures that PyJWT and jwcrypto signed (tests/data/jwt/tokens.txt, from
+// generate.py there), and tokens with any header and payload signed here with the fixture keys
+// through the foundation (PKCS#1 v1.5 for RSA, DER ECDSA for EC).
+
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <basalt/Crypto.h>
+#include <basalt/Jwt.h>
+#include <basalt/StringUtil.h>
+
+#include "TestData.h"
+
+namespace JwtTest {
+
+const std::vector<std::string> kPublicKeys = {"rsa.pem",     "rsa.pub",   "other-rsa.pub",
+                                              "ec256.pub",   "ec384.pub", "ec521.pub",
+                                              "ed25519.pub", "ed448.pub"};
+
+inline std::string Base64Url(const std::string& bytes) {
+    std::string text = Basalt::StringUtil::Base64Encode(bytes.data(), bytes.size());
+    text.erase(text.find_last_not_of('=') + 1);
+    for (char& c : text) {
+        c = c == '+' ? '-' : c == '/' ? '_' : c;
+    }
+    return text;
+}
+
+// A fixture token by its name in tokens.txt ("RS256-pyjwt").
+inline std::string Fixture(const std::string& name) {
+    std::istringstream lines(TestData::Read("jwt/tokens.txt"));
+    std::string label, token;
+    while (lines >> label >> token) {
+        if (label == name) {
+            return token;
+        }
+    }
+    throw std::runtime_error("no fixture token " + name);
+}
+
+inline Basalt::Jwt::SigningKeys Keys(const std::vector<std::string>& files) {
+    Basalt::Jwt::SigningKeys keys;
+    for (const auto& file : files) {
+        keys.push_back(std::make_shared<const std::string>(TestData::Read("jwt/" + file)));
+    }
+    return keys;
+}
+
+// "header.payload.signature", signed by the fixture private key keyFile with SHA-256.
+inline std::string Sign(const std::string& header, const std::string& payload,
+                        const std::string& keyFile = "rsa.key") {
+    const std::string input = Base64Url(header) + "." + Base64Url(payload);
+    Basalt::Ref<Basalt::Crypto::PrivateKey> key;
+    Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("jwt/" + keyFile), key);
+    const auto signature =
+        key->Sign(Basalt::Crypto::DigestAlgorithm::Sha256, input.data(), input.size());
+    return input + "." + Base64Url(std::string(signature.begin(), signature.end()));
+}
+
+inline std::string SignRs256(const std::string& payload) {
+    return Sign(R"({"alg":"RS256"})", payload);
+}
+
+}  // namespace JwtTest
