@@ -51,19 +51,19 @@ KeyKind KindOf(EVP_PKEY* key) {
 }
 
 // The public key of a PEM certificate or PEM public key; null when text is neither.
-EvpPkeyPtr ParsePublicKey(std::string_view text) {
+UniquePtr<EVP_PKEY> ParsePublicKey(std::string_view text) {
     if (text.size() > INT_MAX) {
         return nullptr;
     }
-    BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    UniquePtr<BIO> bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
     if (!bio) {
         return nullptr;
     }
     if (text.find("-----BEGIN CERTIFICATE-----") != std::string_view::npos) {
-        X509Ptr certificate(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-        return EvpPkeyPtr(certificate ? X509_get_pubkey(certificate.get()) : nullptr);
+        UniquePtr<X509> certificate(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+        return UniquePtr<EVP_PKEY>(certificate ? X509_get_pubkey(certificate.get()) : nullptr);
     }
-    return EvpPkeyPtr(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
+    return UniquePtr<EVP_PKEY>(PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr));
 }
 
 // Least recently used entries go first once the cache is full. One lock: lookups are a hash and

@@ -50,9 +50,9 @@ bool RawToDer(const std::string& raw, size_t coordinateBytes, std::string& der) 
     }
     const auto* bytes = reinterpret_cast<const unsigned char*>(raw.data());
     const int size = static_cast<int>(coordinateBytes);
-    BignumPtr r(BN_bin2bn(bytes, size, nullptr));
-    BignumPtr s(BN_bin2bn(bytes + coordinateBytes, size, nullptr));
-    EcdsaSigPtr signature(ECDSA_SIG_new());
+    UniquePtr<BIGNUM> r(BN_bin2bn(bytes, size, nullptr));
+    UniquePtr<BIGNUM> s(BN_bin2bn(bytes + coordinateBytes, size, nullptr));
+    UniquePtr<ECDSA_SIG> signature(ECDSA_SIG_new());
     if (!r || !s || !signature || ECDSA_SIG_set0(signature.get(), r.get(), s.get()) != 1) {
         return false;
     }
@@ -60,7 +60,7 @@ bool RawToDer(const std::string& raw, size_t coordinateBytes, std::string& der) 
     s.release();
     unsigned char* out = nullptr;
     const int length = i2d_ECDSA_SIG(signature.get(), &out);
-    const OpenSslBytes owned(out);
+    const UniquePtr<OpenSslBytes> owned(out);
     if (length <= 0) {
         return false;
     }
@@ -70,7 +70,7 @@ bool RawToDer(const std::string& raw, size_t coordinateBytes, std::string& der) 
 
 bool Verify(const Algorithm& algorithm, EVP_PKEY* key, std::string_view input,
             const std::string& signature) {
-    MdCtxPtr context(EVP_MD_CTX_new());
+    UniquePtr<EVP_MD_CTX> context(EVP_MD_CTX_new());
     EVP_PKEY_CTX* keyContext = nullptr;
     const EVP_MD* digest = algorithm.digest ? algorithm.digest() : nullptr;
     if (!context || EVP_DigestVerifyInit(context.get(), &keyContext, digest, nullptr, key) != 1) {

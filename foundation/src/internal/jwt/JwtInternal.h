@@ -10,44 +10,18 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include <basalt/Jwt.h>
 
-namespace Basalt {
-namespace Jwt {
+#include "internal/crypto/CryptoInternal.h"
 
-// Owners of the OpenSSL handles used here, kept in one block.
-struct EvpPkeyFree {
-    void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-struct X509Free {
-    void operator()(X509* p) const { X509_free(p); }
-};
-struct BioFree {
-    void operator()(BIO* p) const { BIO_free(p); }
-};
-struct MdCtxFree {
-    void operator()(EVP_MD_CTX* p) const { EVP_MD_CTX_free(p); }
-};
-struct EcdsaSigFree {
-    void operator()(ECDSA_SIG* p) const { ECDSA_SIG_free(p); }
-};
-struct BignumFree {
-    void operator()(BIGNUM* p) const { BN_free(p); }
-};
-struct OpenSslFree {
-    void operator()(unsigned char* p) const { OPENSSL_free(p); }
-};
-using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, EvpPkeyFree>;
-using X509Ptr = std::unique_ptr<X509, X509Free>;
-using BioPtr = std::unique_ptr<BIO, BioFree>;
-using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, MdCtxFree>;
-using EcdsaSigPtr = std::unique_ptr<ECDSA_SIG, EcdsaSigFree>;
-using BignumPtr = std::unique_ptr<BIGNUM, BignumFree>;
-using OpenSslBytes = std::unique_ptr<unsigned char, OpenSslFree>;
+namespace Basalt {
+
+BASALT_DELETER(ECDSA_SIG, ECDSA_SIG_free);
+
+namespace Jwt {
 
 // Unpadded base64url into out; false on any other character, an impossible length or non-zero
 // trailing bits.
@@ -61,7 +35,7 @@ bool ParseJsonObject(std::string_view text, nlohmann::json& out);
 enum class KeyKind { Unusable, Rsa, EcP256, EcP384, EcP521, Ed25519 };
 
 struct ParsedKey {
-    EvpPkeyPtr key;  // null when the text did not parse
+    UniquePtr<EVP_PKEY> key;  // null when the text did not parse
     KeyKind kind = KeyKind::Unusable;
 };
 
