@@ -23,8 +23,12 @@ if [ -z "$port" ]; then
     exit 1
 fi
 echo "Test STS listening on https://localhost:$port/sts/STSService"
+# A bearer JWT as the STS's issuer signs it, for the resource-server part of the demo.
+jwt=$(/usr/bin/python3 tests/sts/issue_jwt.py alice@example.test "Alice Liddell" \
+    Users@example.test Readers@example.test)
 status=0
-build/release/examples/sso_demo "https://localhost:$port/sts/STSService" tests/data/sts || status=$?
+build/release/examples/sso_demo "https://localhost:$port/sts/STSService" tests/data/sts "$jwt" ||
+    status=$?
 exec {sts_in}>&-
 wait "$STS_PID" 2>/dev/null || true
 exit $status

@@ -1,7 +1,8 @@
 // A tour of the client against a WS-Trust token service: tokens by password, by certificate, by
-// token and by a GSS exchange, renewal and validation, then the same asynchronously.
+// token and by a GSS exchange, renewal and validation, then the same asynchronously; and, for a
+// resource server, a JWT bearer token validated with the issuer's certificate.
 //
-//   sso_demo <service-url> <trust-dir>
+//   sso_demo <service-url> <trust-dir> [<jwt>]
 //
 // <trust-dir> holds ca.pem (the TLS CA), signing.pem (the token-signing certificate) and
 // client.pem/client.key (the holder-of-key identity), as the loopback test STS provides them.
@@ -11,6 +12,7 @@
 #include <basalt/XmlSecurity.h>
 #include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
+#include <ssoClient/JwtTokenValidator.h>
 #include <ssoClient/SecurityTokenService.h>
 
 #include <condition_variable>
@@ -98,6 +100,22 @@ class Completion {
     bool m_done = false;
 };
 
+// What a resource server does with a bearer JWT: validate it against its audience and the
+// issuer's signing certificate, and use the token like any other.
+void ValidateJwt(const std::string& jwt, const std::string& trustDir) {
+    Basalt::Ref<SsoClient::TokenValidator> validator;
+    SsoClient::CreateJwtTokenValidator(
+        {"urn:sso-demo"},
+        {std::make_shared<const std::string>(ReadFile(trustDir + "/signing.pem"))}, 600, validator);
+    std::cout << "== JWT\nValidated JWT:\n  "
+              << SsoClient::CreateSamlTokenDescription(*validator->Validate(jwt, "")) << "\n";
+    try {
+        validator->Validate(jwt.substr(0, jwt.size() - 2) + "AA", "");
+    } catch (const SsoClient::SsoException& e) {
+        std::cout << "Tampered JWT: " << e.what() << "\n";
+    }
+}
+
 int Run(const std::string& url, const std::string& trustDir) {
     Basalt::Ssl::SSLContextOptions tls;
     tls.trustedCaPem = ReadFile(trustDir + "/ca.pem");
@@ -182,12 +200,16 @@ int Run(const std::string& url, const std::string& trustDir) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::cerr << "usage: " << argv[0] << " <service-url> <trust-dir>\n";
+    if (argc != 3 && argc != 4) {
+        std::cerr << "usage: " << argv[0] << " <service-url> <trust-dir> [<jwt>]\n";
         return 2;
     }
     try {
-        return Run(argv[1], argv[2]);
+        const int status = Run(argv[1], argv[2]);
+        if (argc == 4) {
+            ValidateJwt(argv[3], argv[2]);
+        }
+        return status;
     } catch (const std::exception& e) {
         std::cerr << "demo failed: " << e.what() << "\n";
         return 1;
