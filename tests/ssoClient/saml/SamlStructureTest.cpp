@@ -18,6 +18,13 @@ const std::string kNameId = "<saml2:NameID Format=\"http://schemas.xmlsoap.org/c
 const std::string kAudience =
     "<saml2:AudienceRestriction><saml2:Audience>urn:audience:a</saml2:Audience>"
     "</saml2:AudienceRestriction>";
+// A second renew restriction and a second (empty) delegation restriction.
+const std::string kRenew = "<saml2:Condition xmlns:r=\"" +
+                           std::string(Xmlns::kSamlAdviceExtension) +
+                           "\" xsi:type=\"r:RenewRestrictionType\"/>";
+const std::string kDelegation = "<saml2:Condition xmlns:d=\"" +
+                                std::string(Xmlns::kSamlDelegation) +
+                                "\" xsi:type=\"d:DelegationRestrictionType\"/>";
 const std::string kXsiType = "xsi:type=\"saml2:KeyInfoConfirmationDataType\"";
 
 const std::string& Rich() {
@@ -95,6 +102,7 @@ TEST_F(SamlStructureTest, RefusesEveryStructuralDeviationWithItsMessage) {
         {r, kNameId + "alice@", kNameId + "alice<!---->@", TextOnly("NameID")},
         {r, kNameId + "alice@", kNameId + "<x/>alice@", TextOnly("NameID")},
         {r, kNameId, "<saml2:NameID SPProvidedID=\"x\">", Attrs("NameID")},
+        {r, "Method=\"", "Way=\"", Missing("SubjectConfirmation", "Method")},
         {r, "cm:bearer", "cm:sender-vouches",
          "Unknown subject confirmation method: 'urn:oasis:names:tc:SAML:2.0:cm:sender-vouches'"},
         {r, "Data NotOnOrAfter", "Data Recipient=\"r\" NotOnOrAfter",
@@ -114,6 +122,10 @@ TEST_F(SamlStructureTest, RefusesEveryStructuralDeviationWithItsMessage) {
         {r, kAudience, kAudience + kAudience, Restriction(": AudienceRestriction")},
         {r, "<saml2:ProxyRestriction ", "<saml2:ProxyRestriction/><saml2:ProxyRestriction ",
          Restriction(": ProxyRestriction")},
+        {r, "<saml2:ProxyRestriction ", kRenew + "<saml2:ProxyRestriction ",
+         Restriction(": Condition")},
+        {r, "<saml2:ProxyRestriction ", kDelegation + "<saml2:ProxyRestriction ",
+         Restriction(": Condition")},
         {r, "</saml2:Conditions>", "<saml2:OneTimeUse/></saml2:Conditions>",
          Restriction(": OneTimeUse")},
         {r, "</saml2:Conditions>", "x</saml2:Conditions>", Restriction("")},
@@ -133,7 +145,10 @@ TEST_F(SamlStructureTest, RefusesEveryStructuralDeviationWithItsMessage) {
         {r, "<rsa:RSAAdvice xmlns:rsa=\"", "<rsa:RSAAdvice xmlns:rsa=\"urn:x\" xmlns:old=\"",
          Ns("RSAAdvice")},
         {r, "AdviceSource=", "Source=", Missing("RSAAdvice", "AdviceSource")},
+        {r, "<saml2:Advice>", "<saml2:Advice Id=\"a\">", Attrs("Advice")},
+        {r, "<saml2:AuthnContext>", "<saml2:AuthnContext Id=\"c\">", Attrs("AuthnContext")},
         {r, ">Alice</", "></", TextOnly("AttributeValue")},
+        {r, ">Alice</", "><x/></", TextOnly("AttributeValue")},
         {r, ">Alice</", "> \n\t</", TextOnly("AttributeValue")},
         {r, "</saml2:AuthnContextClassRef>", "</saml2:AuthnContextClassRef><saml2:X/>",
          After("AuthnContextClassRef")},
@@ -157,6 +172,8 @@ TEST_F(SamlStructureTest, RefusesEveryStructuralDeviationWithItsMessage) {
         {h, "</ds:X509Data>", "</ds:X509Data><ds:X/>", After("X509Data")},
         {h, "</ds:KeyInfo>", "</ds:KeyInfo><saml2:X/>", After("SubjectConfirmationData/KeyInfo")},
         {h, "<ds:KeyInfo ", "<ds:KeyInfo Id=\"k\" ", Attrs("KeyInfo")},
+        {h, "<ds:X509Data>", "<ds:X509Data Id=\"d\">", Attrs("X509Data")},
+        {h, "<ds:X509Certificate>", "<ds:X509Certificate Id=\"c\">", Attrs("X509Certificate")},
         {h, "</saml2:SubjectConfirmationData>", "</saml2:SubjectConfirmationData><saml2:X/>",
          After("SubjectConfirmationData")},
     };
@@ -174,6 +191,7 @@ TEST_F(SamlStructureTest, IgnoresCommentsBlanksAndDeclarationsAndAcceptsAnyCondi
         Mutate(r, "<saml2:Subject>", "<saml2:Subject>\n\t<!--x-->\r\n"),
         Mutate(r, "Version=\"2.0\"", "Version=\"2.0\" xmlns=\"urn:default\" xmlns:e=\"urn:e\""),
         Mutate(r, ">Alice</", ">Alice<!-- given name --></"),  // one text node remains
+        Mutate(r, "NameFormat=", "FriendlyName=\"f\" NameFormat="),
         Mutate(Mutate(r, kAudience, ""), "<saml2:Condition ", kAudience + "<saml2:Condition "),
         Mutate(h, kXsiType,
                "xmlns:a=\"" + std::string(Xmlns::kSamlAssertion) +
