@@ -26,22 +26,7 @@ const char kUpn[] = "http://schemas.xmlsoap.org/claims/UPN";
 std::string Escape(const std::string& text) {
     std::string out;
     for (char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
+        out += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '"' ? "&quot;" : std::string(1, c);
     }
     return out;
 }
@@ -74,10 +59,14 @@ std::string Attributes(const std::vector<SamlAttribute>& attributes, bool typed)
     return xml;
 }
 
-std::string CertificateBase64(const std::string& pem) {
+Basalt::Ref<Basalt::Crypto::Certificate> LoadCertificate(const std::string& pem) {
     Basalt::Ref<Basalt::Crypto::Certificate> certificate;
     Basalt::Crypto::CreateCertificateFromPem(pem, certificate);
-    return Basalt::StringUtil::Base64Encode(certificate->GetDer());
+    return certificate;
+}
+
+std::string CertificateBase64(const Basalt::Crypto::Certificate& certificate) {
+    return Basalt::StringUtil::Base64Encode(certificate.GetDer());
 }
 
 std::string SubjectConfirmation(const AssertionSpec& spec) {
@@ -101,7 +90,7 @@ std::string SubjectConfirmation(const AssertionSpec& spec) {
                ">"
                "<ds:KeyInfo xmlns:ds=\"http://www.w3.org/2000/09/xmldsig#\"><ds:X509Data>"
                "<ds:X509Certificate>" +
-               CertificateBase64(pem) +
+               CertificateBase64(*LoadCertificate(pem)) +
                "</ds:X509Certificate></ds:X509Data></ds:KeyInfo></saml2:SubjectConfirmationData>";
     } else {
         xml += "<saml2:SubjectConfirmationData NotOnOrAfter=\"" +
@@ -179,17 +168,6 @@ Basalt::Ref<Basalt::Xml::Document> Parse(const std::string& xml) {
     return document;
 }
 
-template <class T>
-Basalt::Ref<T> Loaded(void (*load)(std::string_view, Basalt::Ref<T>&), const char* path) {
-    Basalt::Ref<T> object;
-    load(TestData::Read(path), object);
-    return object;
-}
-
-void LoadKey(std::string_view pem, Basalt::Ref<Basalt::Crypto::PrivateKey>& key) {
-    Basalt::Crypto::CreatePrivateKeyFromPem(pem, key);
-}
-
 Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> ResolverOf(
     const Basalt::Ref<Basalt::Crypto::Certificate>& certificate) {
     Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
@@ -200,19 +178,21 @@ Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> ResolverOf(
 }  // namespace
 
 const Basalt::Ref<Basalt::Crypto::PrivateKey>& StsKey() {
-    static const auto key = Loaded(&LoadKey, "certs/sts-rsa.key");
+    static const Basalt::Ref<Basalt::Crypto::PrivateKey> key = [] {
+        Basalt::Ref<Basalt::Crypto::PrivateKey> loaded;
+        Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("certs/sts-rsa.key"), loaded);
+        return loaded;
+    }();
     return key;
 }
 
 const Basalt::Ref<Basalt::Crypto::Certificate>& StsCertificate() {
-    static const auto certificate =
-        Loaded(&Basalt::Crypto::CreateCertificateFromPem, "certs/sts-rsa.pem");
+    static const auto certificate = LoadCertificate(TestData::Read("certs/sts-rsa.pem"));
     return certificate;
 }
 
 const Basalt::Ref<Basalt::Crypto::Certificate>& OtherCertificate() {
-    static const auto certificate =
-        Loaded(&Basalt::Crypto::CreateCertificateFromPem, "certs/other-rsa.pem");
+    static const auto certificate = LoadCertificate(TestData::Read("certs/other-rsa.pem"));
     return certificate;
 }
 
@@ -225,7 +205,7 @@ Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> OtherResolver() {
 }
 
 std::string BuildAssertionXml(const AssertionSpec& spec, bool withSignatureTemplate) {
-    t_buildMicros = Basalt::System::GetUtcDateTime().GetUtcTime();
+    t_buildMicros = (spec.clock ? *spec.clock : Basalt::System::SystemClock()).Now().GetUtcTime();
     const std::string id = spec.id.empty() ? "_" + Basalt::StringUtil::GenerateUuid() : spec.id;
     std::string xml =
         std::string("<saml2:Assertion xmlns:saml2=\"") + SsoClient::Xmlns::kSamlAssertion +
@@ -276,16 +256,12 @@ std::string SignAssertion(const std::string& unsignedXml,
         referenceUri.value_or("#" + id), "http://www.w3.org/2001/04/xmlenc#sha256",
         std::vector<std::string>{"http://www.w3.org/2000/09/xmldsig#enveloped-signature",
                                  "http://www.w3.org/2001/10/xml-exc-c14n#"});
-    Basalt::Ref<Basalt::Xml::ElementNode> x509Data;
-    Basalt::Xml::CreateElementNode("ds", "X509Data", x509Data);
-    Basalt::Ref<Basalt::Xml::ElementNode> x509Certificate;
-    Basalt::Xml::CreateElementNode("ds", "X509Certificate", x509Certificate);
-    Basalt::Ref<Basalt::Xml::TextNode> text;
-    Basalt::Xml::CreateTextNode(text);
-    text->SetValue(Basalt::StringUtil::Base64Encode(certificate->GetDer()));
-    x509Certificate->AppendChild(text);
-    x509Data->AppendChild(x509Certificate);
-    signature->AddKeyInfoContent(x509Data);
+    // The certificate in KeyInfo, from a parsed fragment.
+    const auto keyInfo = Parse(
+        "<ds:X509Data xmlns:ds=\"http://www.w3.org/2000/09/xmldsig#\">"
+        "<ds:X509Certificate>" +
+        CertificateBase64(*certificate) + "</ds:X509Certificate></ds:X509Data>");
+    signature->AddKeyInfoContent(keyInfo->GetDocumentElement());
     signature->Sign(key);
 
     Basalt::Ref<Basalt::StringWriter> writer;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <basalt/Crypto.h>
+#include <basalt/DateTime.h>
 #include <basalt/Object.h>
 #include <basalt/XmlSecurity.h>
 
@@ -30,7 +31,17 @@ struct SamlDelegate {
     int64_t instantOffsetSec = -120;
 };
 
-// What a generated assertion says. Times are seconds relative to the current time, so tests
+// A clock that always reads the same instant.
+class FixedClock final : public Basalt::System::Clock {
+  public:
+    explicit FixedClock(const std::string& instant) : m_now(instant) {}
+    Basalt::System::DateTime Now() const override { return m_now; }
+
+  private:
+    Basalt::System::DateTime m_now;
+};
+
+// What a generated assertion says. Times are seconds relative to the clock's present, so tests
 // never depend on the wall clock having moved.
 struct AssertionSpec {
     std::string id;  // empty: a fresh "_" + UUID
@@ -52,8 +63,9 @@ struct AssertionSpec {
     // ProxyRestriction / RenewRestriction: absent when nullopt; "" writes one without Count.
     std::optional<std::string> proxyCount;
     std::optional<std::string> renewCount;
-    std::vector<SamlAdvice> advice;         // an Advice element when not empty
-    std::vector<SamlAttribute> attributes;  // an AttributeStatement when not empty
+    std::vector<SamlAdvice> advice;                // an Advice element when not empty
+    std::vector<SamlAttribute> attributes;         // an AttributeStatement when not empty
+    const Basalt::System::Clock* clock = nullptr;  // the present; null: the system clock
 };
 
 // The STS signing key and certificate of tests/data/certs (sts-rsa), and an unrelated one.

@@ -1,78 +1,84 @@
 #include "RequestTestSupport.h"
 
-#include <basalt/IO.h>
 #include <gtest/gtest.h>
 
+#include "TestData.h"
 #include "internal/xml/XmlUtils.h"
 
 namespace RequestTest {
 
-Basalt::Ref<Basalt::Xml::ElementNode> Parse(const std::string& text) {
-    Basalt::Ref<Basalt::Xml::Document> document;
-    SsoClient::ParseXmlText(text, document);
-    EXPECT_TRUE(document);
-    return document ? document->GetDocumentElement() : nullptr;
+using Basalt::Ref;
+using Basalt::Xml::ElementNode;
+
+TextToken DataToken(SsoClient::TokenType type) {
+    return TextToken(TestData::Read("requests/assertion.xml"),
+                     "_4c5a2d8e-0f1b-4a77-9c1e-5d7f00b1c0de", type);
 }
 
-std::vector<Basalt::Ref<Basalt::Xml::ElementNode>> ChildElements(
-    const Basalt::Xml::ElementNode& element) {
-    std::vector<Basalt::Ref<Basalt::Xml::Node>> nodes;
+Ref<ElementNode> Parse(const std::string& text) {
+    Ref<Basalt::Xml::Document> document;
+    SsoClient::ParseXmlText(text, document);
+    return document->GetDocumentElement();
+}
+
+std::vector<Ref<ElementNode>> Children(const ElementNode& element) {
+    std::vector<Ref<Basalt::Xml::Node>> nodes;
     element.GetChildren(nodes);
-    std::vector<Basalt::Ref<Basalt::Xml::ElementNode>> elements;
+    std::vector<Ref<ElementNode>> elements;
     for (const auto& node : nodes) {
-        if (auto* child = dynamic_cast<Basalt::Xml::ElementNode*>(node.Get())) {
+        if (auto* child = dynamic_cast<ElementNode*>(node.Get())) {
             elements.emplace_back(child);
         }
     }
     return elements;
 }
 
-std::vector<std::string> ChildNames(const Basalt::Xml::ElementNode& element) {
+std::vector<std::string> Names(const ElementNode& element) {
     std::vector<std::string> names;
-    for (const auto& child : ChildElements(element)) {
+    for (const auto& child : Children(element)) {
         names.push_back(child->GetQualifiedName());
     }
     return names;
 }
 
-Basalt::Ref<Basalt::Xml::ElementNode> Child(const Basalt::Xml::ElementNode& element,
-                                            const std::string& localName) {
-    Basalt::Ref<Basalt::Xml::ElementNode> found;
-    int count = 0;
-    for (const auto& child : ChildElements(element)) {
-        if (child->GetLocalName() == localName) {
-            found = child;
-            ++count;
-        }
-    }
-    EXPECT_EQ(count, 1) << localName << " under " << element.GetQualifiedName();
-    return found;
-}
-
-Basalt::Ref<Basalt::Xml::ElementNode> Path(const Basalt::Xml::ElementNode& element,
-                                           const std::vector<std::string>& localNames) {
-    Basalt::Ref<Basalt::Xml::ElementNode> current(const_cast<Basalt::Xml::ElementNode*>(&element));
+Ref<ElementNode> Path(const ElementNode& element, const std::vector<std::string>& localNames) {
+    Ref<ElementNode> current(const_cast<ElementNode*>(&element));
     for (const std::string& name : localNames) {
-        current = Child(*current, name);
-        if (!current) {
-            ADD_FAILURE() << "no " << name;
-            return nullptr;
+        std::vector<Ref<ElementNode>> found;
+        for (const auto& child : Children(*current)) {
+            if (child->GetLocalName() == name) {
+                found.push_back(child);
+            }
         }
+        if (found.size() != 1) {
+            ADD_FAILURE() << found.size() << " " << name << " under " << current->GetLocalName();
+            throw std::logic_error("no single " + name);
+        }
+        current = found[0];
     }
     return current;
 }
 
-std::string Attribute(const Basalt::Xml::ElementNode& element, const std::string& name) {
+std::string Value(const ElementNode& element, std::vector<std::string> path) {
+    std::string attribute;
+    if (!path.empty() && path.back()[0] == '@') {
+        attribute = path.back().substr(1);
+        path.pop_back();
+    }
+    const Ref<ElementNode> target = Path(element, path);
     std::string value;
-    EXPECT_TRUE(element.GetAttribute(name, value)) << name << " on " << element.GetQualifiedName();
-    return value;
+    const bool found = attribute.empty() ? (value = target->GetTextContent(), true)
+                                         : target->GetAttribute(attribute, value);
+    return found ? value : "(no " + attribute + ")";
 }
 
-std::string Serialize(const Basalt::Xml::ElementNode& element) {
-    Basalt::Ref<Basalt::StringWriter> writer;
-    Basalt::CreateStringWriter(writer);
-    element.Serialize(writer.Get());
-    return writer->GetString();
+int64_t Span(const ElementNode& element, const std::vector<std::string>& path) {
+    const auto seconds = [&](const char* name) {
+        std::vector<std::string> to = path;
+        to.push_back(name);
+        return Basalt::System::DateTime(Value(element, to)).GetUtcTime() / 1000000;
+    };
+    return seconds("Expires") - seconds("Created");
 }
 
 }  // namespace RequestTest

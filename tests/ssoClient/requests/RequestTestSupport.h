@@ -10,16 +10,16 @@
 namespace RequestTest {
 
 // A token standing in for a parsed one: request construction reads only its XML, ID and type.
-class TextToken : public SsoClient::SamlToken {
+// Everything else is empty (no subject), which descriptions show as such.
+class TextToken final : public SsoClient::SamlToken {
   public:
     TextToken(std::string xml, std::string id, SsoClient::TokenType type)
         : m_xml(std::move(xml)), m_id(std::move(id)), m_type(type) {}
-    virtual ~TextToken() = default;
     const std::string& GetId() const override { return m_id; }
     const Basalt::System::DateTime& GetStartTime() const override { return m_time; }
     const Basalt::System::DateTime& GetExpirationTime() const override { return m_time; }
     Basalt::System::DateTime GetExpirationTimeWithTolerance() const override { return m_time; }
-    const SsoClient::PrincipalId* GetSubject() const override { return &m_subject; }
+    const SsoClient::PrincipalId* GetSubject() const override { return nullptr; }
     bool IsRenewable() const override { return false; }
     int32_t GetRenewCount() const override { return 0; }
     bool IsDelegable() const override { return false; }
@@ -38,27 +38,26 @@ class TextToken : public SsoClient::SamlToken {
     void GetUnsupportedInfo() const override {}
 
   private:
-    std::string m_xml;
-    std::string m_id;
+    std::string m_xml, m_id;
     SsoClient::TokenType m_type;
     Basalt::System::DateTime m_time;
-    SsoClient::PrincipalId m_subject;
 };
+
+// The holder-of-key assertion of tests/data/requests (with a comment that must travel verbatim).
+TextToken DataToken(SsoClient::TokenType type = SsoClient::Saml_HOK);
 
 // Parses text with the foundation's parser; the root element keeps the document alive.
 Basalt::Ref<Basalt::Xml::ElementNode> Parse(const std::string& text);
-// The element children of element, in order.
-std::vector<Basalt::Ref<Basalt::Xml::ElementNode>> ChildElements(
+std::vector<Basalt::Ref<Basalt::Xml::ElementNode>> Children(
     const Basalt::Xml::ElementNode& element);
-// "{namespace}local" of each child element, for comparing shapes in one assertion.
-std::vector<std::string> ChildNames(const Basalt::Xml::ElementNode& element);
-// The one child element with that local name; fails the test if there is not exactly one.
-Basalt::Ref<Basalt::Xml::ElementNode> Child(const Basalt::Xml::ElementNode& element,
-                                            const std::string& localName);
-// Follows a path of local names, e.g. {"Header", "Security", "Timestamp"}.
+// The qualified names of the element children, in order.
+std::vector<std::string> Names(const Basalt::Xml::ElementNode& element);
+// Follows a path of local names, each naming exactly one child (the test fails otherwise).
 Basalt::Ref<Basalt::Xml::ElementNode> Path(const Basalt::Xml::ElementNode& element,
                                            const std::vector<std::string>& localNames);
-std::string Attribute(const Basalt::Xml::ElementNode& element, const std::string& name);
-std::string Serialize(const Basalt::Xml::ElementNode& element);
+// The text at a path, or the attribute its last step names as "@name".
+std::string Value(const Basalt::Xml::ElementNode& element, std::vector<std::string> path);
+// Seconds from the path's Created to its Expires.
+int64_t Span(const Basalt::Xml::ElementNode& element, const std::vector<std::string>& path);
 
 }  // namespace RequestTest

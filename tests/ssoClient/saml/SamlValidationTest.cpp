@@ -1,10 +1,11 @@
-// Version, ID, validity window with clock tolerance, subject validity and delegation rules.
+// Version, ID, validity window with clock tolerance, subject validity and delegation rules, checked
+// against a fixed present so that every boundary is exact.
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
-#include <ssoClient/SamlTokenFactory.h>
 
 #include <climits>
 
+#include "internal/saml/SamlTokenImpl.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
 
@@ -13,170 +14,105 @@ namespace {
 using namespace SsoClient;
 using namespace TestSupport;
 
-struct ValidityCase {
-    const char* what;
-    AssertionSpec spec;
-    long tolerance;
-    std::string message;  // empty: accepted
-    bool prefixOnly = false;
-};
+const FixedClock kNow("2030-01-01T00:00:00Z");
 
-AssertionSpec With(void (*change)(AssertionSpec&)) {
+std::string At(int64_t offsetSec) {
+    const int64_t micros = kNow.Now().GetUtcTime() + offsetSec * 1000000;
+    return Basalt::System::DateTimeFromUtc(static_cast<long>(micros), false).ToString();
+}
+
+// Builds and verifies a token at kNow; an empty message means it is accepted.
+void Expect(const std::string& xml, long tolerance, const std::string& message) {
+    const auto build = [&] { SamlTokenImpl(xml, true, StsResolver().Get(), tolerance, kNow); };
+    if (message.empty()) {
+        EXPECT_NO_THROW(build()) << tolerance;
+    } else {
+        EXPECT_TRUE(Throws<ParseException>(build, message)) << tolerance;
+    }
+}
+
+AssertionSpec AtNow() {
     AssertionSpec spec;
-    change(spec);
+    spec.clock = &kNow;
     return spec;
 }
 
-TEST(SamlValidationTest, VersionIdTimesAndSubjectValidity) {
-    const ValidityCase cases[] = {
-        {"valid", {}, 600, ""},
-        {"version 2.00", With([](AssertionSpec& s) { s.version = "2.00"; }), 600,
-         "Invalid token version"},
-        {"version with a blank", With([](AssertionSpec& s) { s.version = " 2.0"; }), 600,
-         "Invalid token version"},
-        {"ID starting with a letter", With([](AssertionSpec& s) { s.id = "abc"; }), 600,
-         "Invalid token ID"},
-        {"ID starting with a digit", With([](AssertionSpec& s) { s.id = "1abc"; }), 600,
-         "Invalid token ID"},
-        {"ID with an underscore", With([](AssertionSpec& s) { s.id = "_abc"; }), 600, ""},
-        {"empty window, large tolerance", With([](AssertionSpec& s) {
-             s.notBeforeOffsetSec = 100;
-             s.notOnOrAfterOffsetSec = 100;
-         }),
-         1000000,
-         "Unsatisfiable token validity conditions: NotBefore must be less than NotOnOrAfter."},
-        {"starts 599 s ahead", With([](AssertionSpec& s) { s.notBeforeOffsetSec = 599; }), 600, ""},
-        {"starts 601 s ahead", With([](AssertionSpec& s) { s.notBeforeOffsetSec = 601; }), 600,
-         "Token start date is in the future: ", true},
-        {"starts 1 s ahead, no tolerance", With([](AssertionSpec& s) { s.notBeforeOffsetSec = 1; }),
-         0, "Token start date is in the future: ", true},
-        {"expired 599 s ago", With([](AssertionSpec& s) {
-             s.notBeforeOffsetSec = -3600;
-             s.notOnOrAfterOffsetSec = -599;
-         }),
-         600, ""},
-        {"expired exactly 600 s ago", With([](AssertionSpec& s) {
-             s.notBeforeOffsetSec = -3600;
-             s.notOnOrAfterOffsetSec = -600;
-         }),
-         600, "The token has expired at: ", true},
-        {"expired long ago, huge tolerance saturates", With([](AssertionSpec& s) {
-             s.notBeforeOffsetSec = -3600;
-             s.notOnOrAfterOffsetSec = -1800;
-         }),
-         LONG_MAX, ""},
-        {"negative tolerance narrows the window",
-         With([](AssertionSpec& s) { s.notBeforeOffsetSec = -5; }), -10,
-         "Token start date is in the future: ", true},
-        {"bearer confirmation ends 1 s early",
-         With([](AssertionSpec& s) { s.confirmationNotOnOrAfterOffsetSec = 3599; }), 600,
-         "Invalid token subject validity"},
-        {"bearer confirmation ends with the token",
-         With([](AssertionSpec& s) { s.confirmationNotOnOrAfterOffsetSec = 3600; }), 600, ""},
-        {"holder-of-key confirmation ends early", With([](AssertionSpec& s) {
-             s.holderOfKey = true;
-             s.confirmationNotOnOrAfterOffsetSec = 3599;
-         }),
-         600, ""},
-    };
-    for (const auto& c : cases) {
-        const std::string xml = MakeSignedAssertion(c.spec);
-        if (c.message.empty()) {
-            EXPECT_NO_THROW(CreateSamlToken(xml, StsResolver().Get(), c.tolerance)) << c.what;
-        } else {
-            EXPECT_TRUE(Throws<ParseException>(
-                [&] { CreateSamlToken(xml, StsResolver().Get(), c.tolerance); }, c.message,
-                c.prefixOnly))
-                << c.what;
-        }
-    }
-}
-
-TEST(SamlValidationTest, TimeMessagesShowTheInstant) {
-    AssertionSpec spec;
-    spec.notBeforeOffsetSec = 7200;
-    spec.notOnOrAfterOffsetSec = 9000;
-    const auto future = MakeSignedAssertion(spec);
-    try {
-        CreateSamlToken(future);
-        FAIL();
-    } catch (const ParseException& e) {
-        const std::string what = e.what();
-        const std::string prefix = "Token start date is in the future: ";
-        ASSERT_EQ(what.rfind(prefix, 0), 0u) << what;
-        // The instant in its full form, e.g. 2024-01-05T03:04:05.006000Z.
-        const Basalt::System::DateTime shown(what.substr(prefix.size()));
-        EXPECT_NEAR(shown.GetUtcTime() - Basalt::System::GetUtcDateTime().GetUtcTime(),
-                    7200 * 1000000LL, 5 * 1000000LL);
-    }
-}
-
-TEST(SamlValidationTest, EmptyIdIsRefused) {
-    AssertionSpec spec;
-    spec.id = "_placeholder";
-    const std::string xml = SignAssertion(
-        ReplaceOnce(BuildAssertionXml(spec), "ID=\"_placeholder\"", "ID=\"\""), std::string());
-    EXPECT_TRUE(Throws<ParseException>([&] { CreateSamlToken(xml, StsResolver().Get()); },
-                                       "Invalid token ID"));
-}
-
-TEST(SamlValidationTest, DelegationChainMustEndWithTheDelegateId) {
-    const std::vector<SamlDelegate> chain = {{"bob@example.test", -600},
-                                             {"carol@example.test", -300}};
-    struct Case {
-        const char* what;
-        AssertionSpec spec;
+TEST(SamlValidationTest, ValidityWindowWidenedByTheToleranceOnBothSides) {
+    const std::string future = "Token start date is in the future: ";
+    const std::string expired = "The token has expired at: ";
+    struct Window {
+        int64_t notBefore, notOnOrAfter;
+        long tolerance;
         std::string message;
     };
-    const Case cases[] = {
-        {"chain ending with the delegate id", With([](AssertionSpec& s) {
-             s.delegates = {{"bob@example.test", -600}, {"carol@example.test", -300}};
-         }),
+    const Window windows[] = {
+        {100, 100, LONG_MAX,
+         "Unsatisfiable token validity conditions: NotBefore must be less than NotOnOrAfter."},
+        {599, 3600, 600, ""},
+        {600, 3600, 600, ""},
+        {601, 3600, 600, future + At(601)},
+        {-5, 3600, -10, future + At(-5)},  // a negative tolerance narrows the window
+        {-3600, -599, 600, ""},
+        {-3600, -600, 600, expired + At(-600)},
+        {-3600, -1800, LONG_MAX, ""},             // saturates instead of overflowing
+        {-60, 3600, LONG_MIN, future + At(-60)},  // saturates the other way
+    };
+    for (const auto& w : windows) {
+        AssertionSpec spec = AtNow();
+        spec.notBeforeOffsetSec = w.notBefore;
+        spec.notOnOrAfterOffsetSec = w.notOnOrAfter;
+        Expect(MakeSignedAssertion(spec), w.tolerance, w.message);
+    }
+}
+
+TEST(SamlValidationTest, VersionIdSubjectValidityAndDelegation) {
+    const std::string mismatch =
+        "The SubjectConfirmation delegate id does not match the id of the last delegate";
+    const SamlDelegate bob{"bob@example.test"}, carol{"carol@example.test"};
+    const std::pair<std::function<void(AssertionSpec&)>, std::string> rules[] = {
+        {[](AssertionSpec&) {}, ""},
+        {[](AssertionSpec& s) { s.version = "2.00"; }, "Invalid token version"},
+        {[](AssertionSpec& s) { s.version = " 2.0"; }, "Invalid token version"},
+        {[](AssertionSpec& s) { s.id = "abc"; }, "Invalid token ID"},
+        {[](AssertionSpec& s) { s.confirmationNotOnOrAfterOffsetSec = 3599; },
+         "Invalid token subject validity"},
+        {[](AssertionSpec& s) { s.confirmationNotOnOrAfterOffsetSec = 3601; }, ""},
+        {[](AssertionSpec& s) { s.holderOfKey = true, s.confirmationNotOnOrAfterOffsetSec = 3599; },
          ""},
-        {"restriction without delegate id", With([](AssertionSpec& s) {
-             s.delegates = {{"bob@example.test", -600}};
-             s.omitDelegateId = true;
-         }),
+        {[&](AssertionSpec& s) {
+             s.delegates = {bob, carol};
+         },
+         ""},
+        {[&](AssertionSpec& s) { s.delegates = {bob}, s.omitDelegateId = true; },
          "Token has delegation restriction, but no delegate id is present in the "
          "SubjectConfirmation"},
-        {"delegate id without restriction",
-         With([](AssertionSpec& s) { s.delegateId = "bob@example.test"; }),
+        {[&](AssertionSpec& s) { s.delegateId = bob.upn; },
          "Token SubjectConfirmation contains delegate id, but no delegation restriction is "
          "present"},
-        {"delegate id naming the first delegate", With([](AssertionSpec& s) {
-             s.delegates = {{"bob@example.test", -600}, {"carol@example.test", -300}};
-             s.delegateId = "bob@example.test";
-         }),
-         "The SubjectConfirmation delegate id does not match the id of the last delegate"},
-        {"delegate id differing in case", With([](AssertionSpec& s) {
-             s.delegates = {{"bob@example.test", -600}};
-             s.delegateId = "Bob@example.test";
-         }),
-         "The SubjectConfirmation delegate id does not match the id of the last delegate"},
+        {[&](AssertionSpec& s) {
+             s.delegates = {bob, carol}, s.delegateId = bob.upn;
+         },
+         mismatch},
+        {[&](AssertionSpec& s) { s.delegates = {bob}, s.delegateId = "Bob@example.test"; },
+         mismatch},
     };
-    for (const auto& c : cases) {
-        const std::string xml = MakeSignedAssertion(c.spec);
-        if (c.message.empty()) {
-            EXPECT_NO_THROW(CreateSamlToken(xml, StsResolver().Get())) << c.what;
-        } else {
-            EXPECT_TRUE(Throws<ParseException>([&] { CreateSamlToken(xml, StsResolver().Get()); },
-                                               c.message))
-                << c.what;
-        }
+    for (const auto& [change, message] : rules) {
+        AssertionSpec spec = AtNow();
+        change(spec);
+        Expect(MakeSignedAssertion(spec), 600, message);
     }
 
-    // Same value, other Format: the delegate id is the first UPN NameID naming bob after the
-    // subject.
-    AssertionSpec spec;
-    spec.delegates = {{"bob@example.test", -600}};
-    const std::string xml = ReplaceOnce(
-        MakeSignedAssertion(spec),
-        "<saml2:NameID Format=\"http://schemas.xmlsoap.org/claims/UPN\">bob@example.test",
-        "<saml2:NameID Format=\"urn:oasis:names:tc:SAML:1.1:nameid-format:emailAddress\">"
-        "bob@example.test");
-    EXPECT_TRUE(Throws<ParseException>(
-        [&] { CreateSamlToken(xml); },
-        "The SubjectConfirmation delegate id does not match the id of the last delegate"));
+    // The same delegate id in another Format does not match either.
+    AssertionSpec delegated = AtNow();
+    delegated.delegates = {bob};
+    Expect(ReplaceOnce(MakeSignedAssertion(delegated), "UPN\">bob@", "emailAddress\">bob@"), 600,
+           mismatch);
+    // An empty ID, signed over the whole document.
+    AssertionSpec placeholder = AtNow();
+    placeholder.id = "_placeholder";
+    const std::string noId =
+        ReplaceOnce(BuildAssertionXml(placeholder), "ID=\"_placeholder\"", "ID=\"\"");
+    Expect(SignAssertion(noId, std::string()), 600, "Invalid token ID");
 }
 
 }  // namespace
