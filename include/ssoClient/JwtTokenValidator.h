@@ -52,9 +52,9 @@ namespace SsoClient {
 // groups split at their last "@"; start time nbf, or iat without nbf; the matched audience; a
 // person name from "preferred_username" split at its last space into given name and surname (both
 // left empty when it has no inner space); GetXml() the token text; GetUnsupportedInfo() returns
-// without effect (second is kept by the token); no delegation chain, advice, signature object or
-// holder-of-key certificate, and the collection getters for those leave the caller's container as
-// it was. It may outlive the validator.
+// second; no delegation chain, advice, signature object or holder-of-key certificate, and the
+// collection getters for those leave the caller's container as it was. It may outlive the
+// validator.
 SSOCLIENT_API void CreateJwtTokenValidator(
     const std::vector<std::string>& audiences,
     const std::list<std::shared_ptr<const std::string>>& signingKeys, int64_t clockToleranceSec,

@@ -50,8 +50,9 @@ class SSOCLIENT_API SamlToken {
     // The token's XML: the text it was created from byte for byte, or the canonical form of
     // the element it was created from.
     virtual const std::string& GetXml() const = 0;
-    // Not supported: aborts the process.
-    virtual void GetUnsupportedInfo() const = 0;
+    // A JWT token returns the second argument its validator was given; a SAML token does not
+    // support it and aborts the process.
+    virtual const std::string& GetUnsupportedInfo() const = 0;
 
   protected:
     SamlToken() = default;

@@ -175,7 +175,7 @@ void SamlTokenImpl::GetPersonName(PersonName& name) const {
     name.surname = m_surname;
 }
 
-void SamlTokenImpl::GetUnsupportedInfo() const {
+const std::string& SamlTokenImpl::GetUnsupportedInfo() const {
     Basalt::Panic("NOT_IMPLEMENTED %s:%d\n", "ssoClient/SamlTokenImpl", 94);
 }
 

@@ -47,9 +47,8 @@ class JwtTokenImpl final : public SamlToken {
     const std::string& GetIssuer() const override { return m_issuer; }
     Basalt::Xml::Security::Signature* GetSignature() const override { return nullptr; }
     const std::string& GetXml() const override { return m_jwt; }
-    // Unlike a SAML token's, returns normally; the second argument of Validate is GetContext().
-    void GetUnsupportedInfo() const override {}
-    const std::string& GetContext() const { return m_context; }
+    // Unlike a SAML token's, returns normally: the second argument of Validate.
+    const std::string& GetUnsupportedInfo() const override { return m_context; }
 
   private:
     void CheckClaims(const Basalt::Jwt::Decoder& decoder,

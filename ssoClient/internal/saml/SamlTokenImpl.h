@@ -59,7 +59,7 @@ class SamlTokenImpl final : public SamlToken {
     const std::string& GetIssuer() const override { return m_issuer; }
     Basalt::Xml::Security::Signature* GetSignature() const override { return m_signature.Get(); }
     const std::string& GetXml() const override { return m_xml; }
-    [[noreturn]] void GetUnsupportedInfo() const override;
+    [[noreturn]] const std::string& GetUnsupportedInfo() const override;
 
   private:
     void Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion, bool verify,

@@ -35,7 +35,7 @@ class TextToken final : public SsoClient::SamlToken {
     const std::string& GetIssuer() const override { return m_id; }
     Basalt::Xml::Security::Signature* GetSignature() const override { return nullptr; }
     const std::string& GetXml() const override { return m_xml; }
-    void GetUnsupportedInfo() const override {}
+    const std::string& GetUnsupportedInfo() const override { return m_xml; }
 
   private:
     std::string m_xml, m_id;

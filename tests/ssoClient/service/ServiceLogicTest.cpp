@@ -514,7 +514,7 @@ class CountingToken : public SamlToken {
     FORWARD(const std::string&, GetIssuer)
     FORWARD(Basalt::Xml::Security::Signature*, GetSignature)
     FORWARD(const std::string&, GetXml)
-    FORWARD(void, GetUnsupportedInfo)
+    FORWARD(const std::string&, GetUnsupportedInfo)
     FORWARD_OUT(PersonName, GetPersonName)
     FORWARD_OUT(std::vector<Delegate>, GetDelegationChain)
     FORWARD_OUT(std::set<std::string>, GetAudience)
