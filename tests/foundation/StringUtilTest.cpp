@@ -100,26 +100,19 @@ TEST(StringUtilTest, UuidsWipingAndCase) {
 
 TEST(StringIoTest, ReaderOwnsItsCopyAndWriterHandsOver) {
     Basalt::Ref<Basalt::StringReader> reader;
-    {
-        std::string text = "hello, world";
-        Basalt::CreateStringReader(text, reader);
-        text.assign(text.size(), 'x');
-    }
+    std::string text = "hello, world";
+    Basalt::CreateStringReader(text, reader);
+    text.assign(text.size(), 'x');
     char buffer[5];
     std::string read;
     for (size_t n; (n = reader->Read(buffer, sizeof buffer)) > 0;) {
         read.append(buffer, n);
     }
-    EXPECT_EQ(read, "hello, world");
-    EXPECT_EQ(reader->Remaining(), 0u);
+    EXPECT_EQ(read + std::to_string(reader->Remaining()), "hello, world0");
     Basalt::Ref<Basalt::StringWriter> writer;
     Basalt::CreateStringWriter(writer);
-    Basalt::Writer* sink = writer.Get();
-    sink->Write("ab");
-    sink->Write(std::string("c\0d", 3));
-    EXPECT_EQ(writer->GetString(), std::string("abc\0d", 5));
-    EXPECT_EQ(writer->TakeString(), std::string("abc\0d", 5));
-    EXPECT_EQ(writer->GetString(), "");
+    static_cast<Basalt::Writer*>(writer.Get())->Write(std::string("c\0d", 3));
+    EXPECT_EQ(writer->TakeString() + "|" + writer->GetString(), std::string("c\0d|", 4));
 }
 
 }  // namespace

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "foundation/XmlSignatureTestUtil.h"
 #include "support/ExpectThrow.h"
@@ -18,31 +15,8 @@ const char kStsCert[] = "certs/sts-rsa.pem";
 const std::string kDsig = "http://www.w3.org/2000/09/xmldsig#";
 const std::string kMore = "http://www.w3.org/2001/04/xmldsig-more#";
 
-using Select = std::function<Ref<ElementNode>(const Ref<ElementNode>&)>;
 const Select kFirst = [](const Ref<ElementNode>& root) { return ChildElements(*root).at(0); };
 const Select kSecond = [](const Ref<ElementNode>& root) { return ChildElements(*root).at(1); };
-
-// What reading and verifying the signature of the element that select picks (the root by
-// default) does: "verified", "rejected", or the class and message of the failure.
-std::string Check(const std::string& text, const KeyInfoResolver* resolver,
-                  const Select& select = nullptr) {
-    Ref<ElementNode> root = ParseRoot(text);
-    Ref<ElementNode> signedElement = select ? select(root) : root, signatureElement;
-    for (const auto& child : ChildElements(*signedElement)) {
-        if (!signatureElement && child->GetLocalName().rfind("Signatur", 0) == 0) {
-            signatureElement = child;
-        }
-    }
-    try {
-        Ref<Signature> signature;
-        CreateSignatureFromDom(signedElement.Get(), signatureElement.Get(), signature);
-        return signature->Verify(resolver) ? "verified" : "rejected";
-    } catch (const SignatureSyntaxException& e) {
-        return std::string("syntax: ") + e.what();
-    } catch (const XmlSecurityException& e) {
-        return std::string("security: ") + e.what();
-    }
-}
 
 // The "<ds:Signature ...</ds:Signature>" part of a serialised signed element.
 std::string SignaturePart(const std::string& text) {
@@ -61,20 +35,11 @@ std::string XmlSignatureTest::s_signed;
 
 }  // namespace
 
-TEST_F(XmlSignatureTest, SignedAssertionVerifiesAndListsItsReferences) {
+TEST_F(XmlSignatureTest, OnlyTrustedKeysVerifyAgainAndAfterAMove) {
     Ref<ElementNode> root = ParseRoot(s_signed);
     Ref<Signature> signature;
     CreateSignatureFromDom(root.Get(), root->FindChildElement(kDsigNs, "Signature").Get(),
                            signature);
-    std::vector<SignatureReference> references;
-    signature->GetReferences(references);
-    ASSERT_EQ(1u, references.size());
-    EXPECT_EQ(
-        (std::vector<std::string>{kExcC14n, kRsaSha256, "#_a1", kSha256, kEnveloped, kExcC14n}),
-        (std::vector<std::string>{signature->GetCanonicalizationMethod(),
-                                  signature->GetSignatureMethod(), references[0].uri,
-                                  references[0].digestMethod, references[0].transforms.at(0),
-                                  references[0].transforms.at(1)}));
     EXPECT_TRUE(signature->Verify(m_trusted.Get()));
     EXPECT_TRUE(signature->Verify(m_trusted.Get()));  // repeatable: nothing left behind
     // The signature still verifies after the assertion moved into another document.
@@ -275,20 +240,4 @@ TEST_F(XmlSignatureTest, SigningRefusesWhatVerificationWould) {
             EXPECT_TRUE(TestSupport::Throws<XmlSecurityException>(action, message));
         }
     }
-}
-
-TEST_F(XmlSignatureTest, IndependentDocumentsVerifyConcurrentlyWithOneResolver) {
-    std::atomic<int> verified{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 5; ++i) {
-                verified += Check(s_signed, m_trusted.Get()) == "verified";
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(20, verified.load());
 }

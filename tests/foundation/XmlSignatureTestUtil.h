@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -78,13 +79,28 @@ inline std::string SignAssertion(const std::string& keyPath, const std::string& 
     return Serialize(*root);
 }
 
-// Reads the ds:Signature child of the root and verifies it with resolver.
-inline bool VerifyText(const std::string& text, const KeyInfoResolver* resolver) {
-    auto root = ParseRoot(text);
-    Ref<Signature> signature;
-    CreateSignatureFromDom(root.Get(), root->FindChildElement(kDsigNs, "Signature").Get(),
-                           signature);
-    return signature->Verify(resolver);
+using Select = std::function<Ref<ElementNode>(const Ref<ElementNode>&)>;
+
+// What reading and verifying the signature of the element that select picks (the root by
+// default) does: "verified", "rejected", or the class and message of the failure.
+inline std::string Check(const std::string& text, const KeyInfoResolver* resolver,
+                         const Select& select = nullptr) {
+    Ref<ElementNode> root = ParseRoot(text);
+    Ref<ElementNode> signedElement = select ? select(root) : root, signatureElement;
+    for (const auto& child : ChildElements(*signedElement)) {
+        if (!signatureElement && child->GetLocalName().rfind("Signatur", 0) == 0) {
+            signatureElement = child;
+        }
+    }
+    try {
+        Ref<Signature> signature;
+        CreateSignatureFromDom(signedElement.Get(), signatureElement.Get(), signature);
+        return signature->Verify(resolver) ? "verified" : "rejected";
+    } catch (const SignatureSyntaxException& e) {
+        return std::string("syntax: ") + e.what();
+    } catch (const XmlSecurityException& e) {
+        return std::string("security: ") + e.what();
+    }
 }
 
 // text with the first occurrence of from replaced by to (which must be there).
