@@ -3,7 +3,6 @@
 // token (heap_bytes_per_token).
 #include <benchmark/benchmark.h>
 #include <libxml/parser.h>
-#include <malloc.h>
 #include <xmlsec/crypto.h>
 #include <xmlsec/keys.h>
 #include <xmlsec/xmldsig.h>
@@ -20,6 +19,7 @@
 #include <ssoClient/Description.h>
 #include <ssoClient/SamlTokenFactory.h>
 
+#include "HeapPerToken.h"
 #include "TestData.h"
 #include "internal/saml/SamlNames.h"
 #include "support/SamlAssertionGenerator.h"
@@ -143,24 +143,11 @@ void BM_RawLibxml2XmlsecParseAndVerify(benchmark::State& state) {
 }
 BENCHMARK(BM_RawLibxml2XmlsecParseAndVerify)->Arg(0)->Arg(1);
 
-// Heap held by live tokens: allocate a batch, keep it, and divide the growth of the heap.
+// Heap held by one live token.
 void BM_HeapBytesPerToken(benchmark::State& state) {
     const std::string& xml = TypicalToken();
     const auto resolver = StsResolver();
-    constexpr int kBatch = 200;
-    double perToken = 0;
-    for (auto _ : state) {
-        std::vector<std::shared_ptr<const SsoClient::SamlToken>> tokens;
-        tokens.reserve(kBatch);
-        malloc_trim(0);
-        const size_t before = mallinfo2().uordblks;
-        for (int i = 0; i < kBatch; ++i) {
-            tokens.push_back(SsoClient::CreateSamlToken(xml, resolver.Get()));
-        }
-        const size_t after = mallinfo2().uordblks;
-        perToken = static_cast<double>(after - before) / kBatch;
-    }
-    state.counters["heap_bytes_per_token"] = perToken;
+    MeasureHeapPerObject(state, [&] { return SsoClient::CreateSamlToken(xml, resolver.Get()); });
 }
 BENCHMARK(BM_HeapBytesPerToken)->Iterations(3);
 
