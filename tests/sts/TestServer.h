@@ -11,7 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -51,8 +50,8 @@ class TestServer {
         posix_spawn_file_actions_destroy(&actions);
         close(in[0]);
         close(out[1]);
-        m_in = fdopen(in[1], "w");
-        m_out = fdopen(out[0], "r");
+        m_in = in[1];
+        m_out = out[0];
         const std::string ready = ReadLine();
         if (ready.compare(0, 6, "READY ") != 0) {
             Stop();
@@ -62,7 +61,6 @@ class TestServer {
     }
     ~TestServer() { Stop(); }
     TestServer(const TestServer&) = delete;
-    TestServer& operator=(const TestServer&) = delete;
 
     int Port() const { return m_port; }
     std::string Url(const std::string& path) const {
@@ -71,9 +69,8 @@ class TestServer {
 
     // Sends one command and returns the one-line answer.
     std::string Command(const std::string& line) {
-        std::fputs((line + "\n").c_str(), m_in);
-        std::fflush(m_in);
-        return ReadLine();
+        const std::string text = line + "\n";
+        return write(m_in, text.data(), text.size()) < 0 ? "(write failed)" : ReadLine();
     }
 
     // The counters: connections, handshakes, resumed (TLS sessions), requests.
@@ -90,15 +87,15 @@ class TestServer {
   private:
     std::string ReadLine() {
         std::string line;
-        for (int c = 0; (c = std::fgetc(m_out)) != EOF && c != '\n';) {
-            line.push_back(static_cast<char>(c));
+        for (char c = 0; read(m_out, &c, 1) == 1 && c != '\n';) {
+            line.push_back(c);
         }
         return line.empty() ? "(no output)" : line;
     }
 
     void Stop() {
-        std::fclose(m_in);  // end of input: the server exits
-        std::fclose(m_out);
+        close(m_in);  // end of input: the server exits
+        close(m_out);
         if (m_pid > 0) {
             waitpid(m_pid, nullptr, 0);
         }
@@ -106,8 +103,8 @@ class TestServer {
 
     const std::string m_base;
     pid_t m_pid = -1;
-    FILE* m_in = nullptr;
-    FILE* m_out = nullptr;
+    int m_in = -1;
+    int m_out = -1;
     int m_port = 0;
 };
 

