@@ -1,7 +1,6 @@
 #!/usr/bin/python3
 """Loopback WS-Trust test STS (see README.md, "Loopback test STS"): wstrust_sts.py [--workers N]."""
 
-import argparse
 import base64
 import datetime
 import hashlib
@@ -9,6 +8,7 @@ import json
 import os
 import secrets
 import ssl
+import sys
 import threading
 import time
 import types
@@ -438,10 +438,8 @@ def revoke(assertion_id):
 
 
 if __name__ == "__main__":
-    parser = argparse.ArgumentParser()
     # Throughput runs only: each process keeps its own issued tokens and GSS contexts.
-    parser.add_argument("--workers", type=int, default=1)
-    workers = parser.parse_args().workers
+    workers = int(sys.argv[2]) if sys.argv[1:2] == ["--workers"] else 1
     server = loopback.LoopbackServer(loopback.make_tls_context(
         os.path.join(DATA, "server.pem"), os.path.join(DATA, "server.key")), {None: handle})
     server.socket.setblocking(False)  # processes sharing the port may lose the race to accept
