@@ -11,8 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -21,21 +21,22 @@ extern char** environ;
 
 namespace TestSts {
 
-class PythonServer {
+// The plain HTTP/TLS server (serve.py), args e.g. {"--tls", "server"}.
+class TestServer {
   public:
-    // base: scheme and host of Url().
-    PythonServer(const std::string& script, std::vector<std::string> args, std::string base)
-        : m_base(std::move(base)) {
-        int toChild[2] = {-1, -1};
-        int fromChild[2] = {-1, -1};
+    explicit TestServer(std::vector<std::string> args = {}, const std::string& script = "serve.py")
+        : m_base(script != "serve.py"                  ? "https://localhost"
+                 : !args.empty() && args[0] == "--tls" ? "https://127.0.0.1"
+                                                       : "http://127.0.0.1") {
+        int in[2], out[2];
         // Close-on-exec, so no server started later inherits our pipes and keeps this one alive.
-        if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0) {
+        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
             throw std::runtime_error("pipe failed");
         }
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, toChild[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, fromChild[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
         args.insert(args.begin(),
                     {"/usr/bin/python3", SSOCLIENT_TEST_DATA_DIR "/../sts/" + script});
         std::vector<char*> argv;
@@ -47,10 +48,10 @@ class PythonServer {
             m_pid = -1;  // the READY line below then never comes
         }
         posix_spawn_file_actions_destroy(&actions);
-        close(toChild[0]);
-        close(fromChild[1]);
-        m_in = fdopen(toChild[1], "w");
-        m_out = fdopen(fromChild[0], "r");
+        close(in[0]);
+        close(out[1]);
+        m_in = in[1];
+        m_out = out[0];
         const std::string ready = ReadLine();
         if (ready.compare(0, 6, "READY ") != 0) {
             Stop();
@@ -58,9 +59,8 @@ class PythonServer {
         }
         m_port = std::stoi(ready.substr(6));
     }
-    ~PythonServer() { Stop(); }
-    PythonServer(const PythonServer&) = delete;
-    PythonServer& operator=(const PythonServer&) = delete;
+    ~TestServer() { Stop(); }
+    TestServer(const TestServer&) = delete;
 
     int Port() const { return m_port; }
     std::string Url(const std::string& path) const {
@@ -69,19 +69,17 @@ class PythonServer {
 
     // Sends one command and returns the one-line answer.
     std::string Command(const std::string& line) {
-        std::fputs((line + "\n").c_str(), m_in);
-        std::fflush(m_in);
-        return ReadLine();
+        const std::string text = line + "\n";
+        return write(m_in, text.data(), text.size()) < 0 ? "(write failed)" : ReadLine();
     }
 
     // The counters: connections, handshakes, resumed (TLS sessions), requests.
     std::map<std::string, int> Stats() {
         std::map<std::string, int> stats;
-        const std::string line = Command("stats");
-        for (const std::string name : {"connections", "handshakes", "resumed", "requests"}) {
-            const size_t at = line.find("\"" + name + "\": ");
-            stats[name] =
-                at == std::string::npos ? -1 : std::stoi(line.substr(at + name.size() + 4));
+        std::istringstream line(Command("stats"));
+        std::string name;
+        for (int value = 0; line >> name >> value;) {
+            stats[name] = value;
         }
         return stats;
     }
@@ -89,41 +87,33 @@ class PythonServer {
   private:
     std::string ReadLine() {
         std::string line;
-        for (int c = 0; (c = std::fgetc(m_out)) != EOF && c != '\n';) {
-            line.push_back(static_cast<char>(c));
+        for (char c = 0; read(m_out, &c, 1) == 1 && c != '\n';) {
+            line.push_back(c);
         }
         return line.empty() ? "(no output)" : line;
     }
 
     void Stop() {
-        std::fclose(m_in);  // end of input: the server exits
-        std::fclose(m_out);
+        close(m_in);  // end of input: the server exits
+        close(m_out);
         if (m_pid > 0) {
             waitpid(m_pid, nullptr, 0);
         }
     }
 
-    std::string m_base;
+    const std::string m_base;
     pid_t m_pid = -1;
-    FILE* m_in = nullptr;
-    FILE* m_out = nullptr;
+    int m_in = -1;
+    int m_out = -1;
     int m_port = 0;
 };
 
-// The plain HTTP/TLS server (serve.py), args e.g. {"--tls", "server"}.
-struct TestServer : PythonServer {
-    explicit TestServer(const std::vector<std::string>& args = {})
-        : PythonServer(
-              "serve.py", args,
-              !args.empty() && args[0] == "--tls" ? "https://127.0.0.1" : "http://127.0.0.1") {}
-};
-
 // The WS-Trust STS (wstrust_sts.py); it also answers "revoke <assertion ID>".
-struct WsTrustSts : PythonServer {
+struct WsTrustSts : TestServer {
     explicit WsTrustSts(const std::vector<std::string>& args = {})
-        : PythonServer("wstrust_sts.py", args, "https://localhost") {}
+        : TestServer(args, "wstrust_sts.py") {}
     std::string Url(const std::string& path = "/sts/STSService") const {
-        return PythonServer::Url(path);
+        return TestServer::Url(path);
     }
 };
 
@@ -132,12 +122,10 @@ struct WsTrustSts : PythonServer {
 class RefusedPort {
   public:
     RefusedPort() : m_socket(socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t size = sizeof address;
-        if (m_socket < 0 || bind(m_socket, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-            getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        auto* generic = reinterpret_cast<sockaddr*>(&address);
+        if (bind(m_socket, generic, size) != 0 || getsockname(m_socket, generic, &size) != 0) {
             throw std::runtime_error("cannot reserve a port");
         }
         m_port = ntohs(address.sin_port);
@@ -148,7 +136,7 @@ class RefusedPort {
     int Port() const { return m_port; }
 
   private:
-    int m_socket;
+    const int m_socket;
     int m_port = 0;
 };
 

@@ -1,7 +1,6 @@
 """HTTP/TLS plumbing of the loopback test servers (see README.md, "Loopback HTTP test server")."""
 
 import http.server
-import json
 import os
 import socket
 import socketserver
@@ -10,8 +9,6 @@ import struct
 import sys
 import threading
 import urllib.parse
-
-COUNTERS = ("connections", "handshakes", "resumed", "requests")
 
 
 class Request:
@@ -27,18 +24,21 @@ class Response:
         self.body = body if isinstance(body, bytes) else body.encode()
 
 
-class Counters:
+class Counters(dict):
+    """connections, handshakes, resumed (TLS sessions) and requests."""
+
     def __init__(self):
+        super().__init__()
         self._lock = threading.Lock()
         self.reset()
 
     def reset(self):
-        with self._lock:
-            self.values = dict.fromkeys(COUNTERS, 0)
+        self.update(dict.fromkeys(("connections", "handshakes", "resumed", "requests"), 0))
+        return "OK"
 
     def add(self, name):
         with self._lock:
-            self.values[name] += 1
+            self[name] += 1
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):
@@ -50,7 +50,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
     def _dispatch(self):
         self.server.counters.add("requests")
         length = int(self.headers.get("Content-Length") or 0)
-        request = Request(self, self.rfile.read(length) if length else b"")
+        request = Request(self, self.rfile.read(length))
         fault = FAULTS.get(request.path)
         if fault:
             self.close_connection = True
@@ -85,10 +85,7 @@ class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
     def __init__(self, tls_context=None, routes=None):
         super().__init__(("127.0.0.1", 0), _Handler)
         self.tls_context, self.routes, self.counters = tls_context, routes or {}, Counters()
-
-    @property
-    def port(self):
-        return self.server_address[1]
+        self.port = self.server_address[1]
 
     def finish_request(self, request, client_address):
         # On the connection's own thread, so a slow or refused handshake blocks nobody.
@@ -139,15 +136,15 @@ def make_tls_context(cert, key, client_ca=None, max_version=None):
 
 
 def run(server, commands=None):
-    """Serves in the background, prints "READY <port>", then answers one command per stdin line;
-    end of input ends the process at once (hung handlers included)."""
+    """Serves in the background, prints "READY <port>", then answers one command per stdin line
+    ("stats" as "name value ..." pairs); end of input ends the process at once (hung handlers
+    included)."""
     threading.Thread(target=server.serve_forever, daemon=True).start()
     print("READY %d" % server.port, flush=True)
-    commands = dict(commands or {}, stats=lambda: json.dumps(server.counters.values),
-                    reset=lambda: server.counters.reset() or "OK")
+    commands = dict(commands or {}, reset=server.counters.reset,
+                    stats=lambda: " ".join("%s %d" % item for item in server.counters.items()))
     for line in sys.stdin:
         words = line.split()
         if words and words[0] in commands:
             print(commands[words[0]](*words[1:]), flush=True)
-    sys.stdout.flush()
     os._exit(0)

@@ -12,8 +12,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "internal/transport/Transport.h"
@@ -43,20 +43,10 @@ class FakeTransport : public SsoClient::Transport,
         Basalt::CreateStringReader(m_responder(request), reply);
         return reply;
     }
-    // Like the HTTP thread, another thread runs the completion, with the failure or the body.
-    // Done before it returns, so there is nothing to cancel: no pending item.
+    // The service runs its asynchronous calls on the thread pool over SendAndWait.
     Basalt::Ref<Basalt::Http::PendingRequestItem> SendAsync(
-        const SsoClient::SoapRequest& request, SsoClient::TransportCompletion completion) override {
-        std::thread([&] {
-            Basalt::Ref<Basalt::Reader> body;
-            try {
-                body = SendAndWait(request);
-            } catch (const Basalt::Exception& e) {
-                return completion(&e, nullptr);
-            }
-            completion(nullptr, body.Get());
-        }).join();
-        return nullptr;
+        const SsoClient::SoapRequest&, SsoClient::TransportCompletion) override {
+        throw std::logic_error("not used by the service");
     }
     std::vector<SsoClient::SoapRequest> Requests() const {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -93,44 +83,38 @@ inline std::string SoapFault(const std::string& code, const std::string& faultSt
                         faultString + "</faultstring></soapenv:Fault>");
 }
 
-inline std::string TokenResponse(const std::string& assertion) {
-    return "<wst:RequestSecurityTokenResponse><wst:RequestedSecurityToken>" + assertion +
-           "</wst:RequestedSecurityToken></wst:RequestSecurityTokenResponse>";
+// <wst:name>inner</wst:name>; nothing if inner is empty.
+inline std::string Wst(const std::string& name, const std::string& inner) {
+    return inner.empty() ? "" : "<wst:" + name + ">" + inner + "</wst:" + name + ">";
 }
 
-inline std::string RenewReply(const std::string& assertion) {
-    return SoapEnvelope(TokenResponse(assertion));
+// A RequestSecurityTokenResponse around inner, in a collection if asked.
+inline std::string TokenReply(const std::string& inner, bool collection = true,
+                              const std::string& context = "") {
+    const std::string response = "<wst:RequestSecurityTokenResponse" +
+                                 (context.empty() ? "" : " Context=\"" + context + "\"") + ">" +
+                                 inner + "</wst:RequestSecurityTokenResponse>";
+    return SoapEnvelope(collection ? Wst("RequestSecurityTokenResponseCollection", response)
+                                   : response);
 }
 
-inline std::string IssueReply(const std::string& assertion) {
-    return SoapEnvelope("<wst:RequestSecurityTokenResponseCollection>" + TokenResponse(assertion) +
-                        "</wst:RequestSecurityTokenResponseCollection>");
+inline std::string IssueReply(const std::string& assertion, bool collection = true) {
+    return TokenReply(Wst("RequestedSecurityToken", assertion), collection);
 }
 
 inline std::string ValidateReply(const std::string& statusCode) {
-    return SoapEnvelope("<wst:RequestSecurityTokenResponse><wst:Status><wst:Code>" + statusCode +
-                        "</wst:Code></wst:Status></wst:RequestSecurityTokenResponse>");
+    return TokenReply(Wst("Status", Wst("Code", statusCode)), false);
 }
 
-// One SPNego leg: the context (none if empty), the server's leg (none if empty) and the issued
-// assertion (none if empty).
+// One SPNego leg: the context, the server's leg and the issued assertion (each none if empty).
 inline std::string NegotiationReply(const std::string& context, const std::string& leg,
                                     const std::string& assertion = "") {
-    std::string inner;
-    if (!leg.empty()) {
-        inner += "<wst:BinaryExchange>" + Basalt::StringUtil::Base64Encode(leg.data(), leg.size()) +
-                 "</wst:BinaryExchange>";
-    }
-    if (!assertion.empty()) {
-        inner +=
-            "<wst:TokenType>urn:oasis:names:tc:SAML:2.0:assertion</wst:TokenType>"
-            "<wst:RequestedSecurityToken>" +
-            assertion + "</wst:RequestedSecurityToken>";
-    }
-    return SoapEnvelope(
-        "<wst:RequestSecurityTokenResponseCollection><wst:RequestSecurityTokenResponse" +
-        (context.empty() ? "" : " Context=\"" + context + "\"") + ">" + inner +
-        "</wst:RequestSecurityTokenResponse></wst:RequestSecurityTokenResponseCollection>");
+    const std::string token = Wst("TokenType", "urn:oasis:names:tc:SAML:2.0:assertion") +
+                              Wst("RequestedSecurityToken", assertion);
+    return TokenReply(
+        Wst("BinaryExchange", Basalt::StringUtil::Base64Encode(leg.data(), leg.size())) +
+            (assertion.empty() ? "" : token),
+        true, context);
 }
 
 }  // namespace TestSupport

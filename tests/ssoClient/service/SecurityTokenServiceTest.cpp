@@ -1,29 +1,102 @@
 // The paths a user runs, end to end against the loopback test STS (an independent implementation
 // in Python, lxml and xmlsec): its tokens parse and verify here, our requests verify there.
+#include <basalt/Crypto.h>
+#include <basalt/Http.h>
+#include <basalt/Ssl.h>
+#include <basalt/StringUtil.h>
 #include <gtest/gtest.h>
+#include <ssoClient/ConnectionSpec.h>
 #include <ssoClient/Exceptions.h>
+#include <ssoClient/SecurityTokenService.h>
 
-#include "ServiceTestSupport.h"
+#include <future>
+#include <sstream>
+
 #include "TestData.h"
+#include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
+#include "support/TestCredentials.h"
 
 namespace {
 
 using namespace SsoClient;
-using namespace ServiceTest;
 
-class SecurityTokenServiceTest : public StsFixture {
-  protected:
-    void SetUp() override { s_sts->Command("reset"); }
-
-    static std::shared_ptr<SecurityTokenService> Service(bool withHolderOfKey = true) {
-        return MakeService(*s_trust, s_sts->Url(), withHolderOfKey);
+// The STS's TLS and token-signing trust, and the client's holder-of-key identity.
+struct StsTrust {
+    explicit StsTrust(const std::string& tlsCa = "sts/ca.pem") {
+        Basalt::Ssl::SSLContextOptions options;
+        options.trustedCaPem = TestData::Read(tlsCa);
+        Basalt::Ssl::CreateSSLContext(options, sslContext);
+        std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
+        Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
+        Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
     }
+    Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
+    Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
+    HolderOfKeyConfig client = TestSupport::LoadHolderOfKey("sts/client.pem", "sts/client.key");
 };
+
+TokenSpec Spec(int64_t lifetimeSeconds = 600) {
+    TokenSpec spec;
+    spec.tokenLifetimeSec = lifetimeSeconds;
+    return spec;
+}
 
 int64_t LifetimeSeconds(const SamlToken& token) {
     return (token.GetExpirationTime().GetUtcTime() - token.GetStartTime().GetUtcTime()) / 1000000;
 }
+
+// The test GSS mechanism of the STS: "HELLO <upn> [rounds]", then answers to its challenges.
+class TestGssHandler : public NegotiationHandler {
+  public:
+    TestGssHandler(std::string upn, std::string password, int rounds = 1)
+        : m_hello("HELLO " + upn + " " + std::to_string(rounds)), m_password(std::move(password)) {}
+    std::shared_ptr<std::vector<unsigned char>> NextLeg(
+        const std::vector<unsigned char>& serverLeg) override {
+        const bool first = serverLegs.empty();
+        serverLegs.emplace_back(serverLeg.begin(), serverLeg.end());
+        std::istringstream words(serverLegs.back());
+        std::string kind, round, nonce;
+        words >> kind >> round >> nonce;
+        const std::string proof = nonce + ":" + m_password;
+        const std::string leg =
+            first ? m_hello
+            : kind != "CHALLENGE"
+                ? ""  // after WELCOME there is nothing more to say
+                : "RESPONSE " + round + " " +
+                      Basalt::StringUtil::ToHex(Basalt::Crypto::Digest(
+                          Basalt::Crypto::DigestAlgorithm::Sha256, proof.data(), proof.size()));
+        return std::make_shared<std::vector<unsigned char>>(leg.begin(), leg.end());
+    }
+    std::vector<std::string> serverLegs;  // every leg the service sent, as text
+
+  private:
+    const std::string m_hello;
+    const std::string m_password;
+};
+
+class SecurityTokenServiceTest : public ::testing::Test {
+  protected:
+    // A service for the STS with this trust (and the client identity if withHolderOfKey).
+    std::shared_ptr<SecurityTokenService> Service(bool withHolderOfKey = true,
+                                                  const StsTrust& trust = Trust()) {
+        SecurityTokenServiceConfig config;
+        config.url = m_sts.Url();
+        config.keyInfoResolver = trust.resolver;
+        config.tokenFactory = CreateSamlTokenFactory(trust.resolver.Get());
+        config.sslContext = trust.sslContext.Get();
+        if (withHolderOfKey) {
+            config.holderOfKey = trust.client;
+        }
+        return CreateSecurityTokenService(config);
+    }
+    static const StsTrust& Trust() {
+        static const StsTrust trust;
+        return trust;
+    }
+
+    TestSts::WsTrustSts m_sts;
+};
 
 TEST_F(SecurityTokenServiceTest, PasswordTokenCarriesWhatWasAskedFor) {
     TokenSpec spec = Spec(1200);
@@ -53,9 +126,8 @@ TEST_F(SecurityTokenServiceTest, PasswordTokenCarriesWhatWasAskedFor) {
               (std::vector<PrincipalId>{{"Users", "example.test"}, {"Readers", "example.test"}}));
     PersonName name;
     token->GetPersonName(name);
-    EXPECT_EQ(name.givenName, "Alice");
-    EXPECT_EQ(name.surname, "Liddell");
-    EXPECT_EQ(s_sts->Stats()["requests"], 1);
+    EXPECT_EQ(name.givenName + " " + name.surname, "Alice Liddell");
+    EXPECT_EQ(m_sts.Stats()["requests"], 1);
 }
 
 TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
@@ -69,7 +141,7 @@ TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
     EXPECT_EQ(byCertificate->GetSubject()->name, "client-solution");
     EXPECT_TRUE(byCertificate->IsSolution());
     ASSERT_NE(byCertificate->GetHolderOfKeyCertificate(), nullptr);
-    EXPECT_TRUE(byCertificate->GetHolderOfKeyCertificate()->Equals(*s_trust->client.certificate));
+    EXPECT_TRUE(byCertificate->GetHolderOfKeyCertificate()->Equals(*Trust().client.certificate));
 
     auto byToken = service->AcquireTokenByToken(*byCertificate, Spec(300));
     ASSERT_TRUE(byToken);
@@ -82,20 +154,28 @@ TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
     EXPECT_EQ(LifetimeSeconds(*renewed), 1800);
 
     EXPECT_TRUE(service->ValidateToken(*renewed));
-    EXPECT_EQ(s_sts->Command("revoke " + renewed->GetId()), "OK");
+    EXPECT_EQ(m_sts.Command("revoke " + renewed->GetId()), "OK");
     EXPECT_FALSE(service->ValidateToken(*renewed));
+
+    // Asynchronously too, through the thread pool and the real transport.
+    std::promise<std::shared_ptr<const SamlToken>> delivered;
+    service->AcquireTokenByCertificateAsync(
+        Spec(), [&](const std::shared_ptr<const SamlToken>& token, const Basalt::Exception* error) {
+            delivered.set_value(error ? nullptr : token);
+        });
+    auto async = delivered.get_future().get();
+    ASSERT_TRUE(async);
+    EXPECT_EQ(async->GetSubject()->name, "client-solution");
 }
 
 // A signed password request carrying another token as ActAs: the STS must find both the request
 // signature and the embedded token's signature intact.
 TEST_F(SecurityTokenServiceTest, ActingForAnotherExtendsTheDelegationChain) {
     auto service = Service();
-    TokenSpec delegable = Spec();
-    delegable.delegable = true;
-    auto solution = service->AcquireTokenByCertificate(delegable);
-    ASSERT_TRUE(solution);
     TokenSpec actAs = Spec();
-    actAs.actAsToken = solution;
+    actAs.delegable = true;
+    actAs.actAsToken = service->AcquireTokenByCertificate(actAs);
+    ASSERT_TRUE(actAs.actAsToken);
     auto acting = service->AcquireToken("alice", "alice-password", actAs);
     ASSERT_TRUE(acting);
     EXPECT_EQ(acting->GetTokenType(), Saml_HOK);
@@ -115,42 +195,39 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
     ASSERT_EQ(handler.serverLegs.size(), 4u);
     EXPECT_EQ(handler.serverLegs[0], "");
     EXPECT_EQ(handler.serverLegs[3], "WELCOME alice@example.test");
-    EXPECT_EQ(s_sts->Stats()["requests"], 3);
+    EXPECT_EQ(m_sts.Stats()["requests"], 3);
 }
 
+// A service made from a caller-supplied user agent: the STS's GSS session cookie lands in the
+// agent's store, and another service on that agent sends it along.
+TEST_F(SecurityTokenServiceTest, ServicesFromOneUserAgentShareItsCookies) {
+    Basalt::Ref<Basalt::Http::ConnectionSpec> spec;
+    CreateSsoSSLConnectionSpec("localhost", m_sts.Port(), Trust().sslContext.Get(), "", false,
+                               spec);
+    Basalt::Ref<Basalt::Http::CookieStore> cookies;
+    Basalt::Http::CreateCookieStore("", cookies);
+    SecurityTokenServiceConfigEx config;
+    Basalt::Http::CreateHttpUserAgent(spec.Get(), cookies.Get(), nullptr, config.userAgent);
+    config.url = "/sts/STSService";  // a path, used as the request target as it stands
+    config.tokenFactory = CreateSamlTokenFactory(Trust().resolver.Get());
+    auto first = CreateSecurityTokenService(config);
+    TestGssHandler handler("bob@example.test", "bob-password");
+    ASSERT_TRUE(first->AcquireTokenByGSS(Spec(), handler));
+    EXPECT_FALSE(cookies->GetCookieLines().empty());
+    ASSERT_TRUE(CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()));
+}
+
+// A wrong password is refused; TLS verification is on: a server certificate from another CA is
+// refused, also after a context that trusts the server's CA has been used in this process (every
+// context keeps its own trust).
 TEST_F(SecurityTokenServiceTest, FailuresReachTheCaller) {
     EXPECT_TRUE(TestSupport::Throws<InvalidCredentialsException>(
-        [] { Service(false)->AcquireToken("alice", "wrong", Spec()); },
+        [&] { Service(false)->AcquireToken("alice", "wrong", Spec()); },
         "Authentication failed: Invalid user name or password"));
-    EXPECT_EQ(s_sts->Stats()["requests"], 1);
-}
-
-// TLS verification is on: a server certificate from another CA is refused, also after a context
-// that trusts the server's CA has been used in this process (every context keeps its own trust).
-TEST_F(SecurityTokenServiceTest, AServerCertificateFromAnotherCaIsRefused) {
-    Service(false)->AcquireToken("alice", "alice-password", Spec());
-    Basalt::Ssl::SSLContextOptions options;
-    options.trustedCaPem = TestData::Read("tls/ca.pem");
-    StsTrust otherCa;
-    Basalt::Ssl::CreateSSLContext(options, otherCa.sslContext);
     EXPECT_THROW(
-        MakeService(otherCa, s_sts->Url())->AcquireToken("alice", "alice-password", Spec()),
+        Service(false, StsTrust("tls/ca.pem"))->AcquireToken("alice", "alice-password", Spec()),
         CommunicationException);
-    EXPECT_EQ(s_sts->Stats()["requests"], 1);
-}
-
-TEST_F(SecurityTokenServiceTest, AnAsynchronousCallDeliversItsToken) {
-    CallbackLatch latch(1);
-    std::shared_ptr<const SamlToken> delivered;
-    Service()->AcquireTokenByCertificateAsync(
-        Spec(), [&](const std::shared_ptr<const SamlToken>& token, const Basalt::Exception* error) {
-            delivered = error ? nullptr : token;
-            latch.CountDown();
-        });
-    ASSERT_TRUE(latch.Wait());
-    ASSERT_TRUE(delivered);
-    EXPECT_EQ(delivered->GetSubject()->name, "client-solution");
-    EXPECT_EQ(latch.Calls(), 1);
+    EXPECT_EQ(m_sts.Stats()["requests"], 1);
 }
 
 }  // namespace

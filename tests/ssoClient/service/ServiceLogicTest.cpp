@@ -30,7 +30,6 @@ constexpr Check kThrows = &Throws<E, const std::function<void()>&>;
 
 const std::string kTrust = "http://docs.oasis-open.org/ws-sx/ws-trust/200512/";
 const std::string kDown = "Server returned error: 503 Service Unavailable";
-const std::string kNullLeg = "Invalid NegotiationHandler: the returned leg may not be NULL";
 
 TokenSpec Spec() {
     TokenSpec spec;
@@ -62,11 +61,9 @@ std::string Answer(const SoapRequest& request) {
     if (request.soapAction == kTrust + "RST/Validate") {
         return ValidateReply(kTrust + "status/valid");
     }
-    if (request.soapAction == kTrust + "RST/Renew") {
-        return RenewReply(Issued());
-    }
     const bool negotiating = request.envelope.find("BinaryExchange") != std::string::npos;
-    return negotiating ? NegotiationReply("ctx", "", Issued()) : IssueReply(Issued());
+    return negotiating ? NegotiationReply("ctx", "", Issued())
+                       : IssueReply(Issued(), request.soapAction != kTrust + "RST/Renew");
 }
 
 std::string Unavailable(const SoapRequest&) {
@@ -121,63 +118,56 @@ class LogCapture {
     std::vector<std::string> m_lines;
 };
 
+std::string Describe(const std::shared_ptr<const SamlToken>& token) {
+    return token ? "token" : "null";
+}
+std::string Describe(const boost::optional<bool>& valid) {
+    return valid ? (*valid ? "true" : "false") : "none";
+}
+
 // Collects asynchronous outcomes as "label result[ exception class: message]".
-class Outcomes {
-  public:
+struct Outcomes {
     struct Recorder {
         Outcomes* outcomes;
         std::string label;
-        void operator()(const std::shared_ptr<const SamlToken>& token,
-                        const Basalt::Exception* error) const {
-            outcomes->Add(label + (token ? " token" : " null"), error);
-        }
-        void operator()(const boost::optional<bool>& valid, const Basalt::Exception* error) const {
-            outcomes->Add(label + (valid ? (*valid ? " true" : " false") : " none"), error);
+        template <class Result>
+        void operator()(const Result& result, const Basalt::Exception* error) const {
+            const std::string outcome = label + " " + Describe(result);
+            std::lock_guard<std::mutex> lock(outcomes->mutex);
+            outcomes->all.insert(error ? outcome + " " + Basalt::DemangledName(typeid(*error)) +
+                                             ": " + error->what()
+                                       : outcome);
+            outcomes->changed.notify_all();
         }
     };
     Recorder For(const std::string& label) { return {this, label}; }
     // Waits for count outcomes (a generous bound, not a delay).
     std::multiset<std::string> Wait(size_t count) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait_for(lock, std::chrono::minutes(1), [&] { return m_all.size() >= count; });
-        return m_all;
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait_for(lock, std::chrono::minutes(1), [&] { return all.size() >= count; });
+        return all;
     }
-
-  private:
-    void Add(std::string outcome, const Basalt::Exception* error) {
-        if (error) {
-            outcome += " " + Basalt::DemangledName(typeid(*error)) + ": " + error->what();
-        }
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_all.insert(outcome);
-        m_changed.notify_all();
-    }
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::multiset<std::string> m_all;
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::multiset<std::string> all;
 };
 
 class ServiceLogicTest : public ::testing::Test {
   protected:
-    std::shared_ptr<SecurityTokenService> Service(
-        Responder responder = Answer,
-        std::shared_ptr<ResponseHandler> handler = std::make_shared<ResponseHandlerImpl>()) {
+    std::shared_ptr<SecurityTokenService> Service(Responder responder = Answer) {
         m_transport = std::make_shared<FakeTransport>(std::move(responder));
         return std::make_shared<SecurityTokenServiceImpl>(
             std::make_shared<RequestBuilderImpl>(LoadHolderOfKey()), m_transport,
-            std::move(handler), CreateSamlTokenFactory(m_resolver.Get()));
+            std::make_shared<ResponseHandlerImpl>(), CreateSamlTokenFactory(m_resolver.Get()));
     }
 
     Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> m_resolver = StsResolver();
     std::shared_ptr<FakeTransport> m_transport;
 };
 
-// Each operation, synchronous and asynchronous, under its traced name, with the SOAP action of
-// its request and whether that request is signed.
+// Each operation, synchronous and asynchronous, under its traced name.
 struct Operation {
     std::string name;
-    std::string action;
-    bool isSigned;
     std::function<bool(const SecurityTokenService&, const SamlToken& presented)> call;
     std::function<void(const SecurityTokenService&, const std::shared_ptr<const SamlToken>&,
                        const Outcomes::Recorder&)>
@@ -186,21 +176,20 @@ struct Operation {
 
 enum OperationIndex { kAcquire, kByCertificate, kByToken, kValidate, kRenew, kGss };
 const Operation kOperations[] = {
-    {"AcquireToken", "RST/Issue", true,
+    {"AcquireToken",
      [](auto& s, auto&) { return s.AcquireToken("alice", "secret", Spec()) != nullptr; },
      [](auto& s, auto&, auto& r) { s.AcquireTokenAsync("alice", "secret", Spec(), r); }},
-    {"AcquireTokenByCertificate", "RST/Issue", true,
+    {"AcquireTokenByCertificate",
      [](auto& s, auto&) { return s.AcquireTokenByCertificate(Spec()) != nullptr; },
      [](auto& s, auto&, auto& r) { s.AcquireTokenByCertificateAsync(Spec(), r); }},
-    {"AcquireTokenByToken", "RST/Issue", true,
+    {"AcquireTokenByToken",
      [](auto& s, auto& t) { return s.AcquireTokenByToken(t, Spec()) != nullptr; },
      [](auto& s, auto& t, auto& r) { s.AcquireTokenByTokenAsync(t, Spec(), r); }},
-    {"ValidateSubject", "RST/Validate", false, [](auto& s, auto& t) { return s.ValidateToken(t); },
+    {"ValidateSubject", [](auto& s, auto& t) { return s.ValidateToken(t); },
      [](auto& s, auto& t, auto& r) { s.ValidateTokenAsync(t, r); }},
-    {"RenewToken", "RST/Renew", true,
-     [](auto& s, auto& t) { return s.RenewToken(t, 600) != nullptr; },
+    {"RenewToken", [](auto& s, auto& t) { return s.RenewToken(t, 600) != nullptr; },
      [](auto& s, auto& t, auto& r) { s.RenewTokenAsync(t, 600, r); }},
-    {"AcquireTokenByGSS", "RST/Issue", true,
+    {"AcquireTokenByGSS",
      [](auto& s, auto&) {
          ScriptedHandler handler({"HELLO"});
          return s.AcquireTokenByGSS(Spec(), handler) != nullptr;
@@ -211,40 +200,14 @@ const Operation kOperations[] = {
      }},
 };
 
-TEST_F(ServiceLogicTest, EachOperationSendsItsRequestTracesItsNameAndMapsFailures) {
-    auto presented = Presented();
-    auto failing = [&](const Operation& op, Responder responder) {
-        return [&, responder] { op.call(*Service(responder), *presented); };
-    };
-    auto faulty = [](auto&) { return SoapFault("wst:FailedAuthentication", "x"); };
-    LogCapture log(Level::LL_Trace);
-    for (const Operation& op : kOperations) {
-        // Every operation reads faults, and passes a transport's failure on as it is.
-        EXPECT_TRUE(
-            Throws<InvalidCredentialsException>(failing(op, faulty), "Authentication failed: x"))
-            << op.name;
-        EXPECT_TRUE(Throws<CommunicationException>(failing(op, Unavailable), kDown)) << op.name;
-        log.Take();
-        EXPECT_TRUE(op.call(*Service(), *presented)) << op.name;
-        const std::vector<SoapRequest> requests = m_transport->Requests();
-        ASSERT_EQ(requests.size(), 1u) << op.name;
-        EXPECT_EQ(requests[0].soapAction, kTrust + op.action) << op.name;
-        const bool isSigned =
-            requests[0].envelope.find("Id=\"holderOfKeyProofSignature\"") != std::string::npos;
-        EXPECT_EQ(isSigned, op.isSigned) << op.name;
-        const std::vector<std::string> lines = log.Take();
-        ASSERT_GE(lines.size(), 2u) << op.name;
-        EXPECT_EQ(lines.front(), "7 START operation SecurityTokenServiceImpl::" + op.name);
-        EXPECT_EQ(lines.back(), "7 END operation SecurityTokenServiceImpl::" + op.name);
-    }
-}
-
+// Each fault kind and each malformed reply once, through an operation that reads it.
 TEST_F(ServiceLogicTest, FaultsAndOddRepliesMapToTheLibraryExceptions) {
     const std::string expired = "Password of the user logging on is expired";
     const std::string valid = ValidateReply(kTrust + "status/valid");
     const std::string gss = NegotiationReply("ctx", "", Issued());
     const std::string format = "Unexpected XML format";
     const Check credentials = kThrows<InvalidCredentialsException>;
+    const Check sso = kThrows<SsoException>;
     // A fault with this code and no faultstring.
     auto fault = [](const std::string& ns, const std::string& code) {
         return SoapEnvelope("<soapenv:Fault><faultcode xmlns:t=\"" + ns + "\">" + code +
@@ -269,9 +232,6 @@ TEST_F(ServiceLogicTest, FaultsAndOddRepliesMapToTheLibraryExceptions) {
          "Authentication failed", credentials},
         {fault("urn:other", "t:FailedAuthentication"),
          "Unexpected SOAP fault: t:FailedAuthentication; request failed."},
-        {SoapFault("soapenv:Server", "boom"),
-         "Unexpected SOAP fault: soapenv:Server; request failed."},
-        {SoapFault("Client", "x"), "Unexpected SOAP fault: Client; request failed."},
         {SoapEnvelope("<soapenv:Fault/>"), "Invalid SOAP response: missing faultcode."},
         {fault("urn:other", "<x/>"), "Invalid SOAP response: missing faultcode."},
         {SoapFault("nope:Server", "x"), "Element faultcodeat 1,262 uses undefined prefix: `nope'",
@@ -283,42 +243,33 @@ TEST_F(ServiceLogicTest, FaultsAndOddRepliesMapToTheLibraryExceptions) {
         {"<!DOCTYPE x [<!ENTITY e SYSTEM \"file:///etc/passwd\">]>" + valid,
          "Response is not well-formed XML: XML parse error at line 1, column 13: A DOCTYPE "
          "declaration is not allowed"},
-        {RenewReply(Issued()), format},
-        {IssueReply(""), format},
+        {IssueReply(Issued(), false), format},
         {IssueReply(ReplaceOnce(Issued(), "alice@", "eve@")),
          "Failed to verify signature: token might have been tampered with.",
          kThrows<InvalidSignatureException>},
         // A token that does not parse is the service's failure, not the caller's.
         {IssueReply(Signed(false, "1.0")), "Invalid token version"},
-        {IssueReply(Issued()), format, kThrows<SsoException>, kRenew},
-        {ReplaceOnce(valid, "status/valid", "status/unknown"), format, kThrows<SsoException>,
-         kValidate},
-        {ReplaceOnce(valid, kTrust, " " + kTrust), format, kThrows<SsoException>, kValidate},
-        {ValidateReply("valid"), format, kThrows<SsoException>, kValidate},
+        {ReplaceOnce(valid, "status/valid", "status/unknown"), format, sso, kValidate},
         {ValidateReply("<x/>"),
          "Type mismatch: expected Basalt::Xml::TextNode, got "
          "Basalt::Xml::(anonymous namespace)::ElementNodeImpl",
          kThrows<Basalt::TypeMismatchException>, kValidate},
         {ReplaceOnce(gss, "<wst:TokenType>",
                      "<wst:BinaryExchange>*</wst:BinaryExchange><wst:TokenType>"),
-         "Base64 format exception", kThrows<SsoException>, kGss},
+         "Base64 format exception", sso, kGss},
         {ReplaceOnce(gss, "SAML:2.0", "SAML:1.0"),
          "Invalid token type: urn:oasis:names:tc:SAML:1.0:assertion (expected: "
          "urn:oasis:names:tc:SAML:2.0:assertion",
-         kThrows<SsoException>, kGss},
-        {NegotiationReply("ctx", "", "<x/>"), format, kThrows<SsoException>, kGss},
-        {RenewReply(Issued()), format, kThrows<SsoException>, kGss},
+         sso, kGss},
+        {NegotiationReply("ctx", "", "<x/>"), format, sso, kGss},
     };
+    auto presented = Presented();
     for (const Case& c : cases) {
         auto service = Service([&](const SoapRequest&) { return c.reply; });
-        auto presented = Presented();
         EXPECT_TRUE(
             c.check([&] { kOperations[c.op].call(*service, *presented); }, c.message, false))
             << c.reply;
     }
-    auto truncated = Service([](auto&) { return IssueReply(Issued()).substr(0, 200); });
-    EXPECT_TRUE(Throws<SsoException>([&] { truncated->AcquireToken("alice", "secret", Spec()); },
-                                     "Response is not well-formed XML: ", true));
 }
 
 TEST_F(ServiceLogicTest, TokensComeInTheirCanonicalFormAndValidationAnswers) {
@@ -333,7 +284,10 @@ TEST_F(ServiceLogicTest, TokensComeInTheirCanonicalFormAndValidationAnswers) {
     EXPECT_FALSE(Service(invalid)->ValidateToken(*Presented()));
 }
 
+// Every asynchronous operation from several threads at once: each delivers its result or the
+// transport's failure exactly once, in a session of its own, after the caller let go.
 TEST_F(ServiceLogicTest, AsyncOperationsDeliverOnceAfterTheCallerLetGo) {
+    constexpr int kThreads = 4;
     for (bool fails : {false, true}) {
         std::promise<void> open;
         std::shared_future<void> gate = open.get_future().share();
@@ -343,60 +297,53 @@ TEST_F(ServiceLogicTest, AsyncOperationsDeliverOnceAfterTheCallerLetGo) {
         });
         auto presented = Presented();
         Outcomes outcomes;
+        const std::string error = fails ? " SsoClient::CommunicationException: " + kDown : "";
         std::multiset<std::string> expected;
-        for (const Operation& op : kOperations) {
-            op.start(*service, presented, outcomes.For(op.name));
-            const bool validation = op.action == "RST/Validate";
-            expected.insert(op.name +
-                            (fails        ? validation ? " none" : " null"
-                             : validation ? " true"
-                                          : " token") +
-                            (fails ? " SsoClient::CommunicationException: " + kDown : ""));
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&] {
+                for (const Operation& op : kOperations) {
+                    op.start(*service, presented, outcomes.For(op.name));
+                }
+            });
+            for (const Operation& op : kOperations) {
+                const bool validation = op.name == "ValidateSubject";
+                expected.insert(op.name +
+                                (validation ? fails ? " none" : " true"
+                                 : fails    ? " null"
+                                            : " token") +
+                                error);
+            }
+        }
+        for (auto& thread : threads) {
+            thread.join();
         }
         // The caller drops the service, the token and the handler while the calls are queued.
         service.reset();
         presented.reset();
         open.set_value();
         EXPECT_EQ(outcomes.Wait(expected.size()), expected);
+        EXPECT_EQ(m_transport->Sessions(), static_cast<int>(expected.size()));
     }
-}
-
-TEST_F(ServiceLogicTest, AsyncOperationsRefuseANullTokenOrHandlerAtOnce) {
+    // A null token or handler is refused at once, before anything is queued or sent.
     auto service = Service();
-    Outcomes outcomes;
     const std::function<void()> calls[] = {
-        [&] { service->AcquireTokenByTokenAsync(nullptr, Spec(), outcomes.For("")); },
-        [&] { service->ValidateTokenAsync(nullptr, outcomes.For("")); },
-        [&] { service->RenewTokenAsync(nullptr, 600, outcomes.For("")); },
-        [&] { service->AcquireTokenByGSSAsync(Spec(), nullptr, outcomes.For("")); },
+        [&] { service->AcquireTokenByTokenAsync(nullptr, Spec(), {}); },
+        [&] { service->ValidateTokenAsync(nullptr, {}); },
+        [&] { service->RenewTokenAsync(nullptr, 600, {}); },
+        [&] { service->AcquireTokenByGSSAsync(Spec(), nullptr, {}); },
     };
     for (const auto& call : calls) {
         EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(
             call, "A null object cannot be passed by reference"));
     }
-    EXPECT_TRUE(outcomes.Wait(0).empty());
     EXPECT_TRUE(m_transport->Requests().empty());
-}
-
-// Accepts every reply and finds no token in it.
-class NoTokenHandler : public ResponseHandlerImpl {
-  public:
-    void ExtractIssuedToken(Basalt::Reader*, std::string& token) const override { token.clear(); }
-    void ExtractRenewedToken(Basalt::Reader*, std::string& token) const override { token.clear(); }
-};
-
-TEST_F(ServiceLogicTest, AReplyWithoutATokenGivesANullTokenSyncAndAsync) {
-    auto service = Service(Answer, std::make_shared<NoTokenHandler>());
-    EXPECT_EQ(service->AcquireToken("alice", "secret", Spec()), nullptr);
-    EXPECT_EQ(service->RenewToken(*Presented(), 600), nullptr);
-    Outcomes outcomes;
-    service->AcquireTokenAsync("alice", "secret", Spec(), outcomes.For("async"));
-    EXPECT_EQ(outcomes.Wait(1), std::multiset<std::string>{"async null"});
 }
 
 TEST_F(ServiceLogicTest, GssNegotiationsAndTheirContractViolations) {
     const std::string noContext =
         "Error processing the response to SPNego token request: no Context ID was returned.";
+    const std::string nullLeg = "Invalid NegotiationHandler: the returned leg may not be NULL";
     const std::string warning =
         "4 GSS contract error: non-empty user leg after negotiation is complete";
     const Check invalid = kThrows<Basalt::InvalidArgumentException>;
@@ -422,8 +369,8 @@ TEST_F(ServiceLogicTest, GssNegotiationsAndTheirContractViolations) {
         {{"HELLO", ""}, {welcome}, {"", "WELCOME"}, warning},
         {{"HELLO", nullptr}, {welcome}, {"", "WELCOME"}, warning},
         {{"HELLO", "BYE"}, {welcome}, {"", "WELCOME"}, ""},
-        {{nullptr}, {}, {""}, kNullLeg, invalid},
-        {{"HELLO", nullptr}, {reply(1, "CH")}, {"", "CH"}, kNullLeg, invalid},
+        {{nullptr}, {}, {""}, nullLeg, invalid},
+        {{"HELLO", nullptr}, {reply(1, "CH")}, {"", "CH"}, nullLeg, invalid},
         {{"HELLO"}, {reply(0, "CH")}, {""}, noContext, failed},
         {{"HELLO", "R1"}, {reply(1, "CH"), reply(0, "", true)}, {"", "CH"}, noContext, failed},
     };
@@ -456,95 +403,30 @@ TEST_F(ServiceLogicTest, GssNegotiationsAndTheirContractViolations) {
     }
 }
 
-TEST_F(ServiceLogicTest, ManyThreadsShareOneServiceAndToken) {
-    constexpr size_t kThreads = 4;
-    const size_t calls = kThreads * std::size(kOperations);
-    auto service = Service();
-    auto presented = Presented();
-    Outcomes outcomes;
-    std::atomic<size_t> results{0};
-    std::vector<std::thread> threads;
-    for (size_t t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
-            for (const Operation& op : kOperations) {
-                results += op.call(*service, *presented) ? 1 : 0;
-                op.start(*service, presented, outcomes.For("async"));
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    const std::multiset<std::string> delivered = outcomes.Wait(calls);
-    EXPECT_EQ(delivered.count("async token") + delivered.count("async true"), calls);
-    EXPECT_EQ(delivered.size(), calls);
-    EXPECT_EQ(results, calls);
-    EXPECT_EQ(m_transport->Sessions(), static_cast<int>(2 * calls));
-}
-
-// A real token that counts its descriptions: each reads the groups once.
-#define FORWARD(Type, Name)      \
-    Type Name() const override { \
-        return m_token->Name();  \
-    }
-#define FORWARD_OUT(Type, Name)           \
-    void Name(Type& out) const override { \
-        m_token->Name(out);               \
-    }
-class CountingToken : public SamlToken {
-  public:
-    explicit CountingToken(std::shared_ptr<const SamlToken> token) : m_token(std::move(token)) {}
-    virtual ~CountingToken() = default;
-    void GetGroups(std::vector<PrincipalId>& groups) const override {
-        ++groupReads;
-        m_token->GetGroups(groups);
-    }
-    FORWARD(const std::string&, GetId)
-    FORWARD(const Basalt::System::DateTime&, GetStartTime)
-    FORWARD(const Basalt::System::DateTime&, GetExpirationTime)
-    FORWARD(Basalt::System::DateTime, GetExpirationTimeWithTolerance)
-    FORWARD(const PrincipalId*, GetSubject)
-    FORWARD(bool, IsRenewable)
-    FORWARD(int32_t, GetRenewCount)
-    FORWARD(bool, IsDelegable)
-    FORWARD(int32_t, GetDelegableCount)
-    FORWARD(bool, IsSolution)
-    FORWARD(TokenType, GetTokenType)
-    FORWARD(Basalt::Crypto::Certificate*, GetHolderOfKeyCertificate)
-    FORWARD(const std::string&, GetIssuer)
-    FORWARD(Basalt::Xml::Security::Signature*, GetSignature)
-    FORWARD(const std::string&, GetXml)
-    FORWARD(const std::string&, GetUnsupportedInfo)
-    FORWARD_OUT(PersonName, GetPersonName)
-    FORWARD_OUT(std::vector<Delegate>, GetDelegationChain)
-    FORWARD_OUT(std::set<std::string>, GetAudience)
-    FORWARD_OUT(std::vector<Advice>, GetAdvice)
-    mutable int groupReads = 0;
-
-  private:
-    std::shared_ptr<const SamlToken> m_token;
-};
-#undef FORWARD
-#undef FORWARD_OUT
-
 TEST_F(ServiceLogicTest, TraceLinesOnlyWhenTheLevelAdmitsThem) {
     auto service = Service();
-    CountingToken token(Presented());
+    auto token = Presented();
     {
         LogCapture log(Level::LL_Verbose);
-        EXPECT_TRUE(service->ValidateToken(token));
-        auto renewed = service->RenewToken(token, 600);
-        EXPECT_EQ(token.groupReads, 0);  // no description was made
+        EXPECT_TRUE(service->ValidateToken(*token));
+        auto renewed = service->RenewToken(*token, 600);
         EXPECT_EQ(log.Take(), std::vector<std::string>{"5 Successfully acquired token: " +
                                                        CreateSamlTokenDescription(*renewed)});
     }
     LogCapture log(Level::LL_Trace);
-    EXPECT_TRUE(service->ValidateToken(token));
+    for (const Operation& op : kOperations) {
+        EXPECT_TRUE(op.call(*service, *token)) << op.name;
+        const std::vector<std::string> lines = log.Take();
+        ASSERT_GE(lines.size(), 2u) << op.name;
+        EXPECT_EQ(lines.front(), "7 START operation SecurityTokenServiceImpl::" + op.name);
+        EXPECT_EQ(lines.back(), "7 END operation SecurityTokenServiceImpl::" + op.name);
+    }
+    EXPECT_TRUE(service->ValidateToken(*token));
     auto issued = service->AcquireToken("alice", "secret", Spec());
     EXPECT_EQ(log.Take(),
               (std::vector<std::string>{
                   "7 START operation SecurityTokenServiceImpl::ValidateSubject",
-                  "7 Validating subject of token " + CreateSamlTokenDescription(token),
+                  "7 Validating subject of token " + CreateSamlTokenDescription(*token),
                   "7 Result: true", "7 END operation SecurityTokenServiceImpl::ValidateSubject",
                   "7 START operation SecurityTokenServiceImpl::AcquireToken",
                   "7 Requested token for subject `alice', spec `" + DescribeTokenSpec(Spec()) + "'",
