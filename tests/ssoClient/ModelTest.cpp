@@ -1,11 +1,7 @@
-// Principal comparison, the exception family and the library's logger.
+// Principal comparison and the library's logger.
 #include <basalt/Log.h>
 #include <gtest/gtest.h>
-#include <ssoClient/Exceptions.h>
 #include <ssoClient/Types.h>
-
-#include <memory>
-#include <typeinfo>
 
 namespace {
 
@@ -26,36 +22,6 @@ TEST(PrincipalIdTest, ComparesAsciiCaseInsensitivelyUpToTheFirstNul) {
         EXPECT_EQ(b != a, !equal);
         EXPECT_TRUE(a == a);
     }
-}
-
-// Each class is thrown, cloned and rethrown as itself and caught by its base.
-template <class E, class Base>
-void ExpectFamilyMember() {
-    const E original("message");
-    std::unique_ptr<Basalt::Exception> clone(
-        static_cast<const Basalt::Exception&>(original).Clone());
-    EXPECT_EQ(typeid(*clone), typeid(E));
-    try {
-        clone->Throw();
-    } catch (const Base& e) {
-        EXPECT_EQ(typeid(e), typeid(E));
-        EXPECT_STREQ(e.what(), "message");
-        return;
-    }
-    ADD_FAILURE() << "nothing thrown";
-}
-
-TEST(ExceptionFamilyTest, EveryClassClonesRethrowsAndIsCaughtByItsBase) {
-    ExpectFamilyMember<SsoException, Basalt::Exception>();
-    ExpectFamilyMember<CommunicationException, SsoException>();
-    ExpectFamilyMember<InvalidCredentialsException, SsoException>();
-    ExpectFamilyMember<PasswordExpiredException, SsoException>();
-    ExpectFamilyMember<InvalidTokenException, SsoException>();
-    ExpectFamilyMember<InvalidSignatureException, InvalidTokenException>();
-    ExpectFamilyMember<ParseException, InvalidTokenException>();
-    EXPECT_THROW(
-        try { throw ParseException(""); } catch (const InvalidSignatureException&){},
-        ParseException);  // siblings do not catch each other
 }
 
 TEST(LibraryLoggerTest, TheLibraryLoggerExistsOnceLoaded) {

@@ -13,13 +13,11 @@
 
 namespace TestSupport {
 
-// One SAML attribute to write.
 struct SamlAttribute {
     std::string name;
     std::vector<std::string> values;
 };
 
-// One RSAAdvice to write.
 struct SamlAdvice {
     std::string source;
     std::vector<SamlAttribute> attributes;
@@ -46,33 +44,25 @@ class FixedClock final : public Basalt::System::Clock {
 struct AssertionSpec {
     std::string id;  // empty: a fresh "_" + UUID
     std::string version = "2.0";
-    std::string issuer = "https://sts.example.test/sts";
     std::string subjectUpn = "alice@example.test";
     bool holderOfKey = false;
     std::string holderOfKeyCertificatePem;  // holder-of-key only; empty: tests/data user-ec.pem
     int64_t notBeforeOffsetSec = -60;
     int64_t notOnOrAfterOffsetSec = 3600;
-    // SubjectConfirmationData/@NotOnOrAfter; absent: the token's NotOnOrAfter for bearer tokens,
-    // no attribute for holder-of-key tokens.
-    std::optional<int64_t> confirmationNotOnOrAfterOffsetSec;
-    std::vector<SamlDelegate> delegates;  // a DelegationRestriction when not empty
-    // The NameID inside SubjectConfirmation: absent means the last delegate's UPN (if any).
-    std::optional<std::string> delegateId;
-    bool omitDelegateId = false;
+    // A DelegationRestriction when not empty; the SubjectConfirmation names the last delegate.
+    std::vector<SamlDelegate> delegates;
     std::vector<std::string> audiences;  // an AudienceRestriction when not empty
     // ProxyRestriction / RenewRestriction: absent when nullopt; "" writes one without Count.
     std::optional<std::string> proxyCount;
     std::optional<std::string> renewCount;
-    std::vector<SamlAdvice> advice;                // an Advice element when not empty
-    std::vector<SamlAttribute> attributes;         // an AttributeStatement when not empty
+    std::vector<SamlAdvice> advice;         // an Advice element when not empty
+    std::vector<SamlAttribute> attributes;  // an AttributeStatement when not empty
+    // Fragments replaced (first occurrence, in order) in the text before it is signed.
+    std::vector<std::pair<std::string, std::string>> edits;
     const Basalt::System::Clock* clock = nullptr;  // the present; null: the system clock
 };
 
-// The STS signing key and certificate of tests/data/certs (sts-rsa), and an unrelated one.
-const Basalt::Ref<Basalt::Crypto::PrivateKey>& StsKey();
-const Basalt::Ref<Basalt::Crypto::Certificate>& StsCertificate();
-const Basalt::Ref<Basalt::Crypto::Certificate>& OtherCertificate();
-// Trusted-certificate resolvers over the STS certificate, and over the unrelated one.
+// Trusted-certificate resolvers over the STS certificate of tests/data/certs, and an unrelated one.
 Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> StsResolver();
 Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> OtherResolver();
 
@@ -80,13 +70,10 @@ Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> OtherResolver();
 // signer (RSA-SHA256, exclusive c14n, reference "#ID") follows the Issuer.
 std::string BuildAssertionXml(const AssertionSpec& spec, bool withSignatureTemplate = false);
 
-// Signs assertion text with the foundation: an enveloped RSA-SHA256 signature over referenceUri
-// (default "#" + ID) placed right after the Issuer, the signing certificate in its KeyInfo.
-// Returns the serialised result.
-std::string SignAssertion(
-    const std::string& unsignedXml, const std::optional<std::string>& referenceUri = std::nullopt,
-    const Basalt::Crypto::PrivateKey& key = *StsKey(),
-    const Basalt::Ref<Basalt::Crypto::Certificate>& certificate = StsCertificate());
+// Signs assertion text with the STS key: an enveloped RSA-SHA256 signature over referenceUri
+// (default "#" + ID) right after the Issuer, the certificate in its KeyInfo.
+std::string SignAssertion(const std::string& unsignedXml,
+                          const std::optional<std::string>& referenceUri = std::nullopt);
 
 // BuildAssertionXml + SignAssertion.
 std::string MakeSignedAssertion(const AssertionSpec& spec);

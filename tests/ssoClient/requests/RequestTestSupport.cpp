@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "TestData.h"
 #include "internal/xml/XmlUtils.h"
 
@@ -33,17 +35,18 @@ std::vector<Ref<ElementNode>> Children(const ElementNode& element) {
     return elements;
 }
 
-std::vector<std::string> Names(const ElementNode& element) {
-    std::vector<std::string> names;
+std::string Names(const ElementNode& element) {
+    std::string names;
     for (const auto& child : Children(element)) {
-        names.push_back(child->GetQualifiedName());
+        names += (names.empty() ? "" : " ") + child->GetQualifiedName();
     }
     return names;
 }
 
-Ref<ElementNode> Path(const ElementNode& element, const std::vector<std::string>& localNames) {
+Ref<ElementNode> Path(const ElementNode& element, const std::string& path) {
     Ref<ElementNode> current(const_cast<ElementNode*>(&element));
-    for (const std::string& name : localNames) {
+    std::istringstream steps(path);
+    for (std::string name; std::getline(steps, name, '/');) {
         std::vector<Ref<ElementNode>> found;
         for (const auto& child : Children(*current)) {
             if (child->GetLocalName() == name) {
@@ -59,24 +62,19 @@ Ref<ElementNode> Path(const ElementNode& element, const std::vector<std::string>
     return current;
 }
 
-std::string Value(const ElementNode& element, std::vector<std::string> path) {
-    std::string attribute;
-    if (!path.empty() && path.back()[0] == '@') {
-        attribute = path.back().substr(1);
-        path.pop_back();
-    }
-    const Ref<ElementNode> target = Path(element, path);
+std::string Value(const ElementNode& element, const std::string& path) {
+    const size_t at = path.find('@');
+    const Ref<ElementNode> target = Path(element, path.substr(0, at == 0 ? 0 : at - 1));
     std::string value;
-    const bool found = attribute.empty() ? (value = target->GetTextContent(), true)
-                                         : target->GetAttribute(attribute, value);
-    return found ? value : "(no " + attribute + ")";
+    if (at == std::string::npos) {
+        return target->GetTextContent();
+    }
+    return target->GetAttribute(path.substr(at + 1), value) ? value : "(none)";
 }
 
-int64_t Span(const ElementNode& element, const std::vector<std::string>& path) {
+int64_t Span(const ElementNode& element, const std::string& path) {
     const auto seconds = [&](const char* name) {
-        std::vector<std::string> to = path;
-        to.push_back(name);
-        return Basalt::System::DateTime(Value(element, to)).GetUtcTime() / 1000000;
+        return Basalt::System::DateTime(Value(element, path + "/" + name)).GetUtcTime() / 1000000;
     };
     return seconds("Expires") - seconds("Created");
 }

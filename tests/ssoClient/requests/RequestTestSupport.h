@@ -50,14 +50,14 @@ TextToken DataToken(SsoClient::TokenType type = SsoClient::Saml_HOK);
 Basalt::Ref<Basalt::Xml::ElementNode> Parse(const std::string& text);
 std::vector<Basalt::Ref<Basalt::Xml::ElementNode>> Children(
     const Basalt::Xml::ElementNode& element);
-// The qualified names of the element children, in order.
-std::vector<std::string> Names(const Basalt::Xml::ElementNode& element);
-// Follows a path of local names, each naming exactly one child (the test fails otherwise).
+// The qualified names of the element children, in order, separated by blanks.
+std::string Names(const Basalt::Xml::ElementNode& element);
+// Follows "A/B/C", local names each naming exactly one child (the test fails otherwise).
 Basalt::Ref<Basalt::Xml::ElementNode> Path(const Basalt::Xml::ElementNode& element,
-                                           const std::vector<std::string>& localNames);
+                                           const std::string& path);
 // The text at a path, or the attribute its last step names as "@name".
-std::string Value(const Basalt::Xml::ElementNode& element, std::vector<std::string> path);
+std::string Value(const Basalt::Xml::ElementNode& element, const std::string& path);
 // Seconds from the path's Created to its Expires.
-int64_t Span(const Basalt::Xml::ElementNode& element, const std::vector<std::string>& path);
+int64_t Span(const Basalt::Xml::ElementNode& element, const std::string& path);
 
 }  // namespace RequestTest

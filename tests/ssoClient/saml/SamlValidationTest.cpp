@@ -17,8 +17,8 @@ using namespace TestSupport;
 const FixedClock kNow("2030-01-01T00:00:00Z");
 
 std::string At(int64_t offsetSec) {
-    const int64_t micros = kNow.Now().GetUtcTime() + offsetSec * 1000000;
-    return Basalt::System::DateTimeFromUtc(static_cast<long>(micros), false).ToString();
+    return Basalt::System::DateTimeFromUtc(kNow.Now().GetUtcTime() + offsetSec * 1000000, false)
+        .ToString();
 }
 
 // Builds and verifies a token at kNow; an empty message means it is accepted.
@@ -31,21 +31,10 @@ void Expect(const std::string& xml, long tolerance, const std::string& message) 
     }
 }
 
-AssertionSpec AtNow() {
-    AssertionSpec spec;
-    spec.clock = &kNow;
-    return spec;
-}
-
 TEST(SamlValidationTest, ValidityWindowWidenedByTheToleranceOnBothSides) {
     const std::string future = "Token start date is in the future: ";
     const std::string expired = "The token has expired at: ";
-    struct Window {
-        int64_t notBefore, notOnOrAfter;
-        long tolerance;
-        std::string message;
-    };
-    const Window windows[] = {
+    const std::tuple<int64_t, int64_t, long, std::string> windows[] = {
         {100, 100, LONG_MAX,
          "Unsatisfiable token validity conditions: NotBefore must be less than NotOnOrAfter."},
         {599, 3600, 600, ""},
@@ -57,62 +46,69 @@ TEST(SamlValidationTest, ValidityWindowWidenedByTheToleranceOnBothSides) {
         {-3600, -1800, LONG_MAX, ""},             // saturates instead of overflowing
         {-60, 3600, LONG_MIN, future + At(-60)},  // saturates the other way
     };
-    for (const auto& w : windows) {
-        AssertionSpec spec = AtNow();
-        spec.notBeforeOffsetSec = w.notBefore;
-        spec.notOnOrAfterOffsetSec = w.notOnOrAfter;
-        Expect(MakeSignedAssertion(spec), w.tolerance, w.message);
+    for (const auto& [notBefore, notOnOrAfter, tolerance, message] : windows) {
+        AssertionSpec spec;
+        spec.clock = &kNow;
+        spec.notBeforeOffsetSec = notBefore;
+        spec.notOnOrAfterOffsetSec = notOnOrAfter;
+        Expect(MakeSignedAssertion(spec), tolerance, message);
     }
 }
 
 TEST(SamlValidationTest, VersionIdSubjectValidityAndDelegation) {
     const std::string mismatch =
         "The SubjectConfirmation delegate id does not match the id of the last delegate";
-    const SamlDelegate bob{"bob@example.test"}, carol{"carol@example.test"};
-    const std::pair<std::function<void(AssertionSpec&)>, std::string> rules[] = {
-        {[](AssertionSpec&) {}, ""},
-        {[](AssertionSpec& s) { s.version = "2.00"; }, "Invalid token version"},
-        {[](AssertionSpec& s) { s.version = " 2.0"; }, "Invalid token version"},
-        {[](AssertionSpec& s) { s.id = "abc"; }, "Invalid token ID"},
-        {[](AssertionSpec& s) { s.confirmationNotOnOrAfterOffsetSec = 3599; },
-         "Invalid token subject validity"},
-        {[](AssertionSpec& s) { s.confirmationNotOnOrAfterOffsetSec = 3601; }, ""},
-        {[](AssertionSpec& s) { s.holderOfKey = true, s.confirmationNotOnOrAfterOffsetSec = 3599; },
-         ""},
-        {[&](AssertionSpec& s) {
-             s.delegates = {bob, carol};
-         },
-         ""},
-        {[&](AssertionSpec& s) { s.delegates = {bob}, s.omitDelegateId = true; },
+    const std::string bob =
+        "<saml2:NameID Format=\"http://schemas.xmlsoap.org/claims/UPN\">"
+        "bob@example.test</saml2:NameID>";
+    const std::string data = "Data NotOnOrAfter=\"", hok = "KeyInfoConfirmationDataType\"";
+    using Edits = std::vector<std::pair<std::string, std::string>>;
+    // Version, holder-of-key, delegates, edits of the text (the SubjectConfirmation comes first).
+    const std::tuple<std::string, bool, std::vector<SamlDelegate>, Edits, std::string> rules[] = {
+        {"2.0", false, {}, {}, ""},
+        {"2.00", false, {}, {}, "Invalid token version"},
+        {" 2.0", false, {}, {}, "Invalid token version"},
+        {"2.0", false, {}, {{"ID=\"_", "ID=\"a"}}, "Invalid token ID"},
+        {"2.0", false, {}, {{data + At(3600), data + At(3599)}}, "Invalid token subject validity"},
+        {"2.0", false, {}, {{data + At(3600), data + At(3601)}}, ""},
+        {"2.0", true, {}, {{hok, hok + " NotOnOrAfter=\"" + At(3599) + "\""}}, ""},
+        {"2.0", false, {{"bob@example.test"}, {"carol@example.test"}}, {}, ""},
+        {"2.0",
+         false,
+         {{"bob@example.test"}},
+         {{bob, ""}},
          "Token has delegation restriction, but no delegate id is present in the "
          "SubjectConfirmation"},
-        {[&](AssertionSpec& s) { s.delegateId = bob.upn; },
+        {"2.0",
+         false,
+         {},
+         {{"<saml2:SubjectConfirmationData", bob + "<saml2:SubjectConfirmationData"}},
          "Token SubjectConfirmation contains delegate id, but no delegation restriction is "
          "present"},
-        {[&](AssertionSpec& s) {
-             s.delegates = {bob, carol}, s.delegateId = bob.upn;
-         },
+        {"2.0",
+         false,
+         {{"bob@example.test"}, {"carol@example.test"}},
+         {{">carol@", ">bob@"}},
          mismatch},
-        {[&](AssertionSpec& s) { s.delegates = {bob}, s.delegateId = "Bob@example.test"; },
-         mismatch},
+        {"2.0", false, {{"bob@example.test"}}, {{">bob@", ">Bob@"}}, mismatch},
+        // The same delegate id in another Format does not match either.
+        {"2.0", false, {{"bob@example.test"}}, {{"UPN\">bob@", "emailAddress\">bob@"}}, mismatch},
     };
-    for (const auto& [change, message] : rules) {
-        AssertionSpec spec = AtNow();
-        change(spec);
+    for (const auto& [version, holderOfKey, delegates, edits, message] : rules) {
+        AssertionSpec spec;
+        spec.clock = &kNow;
+        spec.version = version;
+        spec.holderOfKey = holderOfKey;
+        spec.delegates = delegates;
+        spec.edits = edits;
         Expect(MakeSignedAssertion(spec), 600, message);
     }
-
-    // The same delegate id in another Format does not match either.
-    AssertionSpec delegated = AtNow();
-    delegated.delegates = {bob};
-    Expect(ReplaceOnce(MakeSignedAssertion(delegated), "UPN\">bob@", "emailAddress\">bob@"), 600,
-           mismatch);
     // An empty ID, signed over the whole document.
-    AssertionSpec placeholder = AtNow();
-    placeholder.id = "_placeholder";
-    const std::string noId =
-        ReplaceOnce(BuildAssertionXml(placeholder), "ID=\"_placeholder\"", "ID=\"\"");
-    Expect(SignAssertion(noId, std::string()), 600, "Invalid token ID");
+    AssertionSpec noId;
+    noId.clock = &kNow;
+    noId.id = "_placeholder";
+    noId.edits = {{"ID=\"_placeholder\"", "ID=\"\""}};
+    Expect(SignAssertion(BuildAssertionXml(noId), std::string()), 600, "Invalid token ID");
 }
 
 }  // namespace
