@@ -78,7 +78,9 @@ class SSOCLIENT_API TokenProvider {
     virtual ~TokenProvider();
     // A token valid for at least the minimum margin. Without one, acquires it (or joins the
     // acquisition in flight) and returns its token; a null token from the service throws
-    // SsoException "The token service returned no token". During a back-off after a failure,
+    // SsoException "The token service returned no token", one already past its expiration time
+    // with tolerance InvalidTokenException "The token service returned an expired token". During
+    // a back-off after a failure,
     // throws that failure again, with its class as the service threw it (CommunicationException,
     // InvalidCredentialsException, ...).
     virtual std::shared_ptr<const SamlToken> GetToken() = 0;

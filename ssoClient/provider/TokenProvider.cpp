@@ -115,12 +115,12 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
 
     // The delay before the next attempt after m_failures consecutive failures.
     int64_t Backoff() {
-        const int shift = std::min(m_failures - 1, 30);
-        const int64_t full =
-            std::min(m_options.initialBackoffSec << shift, m_options.maxBackoffSec);
-        std::uniform_int_distribution<int64_t> jitter(full * kMicrosPerSec / 2,
-                                                      full * kMicrosPerSec);
-        return jitter(m_random);
+        int64_t full = m_options.initialBackoffSec;
+        for (int n = 1; n < m_failures && full > 0 && full < m_options.maxBackoffSec; ++n) {
+            full *= 2;
+        }
+        full = std::min(full, m_options.maxBackoffSec) * kMicrosPerSec;
+        return std::uniform_int_distribution<int64_t>(full / 2, full)(m_random);
     }
 
     Plan Decide(const TokenCallback* callback) {
@@ -176,6 +176,9 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
             Token token = Fetch(flight->current);
             if (!token) {
                 throw SsoException("The token service returned no token");
+            }
+            if (Now() >= token->GetExpirationTimeWithTolerance().GetUtcTime()) {
+                throw InvalidTokenException("The token service returned an expired token");
             }
             Complete(flight, token, nullptr);
         } catch (...) {

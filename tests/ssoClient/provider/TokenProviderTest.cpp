@@ -230,10 +230,27 @@ TEST_F(TokenProviderTest, RefreshesInTheBackgroundBeforeExpiry) {
     }
 }
 
+// A token too close to expiry for use is still renewed; an expired one is not.
+TEST_F(TokenProviderTest, RenewsOnlyATokenThatHasNotExpired) {
+    const std::string& xml = Xml(600, true, true);
+    const int64_t expiry = Expiry(Parse(xml));
+    for (const auto& [offset, call] : {std::pair<int64_t, std::string>{-1, "renew 600"},
+                                       std::pair<int64_t, std::string>{0, "acquire"}}) {
+        auto provider = Provider({[&] { return Parse(xml); }, Long});
+        At(expiry - 31 * kSec);
+        provider->GetToken();
+        At(expiry + offset);
+        EXPECT_EQ(provider->GetToken()->GetXml(), Xml(7200));
+        EXPECT_EQ(m_service->Calls(), (std::vector<std::string>{"acquire", call}));
+    }
+}
+
 // After the nth failure in a row nothing is tried for between half and all of
 // min(2^(n-1), 60) seconds; the failure is thrown again meanwhile.
 TEST_F(TokenProviderTest, BacksOffExponentiallyAfterFailures) {
-    auto provider = Provider({Down});
+    std::vector<std::function<Token()>> script(8, Down);
+    script.insert(script.end(), {Long, Down});
+    auto provider = Provider(script);
     int64_t now = Expiry(Short());
     for (size_t n = 1; n <= 8; ++n) {
         At(now);
@@ -244,6 +261,14 @@ TEST_F(TokenProviderTest, BacksOffExponentiallyAfterFailures) {
         EXPECT_EQ(Calls(), n);
         now += full;
     }
+    At(now);
+    EXPECT_EQ(provider->GetToken()->GetXml(), Xml(7200));  // a success starts the count afresh
+    now = Expiry(Long()) - 30 * kSec;
+    At(now);
+    EXPECT_THROW(provider->GetToken(), CommunicationException);
+    At(now + kSec);
+    EXPECT_THROW(provider->GetToken(), CommunicationException);
+    EXPECT_EQ(Calls(), 11u);
 }
 
 // A failed refresh leaves the token in use; once it is no longer usable the failure surfaces
@@ -273,6 +298,10 @@ TEST_F(TokenProviderTest, ThrowsTheServiceFailureWithItsClass) {
     provider = Provider({[] { return Token(); }});
     EXPECT_TRUE(
         Throws<SsoException>([&] { provider->GetToken(); }, "The token service returned no token"));
+    At(Short()->GetExpirationTimeWithTolerance().GetUtcTime());
+    provider = Provider({Short});
+    EXPECT_TRUE(Throws<InvalidTokenException>([&] { provider->GetToken(); },
+                                              "The token service returned an expired token"));
 }
 
 TEST_F(TokenProviderTest, InvalidateReacquiresAndForgetsTheBackoff) {
