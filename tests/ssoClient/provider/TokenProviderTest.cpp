@@ -16,6 +16,7 @@
 #include <tuple>
 
 #include "TestData.h"
+#include "internal/service/SecurityTokenServiceImpl.h"
 #include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
@@ -70,51 +71,27 @@ int64_t Expiry(const Token& token) {
 }
 
 // Answers acquisitions ("acquire") and renewals ("renew <seconds>") from a script (its last
-// entry repeats), recording them; while held, calls wait for Release.
-class FakeService final : public SecurityTokenService {
+// entry repeats), recording them; while held, calls wait for Release. The provider uses no
+// other operation.
+class FakeService final : public SecurityTokenServiceImpl {
   public:
     explicit FakeService(std::vector<std::function<Token()>> script)
-        : m_script(std::move(script)) {}
-
+        : SecurityTokenServiceImpl(nullptr, nullptr, nullptr, nullptr),
+          m_script(std::move(script)) {}
     Token AcquireToken(const std::string&, const std::string&, const TokenSpec&) const override {
         return Call("acquire");
     }
-    Token AcquireTokenByGSS(const TokenSpec&, NegotiationHandler&) const override { return No(); }
-    Token AcquireTokenByCertificate(const TokenSpec&) const override { return No(); }
-    Token AcquireTokenByToken(const SamlToken&, const TokenSpec&) const override { return No(); }
-    bool ValidateToken(const SamlToken&) const override { return No(), false; }
     Token RenewToken(const SamlToken&, long seconds) const override {
         return Call("renew " + std::to_string(seconds));
     }
-    void AcquireTokenAsync(const std::string&, const std::string&, const TokenSpec&,
-                           const TokenCallback&) const override {
-        No();
-    }
-    void AcquireTokenByGSSAsync(const TokenSpec&, const std::shared_ptr<NegotiationHandler>&,
-                                const TokenCallback&) const override {
-        No();
-    }
-    void AcquireTokenByCertificateAsync(const TokenSpec&, const TokenCallback&) const override {
-        No();
-    }
-    void AcquireTokenByTokenAsync(const Token&, const TokenSpec&,
-                                  const TokenCallback&) const override {
-        No();
-    }
-    void ValidateTokenAsync(const Token&, const ValidationCallback&) const override { No(); }
-    void RenewTokenAsync(const Token&, long, const TokenCallback&) const override { No(); }
 
     std::vector<std::string> Calls() const {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_calls;
     }
-    void Hold() {
+    void Hold(bool held) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_held = true;
-    }
-    void Release() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_held = false;
+        m_held = held;
         m_changed.notify_all();
     }
     void WaitForCalls(size_t count) const {
@@ -123,7 +100,6 @@ class FakeService final : public SecurityTokenService {
     }
 
   private:
-    static Token No() { throw std::logic_error("not used by the provider"); }
     Token Call(const std::string& name) const {
         std::unique_lock<std::mutex> lock(m_mutex);
         m_calls.push_back(name);
@@ -159,27 +135,37 @@ class TokenProviderTest : public ::testing::Test {
     std::shared_ptr<FakeService> m_service;
 };
 
-TEST_F(TokenProviderTest, HandsOutATokenOnlyWhileItKeepsTheMargin) {
+// Without refresh: a token is handed out while it stays valid for the 30 s margin; then a
+// renewable holder-of-key token is renewed until it has expired, any other acquired again.
+TEST_F(TokenProviderTest, ReplacesATokenOnlyOnceItMissesTheMargin) {
     TokenProviderOptions noRefresh;
     noRefresh.refreshFraction = 0;
     noRefresh.refreshBeforeSec = 0;
-    auto provider = Provider({Short, Long}, noRefresh);
-    const int64_t expiry = Expiry(Short());
-    At(expiry - 31 * kSec);
-    const Token first = provider->GetToken();
-    At(expiry - 30 * kSec - 1);
-    EXPECT_EQ(provider->GetToken(), first);
-    EXPECT_EQ(Calls(), 1u);
-    At(expiry - 30 * kSec);
-    EXPECT_EQ(Expiry(provider->GetToken()), Expiry(Long()));
-    EXPECT_EQ(Calls(), 2u);
+    const struct {
+        bool renewable;
+        int64_t sinceMargin;
+        std::vector<std::string> calls;
+    } cases[] = {{false, -1, {"acquire"}},
+                 {false, 0, {"acquire", "acquire"}},
+                 {true, 30 * kSec - 1, {"acquire", "renew 600"}},
+                 {true, 30 * kSec, {"acquire", "acquire"}}};
+    for (const auto& c : cases) {
+        const std::string& xml = Xml(600, c.renewable, c.renewable);
+        auto provider = Provider({[&] { return Parse(xml); }, Long}, noRefresh);
+        const int64_t margin = Expiry(Parse(xml)) - 30 * kSec;
+        At(margin - 1);
+        const Token first = provider->GetToken();
+        At(margin + c.sinceMargin);
+        EXPECT_EQ(provider->GetToken() == first, c.calls.size() == 1);
+        EXPECT_EQ(m_service->Calls(), c.calls);
+    }
 }
 
 // Many callers finding no token share one call and its outcome, held in flight until all wait.
 TEST_F(TokenProviderTest, ManyConcurrentCallersCauseOneCall) {
     for (const bool fails : {false, true}) {
         auto provider = Provider({fails ? Down : Short});
-        m_service->Hold();
+        m_service->Hold(true);
         At(Expiry(Short()) - 600 * kSec);
         std::vector<std::future<std::string>> callers;
         for (int i = 0; i < 16; ++i) {
@@ -192,7 +178,7 @@ TEST_F(TokenProviderTest, ManyConcurrentCallersCauseOneCall) {
             }));
         }
         m_service->WaitForCalls(1);
-        m_service->Release();
+        m_service->Hold(false);
         for (auto& caller : callers) {
             EXPECT_EQ(caller.get(), fails ? kDown : Xml(600));
         }
@@ -227,21 +213,6 @@ TEST_F(TokenProviderTest, RefreshesInTheBackgroundBeforeExpiry) {
         At(Expiry(first) - 30 * kSec);                   // joins the refresh or finds its token
         EXPECT_EQ(provider->GetToken()->GetXml(), Xml(7200));
         EXPECT_EQ(m_service->Calls(), (std::vector<std::string>{"acquire", c.call}));
-    }
-}
-
-// A token too close to expiry for use is still renewed; an expired one is not.
-TEST_F(TokenProviderTest, RenewsOnlyATokenThatHasNotExpired) {
-    const std::string& xml = Xml(600, true, true);
-    const int64_t expiry = Expiry(Parse(xml));
-    for (const auto& [offset, call] : {std::pair<int64_t, std::string>{-1, "renew 600"},
-                                       std::pair<int64_t, std::string>{0, "acquire"}}) {
-        auto provider = Provider({[&] { return Parse(xml); }, Long});
-        At(expiry - 31 * kSec);
-        provider->GetToken();
-        At(expiry + offset);
-        EXPECT_EQ(provider->GetToken()->GetXml(), Xml(7200));
-        EXPECT_EQ(m_service->Calls(), (std::vector<std::string>{"acquire", call}));
     }
 }
 
@@ -354,12 +325,12 @@ TEST_F(TokenProviderTest, AsyncCallsBackExactlyOnce) {
 TEST_F(TokenProviderTest, MayBeDestroyedWhileAnAcquisitionIsInFlight) {
     auto provider = Provider({Short});
     At(Expiry(Short()) - 600 * kSec);
-    m_service->Hold();
+    m_service->Hold(true);
     Outcome outcome;
     provider->GetTokenAsync(outcome.Callback());
     m_service->WaitForCalls(1);
     provider.reset();
-    m_service->Release();
+    m_service->Hold(false);
     EXPECT_EQ(outcome.done.get_future().get(), Xml(600));
 }
 
