@@ -123,6 +123,8 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
         return std::uniform_int_distribution<int64_t>(full / 2, full)(m_random);
     }
 
+    // Looks at the state under the lock; a new flight is made current here, and an asynchronous
+    // caller that has to wait joins its flight here, so no outcome is missed.
     Plan Decide(const TokenCallback* callback) {
         Plan plan;
         std::lock_guard<std::mutex> lock(m_mutex);
