@@ -1,6 +1,7 @@
 // A tour of the client against a WS-Trust token service: tokens by password, by certificate, by
-// token and by a GSS exchange, renewal and validation, then the same asynchronously; and, for a
-// resource server, a JWT bearer token validated with the issuer's certificate.
+// token and by a GSS exchange, renewal and validation, a token provider renewing its token, then
+// the same asynchronously; and, for a resource server, a JWT bearer token validated with the
+// issuer's certificate.
 //
 //   sso_demo <service-url> <trust-dir> [<jwt>]
 //
@@ -14,6 +15,7 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/JwtTokenValidator.h>
 #include <ssoClient/SecurityTokenService.h>
+#include <ssoClient/TokenProvider.h>
 
 #include <condition_variable>
 #include <fstream>
@@ -21,6 +23,7 @@
 #include <iterator>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 namespace {
 
@@ -100,6 +103,30 @@ class Completion {
     bool m_done = false;
 };
 
+// A provider hands out one token until it nears expiry, then renews it in the background. A
+// four-second token shows this in a moment; real tokens live minutes or hours.
+void ShowProvider(const std::shared_ptr<SsoClient::SecurityTokenService>& service,
+                  SsoClient::TokenSpec spec) {
+    spec.tokenLifetimeSec = 4;
+    SsoClient::TokenProviderOptions options;
+    options.refreshFraction = 0.5;  // refresh in the second half of the lifetime
+    options.refreshBeforeSec = 0;
+    options.minValiditySec = 1;
+    auto provider = SsoClient::CreateTokenProvider(
+        service, SsoClient::TokenRecipe::ByPassword("alice", "alice-password"), spec, options);
+    const auto first = provider->GetToken();
+    std::cout << "== Token provider\nSame token twice: "
+              << (provider->GetToken() == first ? "yes" : "no") << "\n";
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    auto next = provider->GetToken();  // due for refresh: starts it, hands out the current one
+    std::cout << "Same token while it is renewed: " << (next == first ? "yes" : "no") << "\n";
+    while (next == first) {  // ends within a second: then only the renewed token is usable
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        next = provider->GetToken();
+    }
+    Show("Renewed in the background", next);
+}
+
 // What a resource server does with a bearer JWT: validate it against its audience and the
 // issuer's signing certificate, and use the token like any other.
 void ValidateJwt(const std::string& jwt, const std::string& trustDir) {
@@ -165,6 +192,8 @@ int Run(const std::string& url, const std::string& trustDir) {
     } catch (const SsoClient::InvalidCredentialsException& e) {
         std::cout << "Wrong password: " << e.what() << "\n";
     }
+
+    ShowProvider(service, spec);
 
     std::cout << "== Asynchronous\n";
     Completion completion;

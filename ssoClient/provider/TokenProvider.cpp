@@ -1,0 +1,309 @@
+#include <ssoClient/Exceptions.h>
+#include <ssoClient/TokenProvider.h>
+
+#include <basalt/Exception.h>
+#include <basalt/Thread.h>
+
+#include <algorithm>
+#include <future>
+#include <limits>
+#include <mutex>
+#include <random>
+#include <vector>
+
+namespace SsoClient {
+namespace {
+
+using Token = std::shared_ptr<const SamlToken>;
+constexpr int64_t kMicrosPerSec = 1000000;
+
+// One acquisition or refresh; callers that find no usable token join it.
+struct Flight {
+    std::promise<Token> promise;
+    std::shared_future<Token> result = promise.get_future().share();
+    std::vector<TokenCallback> callbacks;  // guarded by the state's mutex
+    Token current;                         // the token to renew, if any
+};
+
+// What a caller does after looking at the state: use token, rethrow failure, or join flight
+// (starting it first when run is set). A refresh comes with a token to use.
+struct Plan {
+    Token token;
+    std::exception_ptr failure;
+    std::shared_ptr<Flight> flight;
+    bool run = false;
+};
+
+// Hands the outcome to a callback as the service's asynchronous calls do.
+void Deliver(const TokenCallback& callback, const Token& token, const std::exception_ptr& failure) {
+    if (!failure) {
+        callback(token, nullptr);
+        return;
+    }
+    try {
+        std::rethrow_exception(failure);
+    } catch (const Basalt::Exception& e) {
+        callback(nullptr, &e);
+    } catch (const std::exception& e) {
+        const SsoException wrapped(e.what());
+        callback(nullptr, &wrapped);
+    }
+}
+
+// The provider's state, shared with the work it queues on the pool so that work finishing after
+// the provider is gone touches only this.
+class ProviderState : public std::enable_shared_from_this<ProviderState> {
+  public:
+    ProviderState(std::shared_ptr<const SecurityTokenService> service, TokenRecipe recipe,
+                  TokenSpec spec, TokenProviderOptions options)
+        : m_service(std::move(service)),
+          m_recipe(std::move(recipe)),
+          m_spec(std::move(spec)),
+          m_options(std::move(options)),
+          m_random(std::random_device{}()) {}
+
+    Token Get() {
+        const Plan plan = Decide(nullptr);
+        if (plan.failure) {
+            std::rethrow_exception(plan.failure);
+        }
+        if (plan.token) {
+            Queue(plan);
+            return plan.token;
+        }
+        if (plan.run) {
+            Run(plan.flight);  // an acquisition the caller waits for runs on its thread
+        }
+        return plan.flight->result.get();
+    }
+
+    void GetAsync(const TokenCallback& callback) {
+        const Plan plan = Decide(&callback);
+        Queue(plan);
+        if (plan.token || plan.failure) {
+            Deliver(callback, plan.token, plan.failure);
+        }
+    }
+
+    void Invalidate() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_token.reset();
+        m_flight.reset();  // its callers still get its outcome; it is not kept
+        m_failure = nullptr;
+        m_failures = 0;
+        m_retryAt = std::numeric_limits<int64_t>::min();
+    }
+
+  private:
+    int64_t Now() const { return m_options.clock->Now().GetUtcTime(); }
+
+    bool Usable(const SamlToken& token, int64_t now) const {
+        return now + m_options.minValiditySec * kMicrosPerSec <
+               token.GetExpirationTime().GetUtcTime();
+    }
+
+    // The instant a refresh of token becomes due.
+    int64_t RefreshAt(const SamlToken& token) const {
+        const int64_t start = token.GetStartTime().GetUtcTime();
+        const int64_t expiry = token.GetExpirationTime().GetUtcTime();
+        const int64_t lifetime = expiry - start;
+        const int64_t byFraction = expiry - static_cast<int64_t>(m_options.refreshFraction *
+                                                                 static_cast<double>(lifetime));
+        const int64_t byMargin = expiry - m_options.refreshBeforeSec * kMicrosPerSec;
+        return std::max(std::min(byFraction, byMargin), start + lifetime / 2);
+    }
+
+    // The delay before the next attempt after m_failures consecutive failures.
+    int64_t Backoff() {
+        int64_t full = m_options.initialBackoffSec;
+        for (int n = 1; n < m_failures && full > 0 && full < m_options.maxBackoffSec; ++n) {
+            full *= 2;
+        }
+        full = std::min(full, m_options.maxBackoffSec) * kMicrosPerSec;
+        return std::uniform_int_distribution<int64_t>(full / 2, full)(m_random);
+    }
+
+    // Looks at the state under the lock; a new flight is made current here, and an asynchronous
+    // caller that has to wait joins its flight here, so no outcome is missed.
+    Plan Decide(const TokenCallback* callback) {
+        Plan plan;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const int64_t now = Now();
+        const bool retryDue = now >= m_retryAt;
+        if (m_token && Usable(*m_token, now)) {
+            plan.token = m_token;
+            plan.run = !m_flight && retryDue && now >= m_refreshAt;
+        } else if (!m_flight && !retryDue) {
+            plan.failure = m_failure;
+            return plan;
+        } else {
+            plan.run = !m_flight;
+        }
+        if (plan.run) {
+            m_flight = std::make_shared<Flight>();
+            m_flight->current = m_token;
+        }
+        plan.flight = m_flight;
+        if (callback && !plan.token) {
+            m_flight->callbacks.push_back(*callback);
+        }
+        return plan;
+    }
+
+    // Queues the flight of plan on the pool if this caller is to run it.
+    void Queue(const Plan& plan) {
+        if (!plan.run) {
+            return;
+        }
+        auto self = shared_from_this();
+        const std::shared_ptr<Flight> flight = plan.flight;
+        try {
+            Basalt::System::GetThreadPool()->GetWorkQueue()->Post(
+                [self, flight] { self->Run(flight); });
+        } catch (...) {
+            Complete(flight, nullptr, std::current_exception());
+        }
+    }
+
+    Token Fetch(const Token& current) const {
+        if (current && current->IsRenewable() && current->GetTokenType() == Saml_HOK &&
+            Now() < current->GetExpirationTime().GetUtcTime()) {
+            return m_service->RenewToken(*current, static_cast<long>(m_spec.tokenLifetimeSec));
+        }
+        return m_recipe.Get()(*m_service, m_spec);
+    }
+
+    void Run(const std::shared_ptr<Flight>& flight) {
+        try {
+            Token token = Fetch(flight->current);
+            if (!token) {
+                throw SsoException("The token service returned no token");
+            }
+            if (Now() >= token->GetExpirationTimeWithTolerance().GetUtcTime()) {
+                throw InvalidTokenException("The token service returned an expired token");
+            }
+            Complete(flight, token, nullptr);
+        } catch (...) {
+            Complete(flight, nullptr, std::current_exception());
+        }
+    }
+
+    void Complete(const std::shared_ptr<Flight>& flight, const Token& token,
+                  const std::exception_ptr& failure) {
+        std::vector<TokenCallback> callbacks;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            callbacks.swap(flight->callbacks);
+            if (m_flight == flight) {
+                m_flight.reset();
+                Record(token, failure);
+            }
+        }
+        failure ? flight->promise.set_exception(failure) : flight->promise.set_value(token);
+        for (const TokenCallback& callback : callbacks) {
+            try {
+                Deliver(callback, token, failure);
+            } catch (...) {
+                // A callback's own failure must not keep the others from theirs.
+            }
+        }
+    }
+
+    // Keeps the outcome of the current flight; the caller holds the mutex.
+    void Record(const Token& token, const std::exception_ptr& failure) {
+        if (token) {
+            m_token = token;
+            m_refreshAt = RefreshAt(*token);
+            m_failure = nullptr;
+            m_failures = 0;
+            m_retryAt = std::numeric_limits<int64_t>::min();
+            return;
+        }
+        m_failure = failure;
+        ++m_failures;
+        m_retryAt = Now() + Backoff();
+    }
+
+    const std::shared_ptr<const SecurityTokenService> m_service;
+    const TokenRecipe m_recipe;
+    const TokenSpec m_spec;
+    const TokenProviderOptions m_options;
+
+    std::mutex m_mutex;
+    Token m_token;
+    int64_t m_refreshAt = 0;
+    std::shared_ptr<Flight> m_flight;
+    std::exception_ptr m_failure;
+    int m_failures = 0;
+    int64_t m_retryAt = std::numeric_limits<int64_t>::min();
+    std::mt19937_64 m_random;
+};
+
+class TokenProviderImpl final : public TokenProvider {
+  public:
+    explicit TokenProviderImpl(std::shared_ptr<ProviderState> state) : m_state(std::move(state)) {}
+    Token GetToken() override { return m_state->Get(); }
+    void GetTokenAsync(const TokenCallback& callback) override { m_state->GetAsync(callback); }
+    void Invalidate() override { m_state->Invalidate(); }
+
+  private:
+    const std::shared_ptr<ProviderState> m_state;
+};
+
+void CheckOptions(const TokenProviderOptions& options) {
+    const bool valid = options.refreshFraction >= 0 && options.refreshFraction <= 1 &&
+                       options.refreshBeforeSec >= 0 && options.minValiditySec >= 0 &&
+                       options.initialBackoffSec >= 0 &&
+                       options.maxBackoffSec >= options.initialBackoffSec;
+    if (!valid) {
+        throw Basalt::InvalidArgumentException("Token provider options out of range");
+    }
+}
+
+}  // namespace
+
+TokenRecipe::TokenRecipe(Acquire acquire) : m_acquire(std::move(acquire)) {}
+
+TokenRecipe TokenRecipe::ByPassword(std::string user, std::string password) {
+    return TokenRecipe(
+        [user, password](const SecurityTokenService& service, const TokenSpec& spec) {
+            return service.AcquireToken(user, password, spec);
+        });
+}
+
+TokenRecipe TokenRecipe::ByCertificate() {
+    return TokenRecipe([](const SecurityTokenService& service, const TokenSpec& spec) {
+        return service.AcquireTokenByCertificate(spec);
+    });
+}
+
+TokenRecipe TokenRecipe::ByToken(std::shared_ptr<const SamlToken> token) {
+    return TokenRecipe([token](const SecurityTokenService& service, const TokenSpec& spec) {
+        return service.AcquireTokenByToken(*token, spec);
+    });
+}
+
+TokenRecipe TokenRecipe::ByGss(std::function<std::shared_ptr<NegotiationHandler>()> factory) {
+    return TokenRecipe([factory](const SecurityTokenService& service, const TokenSpec& spec) {
+        return service.AcquireTokenByGSS(spec, *factory());
+    });
+}
+
+TokenProvider::~TokenProvider() = default;
+
+std::unique_ptr<TokenProvider> CreateTokenProvider(
+    std::shared_ptr<const SecurityTokenService> service, TokenRecipe recipe, TokenSpec spec,
+    TokenProviderOptions options) {
+    if (!service || !recipe.Get()) {
+        throw Basalt::InvalidArgumentException("A token provider needs a service and a recipe");
+    }
+    CheckOptions(options);
+    if (!options.clock) {
+        options.clock = std::shared_ptr<const Basalt::System::Clock>(
+            std::shared_ptr<void>(), &Basalt::System::SystemClock());
+    }
+    return std::make_unique<TokenProviderImpl>(std::make_shared<ProviderState>(
+        std::move(service), std::move(recipe), std::move(spec), std::move(options)));
+}
+
+}  // namespace SsoClient
