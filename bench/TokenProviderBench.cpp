@@ -15,8 +15,6 @@
 #include "TestData.h"
 #include "internal/saml/SamlNames.h"
 #include "support/SamlAssertionGenerator.h"
-// The assertion generator is built into SamlTokenBench only; this program compiles it in.
-#include "support/SamlAssertionGenerator.cpp"
 
 namespace {
 
