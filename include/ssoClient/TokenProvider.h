@@ -39,10 +39,10 @@ class SSOCLIENT_API TokenRecipe {
 
 // When a provider refreshes and how it backs off. The defaults suit tokens of minutes to hours.
 struct TokenProviderOptions {
-    // A refresh starts in the background once the token enters the last refreshFraction of its
-    // lifetime or the last refreshBeforeSec seconds before its expiry, whichever comes first,
-    // but never in the first half of its lifetime (so short tokens are not refreshed
-    // continuously).
+    // A refresh starts in the background with the first call after the token enters the last
+    // refreshFraction of its lifetime or the last refreshBeforeSec seconds before its expiry,
+    // whichever comes first, but never in the first half of its lifetime (so short tokens are
+    // not refreshed continuously). No timer runs for a provider nobody calls.
     double refreshFraction = 0.2;
     int64_t refreshBeforeSec = 300;
     // GetToken hands out a token only while it stays valid at least this long: now + margin
