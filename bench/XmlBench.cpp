@@ -16,12 +16,12 @@
 #include <string>
 #include <vector>
 
-#include "TestData.h"
 #include <basalt/Crypto.h>
 #include <basalt/IO.h>
 #include <basalt/StringUtil.h>
 #include <basalt/Xml.h>
 #include <basalt/XmlSecurity.h>
+#include "TestData.h"
 
 using namespace Basalt;
 using namespace Basalt::Xml;
