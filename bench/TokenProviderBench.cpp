@@ -13,36 +13,13 @@
 #include <ssoClient/ValidatedTokenCache.h>
 
 #include "TestData.h"
+#include "TypicalToken.h"
 #include "internal/saml/SamlNames.h"
 #include "support/SamlAssertionGenerator.h"
 
 namespace {
 
 using namespace TestSupport;
-
-// As SamlTokenBench's typical bearer token: two delegates, audiences, restrictions, advice, a
-// person name and ten groups, signed with RSA-2048; valid for a day.
-const std::string& TypicalToken() {
-    static const std::string xml = [] {
-        AssertionSpec spec;
-        spec.delegates = {{"svc-frontend@example.test", -600}, {"svc-backend@example.test", -300}};
-        spec.audiences = {"https://api.example.test/", "urn:example:inventory"};
-        spec.proxyCount = "3";
-        spec.renewCount = "5";
-        spec.advice = {{"urn:example:advice", {{"urn:example:tenant", {"acme"}}}}};
-        std::vector<std::string> groups;
-        for (int i = 0; i < 10; ++i) {
-            groups.push_back("example.test\\Group-" + std::to_string(i));
-        }
-        spec.attributes = {{SsoClient::Saml::kGivenNameAttribute, {"Alice"}},
-                           {SsoClient::Saml::kSurnameAttribute, {"Liddell"}},
-                           {SsoClient::Saml::kGroupIdentityAttribute, groups},
-                           {SsoClient::Saml::kIsSolutionAttribute, {"false"}}};
-        spec.notOnOrAfterOffsetSec = 24 * 3600;
-        return MakeSignedAssertion(spec);
-    }();
-    return xml;
-}
 
 const std::shared_ptr<SsoClient::SamlTokenFactory>& Factory() {
     static const auto resolver = StsResolver();
