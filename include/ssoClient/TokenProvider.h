@@ -23,10 +23,11 @@ class SSOCLIENT_API TokenRecipe {
     static TokenRecipe ByPassword(std::string user, std::string password);
     // AcquireTokenByCertificate(spec); the service needs a HolderOfKeyConfig.
     static TokenRecipe ByCertificate();
-    // AcquireTokenByToken(*token, spec).
+    // AcquireTokenByToken(*token, spec). A null token throws Basalt::InvalidArgumentException.
     static TokenRecipe ByToken(std::shared_ptr<const SamlToken> token);
     // AcquireTokenByGSS(spec, *handlerFactory()): a fresh handler for every acquisition, since
-    // a negotiation cannot be replayed.
+    // a negotiation cannot be replayed. No factory throws Basalt::InvalidArgumentException at
+    // once; a factory that returns no handler makes that acquisition throw it.
     static TokenRecipe ByGss(std::function<std::shared_ptr<NegotiationHandler>()> handlerFactory);
     // Any other acquisition.
     explicit TokenRecipe(Acquire acquire);

@@ -47,6 +47,9 @@ void Deliver(const TokenCallback& callback, const Token& token, const std::excep
     } catch (const std::exception& e) {
         const SsoException wrapped(e.what());
         callback(nullptr, &wrapped);
+    } catch (...) {
+        const SsoException wrapped("Token acquisition failed with an unknown exception");
+        callback(nullptr, &wrapped);
     }
 }
 
@@ -278,14 +281,25 @@ TokenRecipe TokenRecipe::ByCertificate() {
 }
 
 TokenRecipe TokenRecipe::ByToken(std::shared_ptr<const SamlToken> token) {
+    if (!token) {
+        throw Basalt::InvalidArgumentException("TokenRecipe::ByToken: the token may not be null");
+    }
     return TokenRecipe([token](const SecurityTokenService& service, const TokenSpec& spec) {
         return service.AcquireTokenByToken(*token, spec);
     });
 }
 
 TokenRecipe TokenRecipe::ByGss(std::function<std::shared_ptr<NegotiationHandler>()> factory) {
+    if (!factory) {
+        throw Basalt::InvalidArgumentException("TokenRecipe::ByGss: no handler factory");
+    }
     return TokenRecipe([factory](const SecurityTokenService& service, const TokenSpec& spec) {
-        return service.AcquireTokenByGSS(spec, *factory());
+        const std::shared_ptr<NegotiationHandler> handler = factory();
+        if (!handler) {
+            throw Basalt::InvalidArgumentException(
+                "TokenRecipe::ByGss: the factory returned no handler");
+        }
+        return service.AcquireTokenByGSS(spec, *handler);
     });
 }
 

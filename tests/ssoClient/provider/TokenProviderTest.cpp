@@ -230,6 +230,13 @@ TEST_F(TokenProviderTest, RefusesWhatTheServiceShouldNotHaveReturned) {
     provider = Provider({Short});
     EXPECT_TRUE(Throws<InvalidTokenException>([&] { provider->GetToken(); },
                                               "The token service returned an expired token"));
+    // Recipes that could only fail later fail at once, or with a clear message.
+    EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(
+        [] { TokenRecipe::ByToken(nullptr); }, "TokenRecipe::ByToken: the token may not be null"));
+    provider = CreateTokenProvider(std::make_shared<RenewingService>(nullptr),
+                                   TokenRecipe::ByGss([] { return nullptr; }), TokenSpec{});
+    EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(
+        [&] { provider->GetToken(); }, "TokenRecipe::ByGss: the factory returned no handler"));
 }
 
 // Counts the calls of a callback; the first one fulfils the future.
