@@ -1,5 +1,4 @@
-// Principal comparison and the library's logger.
-#include <basalt/Log.h>
+// Principal comparison.
 #include <gtest/gtest.h>
 #include <ssoClient/Types.h>
 
@@ -20,14 +19,7 @@ TEST(PrincipalIdTest, ComparesAsciiCaseInsensitivelyUpToTheFirstNul) {
     for (const auto& [a, b, equal] : cases) {
         EXPECT_EQ(a == b, equal) << a.name << "@" << a.domain;
         EXPECT_EQ(b != a, !equal);
-        EXPECT_TRUE(a == a);
     }
-}
-
-TEST(LibraryLoggerTest, TheLibraryLoggerExistsOnceLoaded) {
-    const Basalt::Service::Logger* logger = Basalt::Service::FindLogger("SsoClient");
-    ASSERT_NE(logger, nullptr);
-    EXPECT_EQ(logger->GetName(), "SsoClient");
 }
 
 }  // namespace

@@ -121,22 +121,6 @@ std::string Advice(const AssertionSpec& spec) {
     return xml.empty() ? xml : "<saml2:Advice>" + xml + "</saml2:Advice>";
 }
 
-std::string SignatureTemplate(const std::string& id) {
-    return "<ds:Signature xmlns:ds=\"http://www.w3.org/2000/09/xmldsig#\"><ds:SignedInfo>"
-           "<ds:CanonicalizationMethod Algorithm=\"http://www.w3.org/2001/10/xml-exc-c14n#\"/>"
-           "<ds:SignatureMethod Algorithm=\"http://www.w3.org/2001/04/xmldsig-more#rsa-sha256\"/>"
-           "<ds:Reference URI=\"#" +
-           id +
-           "\"><ds:Transforms>"
-           "<ds:Transform Algorithm=\"http://www.w3.org/2000/09/xmldsig#enveloped-signature\"/>"
-           "<ds:Transform Algorithm=\"http://www.w3.org/2001/10/xml-exc-c14n#\"/>"
-           "</ds:Transforms>"
-           "<ds:DigestMethod Algorithm=\"http://www.w3.org/2001/04/xmlenc#sha256\"/>"
-           "<ds:DigestValue/></ds:Reference></ds:SignedInfo><ds:SignatureValue/>"
-           "<ds:KeyInfo><ds:X509Data><ds:X509Certificate/></ds:X509Data></ds:KeyInfo>"
-           "</ds:Signature>";
-}
-
 Ref<Basalt::Xml::Document> Parse(const std::string& xml) {
     Ref<Basalt::Xml::Document> document;
     ParseXmlText(xml, document);
@@ -170,9 +154,12 @@ std::string BuildAssertionXml(const AssertionSpec& spec, bool withSignatureTempl
         "\" IssueInstant=\"" + At(-5) + "\" Version=\"" + spec.version +
         "\"><saml2:Issuer Format=\"urn:oasis:names:tc:SAML:2.0:nameid-format:entity\">"
         "https://sts.example.test/sts</saml2:Issuer>" +
-        (withSignatureTemplate ? SignatureTemplate(id) : "") + "<saml2:Subject>" +
-        NameId(spec.subjectUpn) + SubjectConfirmation(spec) + "</saml2:Subject>" +
-        Conditions(spec) + Advice(spec) + "<saml2:AuthnStatement AuthnInstant=\"" + At(-5) +
+        (withSignatureTemplate
+             ? ReplaceOnce(TestData::Read("saml/signature-template.xml"), "#ID", "#" + id)
+             : "") +
+        "<saml2:Subject>" + NameId(spec.subjectUpn) + SubjectConfirmation(spec) +
+        "</saml2:Subject>" + Conditions(spec) + Advice(spec) +
+        "<saml2:AuthnStatement AuthnInstant=\"" + At(-5) +
         "\"><saml2:AuthnContext><saml2:AuthnContextClassRef>"
         "urn:oasis:names:tc:SAML:2.0:ac:classes:PasswordProtectedTransport"
         "</saml2:AuthnContextClassRef></saml2:AuthnContext></saml2:AuthnStatement>";

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -29,14 +30,15 @@ struct SamlDelegate {
     int64_t instantOffsetSec = -120;
 };
 
-// A clock that always reads the same instant.
-class FixedClock final : public Basalt::System::Clock {
-  public:
-    explicit FixedClock(const std::string& instant) : m_now(instant) {}
-    Basalt::System::DateTime Now() const override { return m_now; }
-
-  private:
-    Basalt::System::DateTime m_now;
+// A clock that reads what the test sets it to: microseconds since the epoch, or an instant.
+struct ManualClock final : Basalt::System::Clock {
+    explicit ManualClock(long start = 0) : micros(start) {}
+    explicit ManualClock(const std::string& instant)
+        : micros(Basalt::System::DateTime(instant).GetUtcTime()) {}
+    Basalt::System::DateTime Now() const override {
+        return Basalt::System::DateTimeFromUtc(micros.load(), false);
+    }
+    std::atomic<long> micros;
 };
 
 // What a generated assertion says. Times are seconds relative to the clock's present, so tests

@@ -10,6 +10,7 @@
 #include "foundation/JwtTestSupport.h"
 #include "internal/jwt/JwtTokenValidator.h"
 #include "support/ExpectThrow.h"
+#include "support/SamlAssertionGenerator.h"
 
 using namespace SsoClient;
 using Basalt::System::DateTime;
@@ -28,13 +29,12 @@ DateTime At(int64_t seconds, int64_t micros = 0) {
     return Basalt::System::DateTimeFromUtc(seconds * 1000000 + micros, false);
 }
 
-struct FixedClock final : Basalt::System::Clock {
-    explicit FixedClock(int64_t seconds, int64_t micros = 0) : now(At(seconds, micros)) {}
-    DateTime Now() const override { return now; }
-    DateTime now;
-};
+// A clock reading these seconds (and microseconds) since the epoch.
+TestSupport::ManualClock Clock(int64_t seconds, int64_t micros = 0) {
+    return TestSupport::ManualClock(seconds * 1000000 + micros);
+}
 
-Basalt::Ref<JwtTokenValidator> Validator(const FixedClock& clock) {
+Basalt::Ref<JwtTokenValidator> Validator(const Basalt::System::Clock& clock) {
     return new JwtTokenValidator({"urn:other", kAudience}, JwtTest::Keys(kKeys), 600, clock);
 }
 
@@ -125,7 +125,7 @@ TEST(JwtTokenValidatorTest, ChecksRunInOrderWithTheirMessages) {
         {"groups", R"("Users@x")", "Incorrect groups format"},
         {"groups", R"(["Users@x","Users"])", "Incorrect group format"},
     };
-    const FixedClock clock(kNow);
+    const auto clock = Clock(kNow);
     const auto validator = Validator(clock);
     Claims allBroken;
     for (size_t row = std::size(rows); row-- > 0;) {
@@ -156,7 +156,7 @@ TEST(JwtTokenValidatorTest, TimeRulesAtTheirEdges) {
         };
     for (const auto& [name, now, exp, iat, nbf, error, start] : cases) {
         SCOPED_TRACE(name);
-        const FixedClock clock(now);
+        const auto clock = Clock(now);
         const auto validator = Validator(clock);
         const std::string token = Token({{"exp", std::to_string(exp)},
                                          {"iat", std::to_string(iat)},
@@ -170,12 +170,12 @@ TEST(JwtTokenValidatorTest, TimeRulesAtTheirEdges) {
         EXPECT_EQ(At(exp + 600), validated->GetExpirationTimeWithTolerance());
     }
     // "Now" is whole seconds, truncated.
-    const FixedClock late(kNow + 3600 + 600, 999999);
+    const auto late = Clock(kNow + 3600 + 600, 999999);
     EXPECT_NO_THROW(Validator(late)->Validate(Token(), ""));
 }
 
 TEST(JwtTokenValidatorTest, NamesAreSplitAtTheLastSeparator) {
-    const FixedClock clock(kNow);
+    const auto clock = Clock(kNow);
     const auto validator = Validator(clock);
     const auto token = validator->Validate(
         Token({{"sub", R"("a@b@c")"}, {"preferred_username", R"("Mary Ann Lee")"}}), "");

@@ -1,21 +1,17 @@
-// The token provider over a scripted service and a hand-set clock, and once end to end against
-// the loopback STS, which counts the requests it gets.
-#include <basalt/Crypto.h>
-#include <basalt/Ssl.h>
+// The token provider over a scripted service and a hand-set clock (end to end in
+// SecurityTokenServiceTest).
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/TokenProvider.h>
 
-#include <atomic>
 #include <future>
 #include <map>
 #include <mutex>
 
-#include "TestData.h"
 #include "internal/service/SecurityTokenServiceImpl.h"
-#include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
+#include "support/TestCredentials.h"
 
 namespace {
 
@@ -26,13 +22,6 @@ using Answer = std::function<Token()>;
 using Calls = std::vector<std::string>;
 constexpr int64_t kSec = 1000000;
 const std::string kDown = "Server returned error: 503 Service Unavailable";
-
-struct ManualClock final : Basalt::System::Clock {
-    Basalt::System::DateTime Now() const override {
-        return Basalt::System::DateTimeFromUtc(micros.load(), false);
-    }
-    std::atomic<long> micros{0};
-};
 
 // Signed assertions, each made once: valid from a minute ago until lifetimeSec from now. A
 // token's renew count is its proxy count.
@@ -74,12 +63,11 @@ class TokenProviderTest : public ::testing::Test {
         m_script = std::move(script);  // no call of an earlier provider is left running
         m_calls.clear();
         options.clock = m_clock;
-        TokenSpec spec;
-        spec.tokenLifetimeSec = 600;
         const auto service = std::make_shared<RenewingService>(
             [this](long seconds) { return Call("renew " + std::to_string(seconds)); });
-        return CreateTokenProvider(
-            service, TokenRecipe([this](auto&, auto&) { return Call("acquire"); }), spec, options);
+        return CreateTokenProvider(service,
+                                   TokenRecipe([this](auto&, auto&) { return Call("acquire"); }),
+                                   Spec(), options);
     }
     Token Call(const std::string& name) {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -280,35 +268,6 @@ TEST_F(TokenProviderTest, MayBeDestroyedWhileAnAcquisitionIsInFlight) {
     provider.reset();
     m_release.set_value();
     EXPECT_EQ(outcome.done.get_future().get(), Xml(600));
-}
-
-TEST(TokenProviderStsTest, ManyConcurrentCallersCauseOneStsRequest) {
-    TestSts::WsTrustSts sts;
-    Basalt::Ssl::SSLContextOptions tls;
-    tls.trustedCaPem = TestData::Read("sts/ca.pem");
-    Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
-    Basalt::Ssl::CreateSSLContext(tls, sslContext);
-    std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
-    Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
-    Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
-    SecurityTokenServiceConfig config;
-    config.url = sts.Url();
-    config.tokenFactory = CreateSamlTokenFactory(resolver.Get());
-    config.sslContext = sslContext.Get();
-    TokenSpec spec;
-    spec.tokenLifetimeSec = 600;
-    auto provider = CreateTokenProvider(CreateSecurityTokenService(config),
-                                        TokenRecipe::ByPassword("alice", "alice-password"), spec);
-    std::vector<std::future<Token>> callers(8);
-    for (auto& caller : callers) {
-        caller = std::async(std::launch::async, [&] { return provider->GetToken(); });
-    }
-    const Token token = provider->GetToken();
-    for (auto& caller : callers) {
-        EXPECT_EQ(caller.get(), token);
-    }
-    EXPECT_EQ(sts.Stats()["requests"], 1);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/ValidatedTokenCache.h>
 
-#include <atomic>
 #include <future>
 #include <string>
 #include <vector>
@@ -18,13 +17,6 @@ namespace {
 using namespace SsoClient;
 using Token = std::shared_ptr<const SamlToken>;
 const std::string kRejected = "Signature validation failed";
-
-struct ManualClock final : Basalt::System::Clock {
-    Basalt::System::DateTime Now() const override {
-        return Basalt::System::DateTimeFromUtc(micros.load(), false);
-    }
-    std::atomic<long> micros{Basalt::System::GetUtcDateTime().GetUtcTime()};
-};
 
 // A new token object for every text but those starting "bad", which it rejects; counts calls.
 Token Answer(std::atomic<int>& calls, std::string_view text, long toleranceSec) {
@@ -82,7 +74,8 @@ class ValidatedTokenCacheTest : public ::testing::TestWithParam<Validate (*)(
         options.clock = m_clock;
         return GetParam()(options, m_calls);
     }
-    std::shared_ptr<ManualClock> m_clock = std::make_shared<ManualClock>();
+    std::shared_ptr<TestSupport::ManualClock> m_clock =
+        std::make_shared<TestSupport::ManualClock>(Basalt::System::GetUtcDateTime().GetUtcTime());
     std::atomic<int> m_calls{0};
 };
 

@@ -7,6 +7,7 @@
 #include "RequestTestSupport.h"
 #include "internal/requests/RequestBodies.h"
 #include "internal/requests/SpnegoBodies.h"
+#include "support/TestCredentials.h"
 
 namespace {
 
@@ -14,6 +15,7 @@ using namespace SsoClient;
 using namespace RequestTest;
 using Basalt::Ref;
 using Basalt::Xml::ElementNode;
+using TestSupport::Spec;
 
 const std::string kTrust = "http://docs.oasis-open.org/ws-sx/ws-trust/200512";
 
@@ -33,12 +35,6 @@ std::string BodyText(const XMLBaseBuilder& builder) {
 
 Ref<ElementNode> InBody(const XMLBaseBuilder& builder) {
     return Children(*Parse(BodyText(builder)))[0];
-}
-
-TokenSpec Spec(int64_t lifetime = 600) {
-    TokenSpec spec;
-    spec.tokenLifetimeSec = lifetime;
-    return spec;
 }
 
 TEST(RequestBodiesTest, EveryBodyKindHasItsElementsInOrderAndTheirValues) {

@@ -1,11 +1,14 @@
 // The assertion walk is strict: each case changes one thing in a signed token and expects the walk
 // to refuse it with its exact message. Tokens are created without verification, so the failures
-// come from the walk itself, not from the broken signature.
+// come from the walk itself, not from the broken signature. Then the validity rules.
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/SamlTokenFactory.h>
 
+#include <climits>
+
 #include "internal/saml/SamlNames.h"
+#include "internal/saml/SamlTokenImpl.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
 
@@ -172,6 +175,98 @@ TEST(SamlStructureTest, IgnoresCommentsBlanksAndDeclarationsAndAcceptsAnyConditi
     // A holder-of-key certificate that is not Base64 is the foundation's error.
     EXPECT_THROW(CreateSamlToken(Mutate(h, "<ds:X509Certificate>M", "<ds:X509Certificate>*")),
                  Basalt::Base64FormatException);
+}
+
+// Version, ID, validity window with clock tolerance, subject validity and delegation rules, checked
+// against a fixed present so that every boundary is exact.
+const ManualClock kNow("2030-01-01T00:00:00Z");
+
+std::string At(int64_t offsetSec) {
+    return Basalt::System::DateTimeFromUtc(kNow.Now().GetUtcTime() + offsetSec * 1000000, false)
+        .ToString();
+}
+
+// Builds and verifies a token at kNow; an empty message means it is accepted.
+void Expect(const std::string& xml, long tolerance, const std::string& message) {
+    const auto build = [&] { SamlTokenImpl(xml, true, StsResolver().Get(), tolerance, kNow); };
+    if (message.empty()) {
+        EXPECT_NO_THROW(build()) << tolerance;
+    } else {
+        EXPECT_TRUE(Throws<ParseException>(build, message)) << tolerance;
+    }
+}
+
+TEST(SamlValidationTest, ValidityWindowWidenedByTheToleranceOnBothSides) {
+    const std::string future = "Token start date is in the future: ";
+    const std::string expired = "The token has expired at: ";
+    const std::tuple<int64_t, int64_t, long, std::string> windows[] = {
+        {100, 100, LONG_MAX,
+         "Unsatisfiable token validity conditions: NotBefore must be less than NotOnOrAfter."},
+        {599, 3600, 600, ""},
+        {600, 3600, 600, ""},
+        {601, 3600, 600, future + At(601)},
+        {-5, 3600, -10, future + At(-5)},  // a negative tolerance narrows the window
+        {-3600, -599, 600, ""},
+        {-3600, -600, 600, expired + At(-600)},
+        {-3600, -1800, LONG_MAX, ""},             // saturates instead of overflowing
+        {-60, 3600, LONG_MIN, future + At(-60)},  // saturates the other way
+    };
+    for (const auto& [notBefore, notOnOrAfter, tolerance, message] : windows) {
+        AssertionSpec spec;
+        spec.clock = &kNow;
+        spec.notBeforeOffsetSec = notBefore;
+        spec.notOnOrAfterOffsetSec = notOnOrAfter;
+        Expect(MakeSignedAssertion(spec), tolerance, message);
+    }
+}
+
+TEST(SamlValidationTest, VersionIdSubjectValidityAndDelegation) {
+    const S mismatch =
+        "The SubjectConfirmation delegate id does not match the id of the last delegate";
+    const S bob = kNameId + "bob@example.test</saml2:NameID>", data = "Data NotOnOrAfter=\"";
+    const S hok = "KeyInfoConfirmationDataType\"", version = "Version=\"2.0\"";
+    const std::vector<SamlDelegate> one = {{"bob@example.test"}},
+                                    two = {{"bob@example.test"}, {"carol@example.test"}};
+    // Edits of the text (the SubjectConfirmation's NameID comes first), the message; delegates,
+    // holder-of-key.
+    const std::tuple<std::vector<std::pair<S, S>>, S, std::vector<SamlDelegate>, bool> rules[] = {
+        {{}, "", {}, false},
+        {{{version, "Version=\"2.00\""}}, "Invalid token version", {}, false},
+        {{{version, "Version=\" 2.0\""}}, "Invalid token version", {}, false},
+        {{{"ID=\"_", "ID=\"a"}}, "Invalid token ID", {}, false},
+        {{{data + At(3600), data + At(3599)}}, "Invalid token subject validity", {}, false},
+        {{{data + At(3600), data + At(3601)}}, "", {}, false},
+        {{{hok, hok + " NotOnOrAfter=\"" + At(3599) + "\""}}, "", {}, true},
+        {{}, "", two, false},
+        {{{bob, ""}},
+         "Token has delegation restriction, but no delegate id is present in the "
+         "SubjectConfirmation",
+         one,
+         false},
+        {{{"<saml2:SubjectConfirmationData", bob + "<saml2:SubjectConfirmationData"}},
+         "Token SubjectConfirmation contains delegate id, but no delegation restriction is "
+         "present",
+         {},
+         false},
+        {{{">carol@", ">bob@"}}, mismatch, two, false},
+        {{{">bob@", ">Bob@"}}, mismatch, one, false},
+        // The same delegate id in another Format does not match either.
+        {{{"UPN\">bob@", "emailAddress\">bob@"}}, mismatch, one, false},
+    };
+    for (const auto& [edits, message, delegates, holderOfKey] : rules) {
+        AssertionSpec spec;
+        spec.clock = &kNow;
+        spec.holderOfKey = holderOfKey;
+        spec.delegates = delegates;
+        spec.edits = edits;
+        Expect(MakeSignedAssertion(spec), 600, message);
+    }
+    // An empty ID, signed over the whole document.
+    AssertionSpec noId;
+    noId.clock = &kNow;
+    noId.id = "_placeholder";
+    noId.edits = {{"ID=\"_placeholder\"", "ID=\"\""}};
+    Expect(SignAssertion(BuildAssertionXml(noId), std::string()), 600, "Invalid token ID");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// What a token reports, how each entry point parses and verifies, and the interpretation of names,
-// groups, counts and attributes.
+// What a token reports, how each entry point parses and verifies, the interpretation of names,
+// groups, counts and attributes, and the one-line descriptions log readers match letter for letter.
 #include <gtest/gtest.h>
 #include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
@@ -13,8 +13,10 @@
 #include "internal/saml/SamlTokenImpl.h"
 #include "internal/xml/Namespaces.h"
 #include "internal/xml/XmlUtils.h"
+#include "ssoClient/requests/RequestTestSupport.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
+#include "support/TestCredentials.h"
 
 namespace {
 
@@ -30,7 +32,7 @@ Ref<Basalt::Xml::Document> ParseDocument(const std::string& xml) {
 }
 
 TEST(SamlTokenTest, ReportsEverythingTheAssertionSays) {
-    const FixedClock now("2030-01-01T00:00:00Z");
+    const ManualClock now("2030-01-01T00:00:00Z");
     AssertionSpec spec;
     spec.clock = &now;
     spec.id = "_rich";
@@ -244,6 +246,36 @@ TEST(SamlTokenTest, FromDomKeepsTheInclusiveCanonicalForm) {
 TEST(SamlTokenDeathTest, UnsupportedInfoAborts) {
     const auto token = CreateSamlToken(MakeSignedAssertion(AssertionSpec{}));
     EXPECT_DEATH(token->GetUnsupportedInfo(), "NOT_IMPLEMENTED ssoClient/SamlTokenImpl:94");
+}
+
+// Plain strings keep the separator after an empty first value; descriptions get one only once the
+// text is not empty.
+TEST(DescriptionTest, SeparatorsFollowTheFirstNonEmptyText) {
+    EXPECT_EQ(DescribeAdviceAttribute(AdviceAttribute{"x", {"", "b"}}),
+              "[source=x, attributes=[, b]]");
+    EXPECT_EQ(JoinDescriptions(std::vector<std::string>{"", "x", "", "y"},
+                               [](const std::string& s) { return s; }),
+              "x, , y");
+}
+
+TEST(DescriptionTest, DescribesTokenSpecsAndATokenWithoutSubjectOrKnownType) {
+    TokenSpec spec = Spec(7200);
+    EXPECT_EQ(DescribeTokenSpec(spec),
+              "TokenSpec [tokenLifetimeSec=7200, delegable=false, delegateTo=<unset>, "
+              "renewable=false, confirmationType=0,audienceRestriction=, advice=[]");
+    spec.delegable = spec.renewable = true;
+    spec.delegateTo = std::string();
+    spec.confirmation = static_cast<ConfirmationType>(5);
+    spec.audienceRestriction = {"urn:b", "urn:a"};
+    spec.advice = {Advice{"s", {{"n", {"v"}}}}, Advice{"t", {}}};
+    EXPECT_EQ(DescribeTokenSpec(spec),
+              "TokenSpec [tokenLifetimeSec=7200, delegable=true, delegateTo=, renewable=true, "
+              "confirmationType=5,audienceRestriction=urn:a, urn:b, advice=[Advice [source=s, "
+              "attributes=[[source=n, attributes=[v]]]], Advice [source=t, attributes=[]]]");
+    EXPECT_EQ(CreateSamlTokenDescription(RequestTest::TextToken("", "", static_cast<TokenType>(7))),
+              "SamlToken [subject=(null), groups=[], delegationChain=[], "
+              "startTime=1970-01-01T00:00:00.000000Z, endTime=1970-01-01T00:00:00.000000Z, "
+              "renewCount=0, delegableCount=0, isSolution=false, type=]");
 }
 
 }  // namespace

@@ -6,13 +6,16 @@
 #include <basalt/StringUtil.h>
 #include <gtest/gtest.h>
 #include <ssoClient/ConnectionSpec.h>
+#include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/SecurityTokenService.h>
+#include <ssoClient/TokenProvider.h>
 
 #include <future>
 #include <sstream>
 
 #include "TestData.h"
+#include "internal/saml/Descriptions.h"
 #include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
 #include "support/TestCredentials.h"
@@ -20,6 +23,7 @@
 namespace {
 
 using namespace SsoClient;
+using TestSupport::Spec;
 
 // The STS's TLS and token-signing trust, and the client's holder-of-key identity.
 struct StsTrust {
@@ -36,10 +40,11 @@ struct StsTrust {
     HolderOfKeyConfig client = TestSupport::LoadHolderOfKey("sts/client.pem", "sts/client.key");
 };
 
-TokenSpec Spec(int64_t lifetimeSeconds = 600) {
-    TokenSpec spec;
-    spec.tokenLifetimeSec = lifetimeSeconds;
-    return spec;
+// The description without its times.
+std::string Described(const SamlToken& token) {
+    std::string text = CreateSamlTokenDescription(token);
+    const size_t from = text.find(", startTime=");
+    return text.erase(from, text.find(", renewCount=") - from);
 }
 
 int64_t LifetimeSeconds(const SamlToken& token) {
@@ -100,30 +105,24 @@ class SecurityTokenServiceTest : public ::testing::Test {
 
 TEST_F(SecurityTokenServiceTest, PasswordTokenCarriesWhatWasAskedFor) {
     TokenSpec spec = Spec(1200);
-    spec.renewable = true;
-    spec.delegable = true;
+    spec.renewable = spec.delegable = true;
     spec.audienceRestriction = {"urn:service:b", "urn:service:a"};
     spec.advice = {{"urn:advice:source", {{"colour", {"red", "green"}}}}};
     auto token = Service(false)->AcquireToken("alice", "alice-password", spec);
     ASSERT_TRUE(token);
-    EXPECT_EQ(*token->GetSubject(), (PrincipalId{"alice", "example.test"}));
-    EXPECT_EQ(token->GetTokenType(), Saml_Bearer);
+    EXPECT_EQ(Described(*token),
+              "SamlToken [subject={Name: alice; Domain:example.test}, groups=[{Name: Users; "
+              "Domain:example.test}, {Name: Readers; Domain:example.test}], delegationChain=[], "
+              "renewCount=10, delegableCount=10, isSolution=false, type=Saml_Bearer]");
     EXPECT_EQ(LifetimeSeconds(*token), 1200);
-    EXPECT_TRUE(token->IsRenewable());
-    EXPECT_TRUE(token->IsDelegable());
     std::set<std::string> audience;
     token->GetAudience(audience);
     EXPECT_EQ(audience, spec.audienceRestriction);
     std::vector<Advice> advice;
     token->GetAdvice(advice);
-    ASSERT_EQ(advice.size(), 1u);
-    EXPECT_EQ(advice[0].source, "urn:advice:source");
-    ASSERT_EQ(advice[0].attributes.size(), 1u);
-    EXPECT_EQ(advice[0].attributes[0].values, (std::vector<std::string>{"red", "green"}));
-    std::vector<PrincipalId> groups;
-    token->GetGroups(groups);
-    EXPECT_EQ(groups,
-              (std::vector<PrincipalId>{{"Users", "example.test"}, {"Readers", "example.test"}}));
+    EXPECT_EQ(JoinDescriptions(advice, {DescribeAdvice}),
+              "Advice [source=urn:advice:source, attributes=[[source=colour, attributes=[red, "
+              "green]]]]");
     PersonName name;
     token->GetPersonName(name);
     EXPECT_EQ(name.givenName + " " + name.surname, "Alice Liddell");
@@ -133,13 +132,13 @@ TEST_F(SecurityTokenServiceTest, PasswordTokenCarriesWhatWasAskedFor) {
 TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
     auto service = Service();
     TokenSpec spec = Spec(900);
-    spec.renewable = true;
-    spec.delegable = true;
+    spec.renewable = spec.delegable = true;
     auto byCertificate = service->AcquireTokenByCertificate(spec);
     ASSERT_TRUE(byCertificate);
-    EXPECT_EQ(byCertificate->GetTokenType(), Saml_HOK);
-    EXPECT_EQ(byCertificate->GetSubject()->name, "client-solution");
-    EXPECT_TRUE(byCertificate->IsSolution());
+    EXPECT_EQ(Described(*byCertificate),
+              "SamlToken [subject={Name: client-solution; Domain:example.test}, groups=[{Name: "
+              "Solutions; Domain:example.test}], delegationChain=[], renewCount=10, "
+              "delegableCount=10, isSolution=true, type=Saml_HOK]");
     ASSERT_NE(byCertificate->GetHolderOfKeyCertificate(), nullptr);
     EXPECT_TRUE(byCertificate->GetHolderOfKeyCertificate()->Equals(*Trust().client.certificate));
 
@@ -227,6 +226,21 @@ TEST_F(SecurityTokenServiceTest, FailuresReachTheCaller) {
     EXPECT_THROW(
         Service(false, StsTrust("tls/ca.pem"))->AcquireToken("alice", "alice-password", Spec()),
         CommunicationException);
+    EXPECT_EQ(m_sts.Stats()["requests"], 1);
+}
+
+// Callers of a provider who find no token share one request.
+TEST_F(SecurityTokenServiceTest, ManyConcurrentProviderCallersCauseOneRequest) {
+    auto provider = CreateTokenProvider(Service(false),
+                                        TokenRecipe::ByPassword("alice", "alice-password"), Spec());
+    std::vector<std::future<std::shared_ptr<const SamlToken>>> callers(8);
+    for (auto& caller : callers) {
+        caller = std::async(std::launch::async, [&] { return provider->GetToken(); });
+    }
+    const auto token = provider->GetToken();
+    for (auto& caller : callers) {
+        EXPECT_EQ(caller.get(), token);
+    }
     EXPECT_EQ(m_sts.Stats()["requests"], 1);
 }
 

@@ -31,12 +31,6 @@ constexpr Check kThrows = &Throws<E, const std::function<void()>&>;
 const std::string kTrust = "http://docs.oasis-open.org/ws-sx/ws-trust/200512/";
 const std::string kDown = "Server returned error: 503 Service Unavailable";
 
-TokenSpec Spec() {
-    TokenSpec spec;
-    spec.tokenLifetimeSec = 600;
-    return spec;
-}
-
 std::string Signed(bool holderOfKey, const std::string& version = "2.0") {
     AssertionSpec spec;
     spec.holderOfKey = holderOfKey;
