@@ -42,8 +42,7 @@ std::pair<bool, bool> Verify(std::string envelope) {
 
 TEST(SignedRequestInteropTest, EverySignedOperationVerifiesElsewhereAndTamperingIsDetected) {
     const RequestBuilderImpl builder(TestSupport::LoadHolderOfKey());
-    TokenSpec spec;
-    spec.tokenLifetimeSec = 300;
+    TokenSpec spec = TestSupport::Spec(300);
     spec.advice = {{"urn:src", {{"a", {"1"}}}}};
     const TextToken token = DataToken();
     const std::pair<const char*, SoapRequest> requests[] = {
