@@ -244,7 +244,8 @@ TEST(RequestBuilderTest, EachOperationHasItsActionAndShape) {
     const std::string rst = "wst:RequestSecurityToken", stamp = "wsu:Timestamp",
                       certified = "wsu:Timestamp wsse:BinarySecurityToken ds:Signature";
     const std::tuple<SoapRequest, std::string, std::string, std::string> cases[] = {
-        {builder.BuildAcquireTokenByGSSRequest({1, 2}, Spec()), "RST/Issue", rst, certified},
+        // The shortest lifetime there is.
+        {builder.BuildAcquireTokenByGSSRequest({1, 2}, Spec(1)), "RST/Issue", rst, certified},
         {builder.BuildContinueNegotiationRequest("ctx", {3}), "RSTR/Issue",
          "wst:RequestSecurityTokenResponse", stamp},
         {builder.BuildAcquireTokenByCertificateRequest(Spec()), "RST/Issue", rst, certified},
