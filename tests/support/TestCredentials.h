@@ -1,9 +1,12 @@
 #pragma once
 
 #include <basalt/Crypto.h>
+#include <basalt/Ssl.h>
+#include <basalt/XmlSecurity.h>
 #include <ssoClient/HolderOfKeyConfig.h>
 
 #include <string>
+#include <vector>
 
 #include "TestData.h"
 
@@ -18,5 +21,20 @@ inline SsoClient::HolderOfKeyConfig LoadHolderOfKey(
     Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read(keyFile), config.privateKey);
     return config;
 }
+
+// The STS's TLS and token-signing trust, and the client's holder-of-key identity.
+struct StsTrust {
+    explicit StsTrust(const std::string& tlsCa = "sts/ca.pem") {
+        Basalt::Ssl::SSLContextOptions options;
+        options.trustedCaPem = TestData::Read(tlsCa);
+        Basalt::Ssl::CreateSSLContext(options, sslContext);
+        std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
+        Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
+        Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
+    }
+    Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
+    Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
+    SsoClient::HolderOfKeyConfig client = LoadHolderOfKey("sts/client.pem", "sts/client.key");
+};
 
 }  // namespace TestSupport

@@ -3,38 +3,23 @@
 #include <basalt/Crypto.h>
 #include <basalt/Http.h>
 #include <basalt/Ssl.h>
-#include <basalt/StringUtil.h>
 #include <gtest/gtest.h>
 #include <ssoClient/ConnectionSpec.h>
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/SecurityTokenService.h>
 
 #include <future>
-#include <sstream>
 
 #include "TestData.h"
 #include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
 #include "support/TestCredentials.h"
+#include "support/TestGssMechanism.h"
 
 namespace {
 
 using namespace SsoClient;
-
-// The STS's TLS and token-signing trust, and the client's holder-of-key identity.
-struct StsTrust {
-    explicit StsTrust(const std::string& tlsCa = "sts/ca.pem") {
-        Basalt::Ssl::SSLContextOptions options;
-        options.trustedCaPem = TestData::Read(tlsCa);
-        Basalt::Ssl::CreateSSLContext(options, sslContext);
-        std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
-        Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
-        Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
-    }
-    Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
-    Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
-    HolderOfKeyConfig client = TestSupport::LoadHolderOfKey("sts/client.pem", "sts/client.key");
-};
+using TestSupport::StsTrust;
 
 TokenSpec Spec(int64_t lifetimeSeconds = 600) {
     TokenSpec spec;
@@ -46,33 +31,14 @@ int64_t LifetimeSeconds(const SamlToken& token) {
     return (token.GetExpirationTime().GetUtcTime() - token.GetStartTime().GetUtcTime()) / 1000000;
 }
 
-// The test GSS mechanism of the STS: "HELLO <upn> [rounds]", then answers to its challenges.
-class TestGssHandler : public NegotiationHandler {
+// The STS's test GSS mechanism as a negotiation handler.
+class TestGssHandler : public NegotiationHandler, public TestSupport::TestGssMechanism {
   public:
-    TestGssHandler(std::string upn, std::string password, int rounds = 1)
-        : m_hello("HELLO " + upn + " " + std::to_string(rounds)), m_password(std::move(password)) {}
+    using TestGssMechanism::TestGssMechanism;
     std::shared_ptr<std::vector<unsigned char>> NextLeg(
         const std::vector<unsigned char>& serverLeg) override {
-        const bool first = serverLegs.empty();
-        serverLegs.emplace_back(serverLeg.begin(), serverLeg.end());
-        std::istringstream words(serverLegs.back());
-        std::string kind, round, nonce;
-        words >> kind >> round >> nonce;
-        const std::string proof = nonce + ":" + m_password;
-        const std::string leg =
-            first ? m_hello
-            : kind != "CHALLENGE"
-                ? ""  // after WELCOME there is nothing more to say
-                : "RESPONSE " + round + " " +
-                      Basalt::StringUtil::ToHex(Basalt::Crypto::Digest(
-                          Basalt::Crypto::DigestAlgorithm::Sha256, proof.data(), proof.size()));
-        return std::make_shared<std::vector<unsigned char>>(leg.begin(), leg.end());
+        return std::make_shared<std::vector<unsigned char>>(Answer(serverLeg));
     }
-    std::vector<std::string> serverLegs;  // every leg the service sent, as text
-
-  private:
-    const std::string m_hello;
-    const std::string m_password;
 };
 
 class SecurityTokenServiceTest : public ::testing::Test {
