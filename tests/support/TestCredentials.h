@@ -1,7 +1,10 @@
 #pragma once
 
 #include <basalt/Crypto.h>
+#include <basalt/Ssl.h>
+#include <basalt/XmlSecurity.h>
 #include <ssoClient/HolderOfKeyConfig.h>
+#include <ssoClient/SecurityTokenService.h>
 
 #include <string>
 
@@ -16,6 +19,28 @@ inline SsoClient::HolderOfKeyConfig LoadHolderOfKey(
     SsoClient::HolderOfKeyConfig config;
     Basalt::Crypto::CreateCertificateFromPem(TestData::Read(certificateFile), config.certificate);
     Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read(keyFile), config.privateKey);
+    return config;
+}
+
+// A service configuration for the loopback test STS at url, trusting its TLS CA and its
+// token-signing certificate.
+inline SsoClient::SecurityTokenServiceConfig LoopbackStsConfig(const std::string& url) {
+    static const struct Trust {
+        Trust() {
+            Basalt::Ssl::SSLContextOptions options;
+            options.trustedCaPem = TestData::Read("sts/ca.pem");
+            Basalt::Ssl::CreateSSLContext(options, sslContext);
+            std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
+            Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
+            Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
+        }
+        Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
+        Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
+    } trust;
+    SsoClient::SecurityTokenServiceConfig config;
+    config.url = url;
+    config.tokenFactory = SsoClient::CreateSamlTokenFactory(trust.resolver.Get());
+    config.sslContext = trust.sslContext.Get();
     return config;
 }
 

@@ -1,7 +1,5 @@
 // Kerberos logon end to end: a real MIT KDC (sts/kdc.py) issues the tickets, and the test STS
 // accepts the SPNEGO legs with its service keytab (python-gssapi, an independent implementation).
-#include <basalt/Ssl.h>
-#include <basalt/XmlSecurity.h>
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/KerberosNegotiationHandler.h>
@@ -9,9 +7,9 @@
 #include <cstdlib>
 #include <future>
 
-#include "TestData.h"
 #include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
+#include "support/TestCredentials.h"
 
 namespace {
 
@@ -32,15 +30,16 @@ class KerberosTest : public ::testing::Test {
     // One KDC and one STS for the suite. Kerberos reads its configuration from the environment,
     // which is set before any negotiation thread exists; the default cache does not exist.
     static void SetUpTestSuite() {
-        s_kdc = new TestSts::Kdc();
+        s_kdc = std::make_unique<TestSts::Kdc>();
         setenv("KRB5_CONFIG", (Dir() + "/krb5.conf").c_str(), 1);
         setenv("KRB5CCNAME", ("FILE:" + Dir() + "/default.ccache").c_str(), 1);
         setenv("KRB5RCACHEDIR", Dir().c_str(), 1);  // the STS's replay cache
-        s_sts = new TestSts::WsTrustSts({"--keytab", Dir() + "/http.keytab"});
+        s_sts = std::make_unique<TestSts::WsTrustSts>(
+            std::vector<std::string>{"--keytab", Dir() + "/http.keytab"});
     }
     static void TearDownTestSuite() {
-        delete s_sts;
-        delete s_kdc;
+        s_sts.reset();
+        s_kdc.reset();
         for (const char* name : {"KRB5_CONFIG", "KRB5CCNAME", "KRB5RCACHEDIR"}) {
             unsetenv(name);
         }
@@ -48,24 +47,7 @@ class KerberosTest : public ::testing::Test {
     static std::string Dir() { return s_kdc->Dir(); }
 
     static std::shared_ptr<SecurityTokenService> Service() {
-        static const struct Trust {
-            Trust() {
-                Basalt::Ssl::SSLContextOptions options;
-                options.trustedCaPem = TestData::Read("sts/ca.pem");
-                Basalt::Ssl::CreateSSLContext(options, sslContext);
-                std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
-                Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"),
-                                                         signing[0]);
-                Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
-            }
-            Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
-            Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
-        } trust;
-        SecurityTokenServiceConfig config;
-        config.url = s_sts->Url();
-        config.tokenFactory = CreateSamlTokenFactory(trust.resolver.Get());
-        config.sslContext = trust.sslContext.Get();
-        return CreateSecurityTokenService(config);
+        return CreateSecurityTokenService(TestSupport::LoopbackStsConfig(s_sts->Url()));
     }
 
     static std::shared_ptr<NegotiationHandler> Handler(CredentialSource source,
@@ -80,11 +62,9 @@ class KerberosTest : public ::testing::Test {
         return CreateKerberosNegotiationHandler(target, options);
     }
 
-    static TestSts::Kdc* s_kdc;
-    static TestSts::WsTrustSts* s_sts;
+    static inline std::unique_ptr<TestSts::Kdc> s_kdc;
+    static inline std::unique_ptr<TestSts::WsTrustSts> s_sts;
 };
-TestSts::Kdc* KerberosTest::s_kdc = nullptr;
-TestSts::WsTrustSts* KerberosTest::s_sts = nullptr;
 
 // Hands every leg to the Kerberos handler, the service's final one with a byte flipped.
 struct TamperingHandler : NegotiationHandler {
