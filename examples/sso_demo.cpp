@@ -159,7 +159,7 @@ void ShowKerberos(const SsoClient::SecurityTokenService& service, const SsoClien
     auto fromKeytab = SsoClient::CreateKerberosNegotiationHandler("HTTP@localhost", options);
     Show("By Kerberos (client keytab)", service.AcquireTokenByGSS(spec, *fromKeytab));
     try {
-        auto wrong = SsoClient::CreateKerberosNegotiationHandler("HTTP@sts.example.org", options);
+        auto wrong = SsoClient::CreateKerberosNegotiationHandler("HTTP@nowhere", options);
         service.AcquireTokenByGSS(spec, *wrong);
     } catch (const SsoClient::SsoException& e) {
         std::cout << "Wrong service principal: " << e.what() << "\n";
