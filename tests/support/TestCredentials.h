@@ -4,6 +4,7 @@
 #include <basalt/Ssl.h>
 #include <basalt/XmlSecurity.h>
 #include <ssoClient/HolderOfKeyConfig.h>
+#include <ssoClient/SecurityTokenService.h>
 
 #include <string>
 #include <vector>
@@ -36,5 +37,16 @@ struct StsTrust {
     Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
     SsoClient::HolderOfKeyConfig client = LoadHolderOfKey("sts/client.pem", "sts/client.key");
 };
+
+// A service configuration for the loopback test STS at url, trusting its TLS CA and its
+// token-signing certificate.
+inline SsoClient::SecurityTokenServiceConfig LoopbackStsConfig(const std::string& url) {
+    static const StsTrust trust;
+    SsoClient::SecurityTokenServiceConfig config;
+    config.url = url;
+    config.tokenFactory = SsoClient::CreateSamlTokenFactory(trust.resolver.Get());
+    config.sslContext = trust.sslContext.Get();
+    return config;
+}
 
 }  // namespace TestSupport

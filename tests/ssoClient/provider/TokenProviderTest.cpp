@@ -16,6 +16,7 @@
 #include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
+#include "support/TestCredentials.h"
 
 namespace {
 
@@ -284,18 +285,7 @@ TEST_F(TokenProviderTest, MayBeDestroyedWhileAnAcquisitionIsInFlight) {
 
 TEST(TokenProviderStsTest, ManyConcurrentCallersCauseOneStsRequest) {
     TestSts::WsTrustSts sts;
-    Basalt::Ssl::SSLContextOptions tls;
-    tls.trustedCaPem = TestData::Read("sts/ca.pem");
-    Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
-    Basalt::Ssl::CreateSSLContext(tls, sslContext);
-    std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
-    Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
-    Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
-    SecurityTokenServiceConfig config;
-    config.url = sts.Url();
-    config.tokenFactory = CreateSamlTokenFactory(resolver.Get());
-    config.sslContext = sslContext.Get();
+    const SecurityTokenServiceConfig config = TestSupport::LoopbackStsConfig(sts.Url());
     TokenSpec spec;
     spec.tokenLifetimeSec = 600;
     auto provider = CreateTokenProvider(CreateSecurityTokenService(config),
