@@ -31,10 +31,6 @@ TEST(Base64Test, Rfc4648VectorsAndEveryByteRoundTrip) {
     for (const auto& [plain, encoded] : vectors) {
         EXPECT_EQ(Base64Encode(plain, std::strlen(plain)), encoded);
         EXPECT_EQ(Decode(encoded), plain);
-        char buffer[16] = {};
-        EXPECT_EQ(Basalt::Base64_EncodedLength(std::strlen(plain)), std::strlen(encoded));
-        EXPECT_EQ(std::string(buffer, Basalt::Base64_Encode(plain, std::strlen(plain), buffer)),
-                  encoded);
     }
     std::vector<unsigned char> all(256), decoded;
     std::iota(all.begin(), all.end(), 0);

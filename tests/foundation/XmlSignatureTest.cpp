@@ -20,14 +20,11 @@ using namespace XmlTest;
 
 namespace {
 
-const char kDsigNs[] = "http://www.w3.org/2000/09/xmldsig#";
-const char kExcC14n[] = "http://www.w3.org/2001/10/xml-exc-c14n#";
-const char kEnveloped[] = "http://www.w3.org/2000/09/xmldsig#enveloped-signature";
-const char kRsaSha256[] = "http://www.w3.org/2001/04/xmldsig-more#rsa-sha256";
-const char kEcdsaSha256[] = "http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha256";
-const char kSha256[] = "http://www.w3.org/2001/04/xmlenc#sha256";
-const char kWsuNs[] =
-    "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-utility-1.0.xsd";
+const std::string kDsig = "http://www.w3.org/2000/09/xmldsig#",
+                  kMore = "http://www.w3.org/2001/04/xmldsig-more#",
+                  kExcC14n = "http://www.w3.org/2001/10/xml-exc-c14n#",
+                  kEnveloped = kDsig + "enveloped-signature", kRsaSha256 = kMore + "rsa-sha256",
+                  kSha256 = "http://www.w3.org/2001/04/xmlenc#sha256";
 
 // A small SAML-shaped assertion with the id "_a1".
 std::string AssertionText() {
@@ -64,7 +61,7 @@ Ref<KeyInfoResolver> TrustOnly(const std::vector<std::string>& certificatePaths)
 // Signs the assertion's root (enveloped, exclusive c14n, RSA-SHA256 unless given) and returns
 // the serialised result.
 std::string SignAssertion(const std::string& keyPath, const std::string& certificatePath,
-                          const char* method = kRsaSha256) {
+                          const std::string& method = kRsaSha256) {
     auto root = ParseRoot(AssertionText());
     Ref<Signature> signature;
     CreateBlankSignature(root.Get(), kExcC14n, method, "ds", signature);
@@ -113,8 +110,6 @@ std::string Replace(std::string text, const std::string& from, const std::string
 
 const char kStsKey[] = "certs/sts-rsa.key";
 const char kStsCert[] = "certs/sts-rsa.pem";
-const std::string kDsig = kDsigNs;
-const std::string kMore = "http://www.w3.org/2001/04/xmldsig-more#";
 
 const Select kFirst = [](const Ref<ElementNode>& root) { return ChildElements(*root).at(0); };
 const Select kSecond = [](const Ref<ElementNode>& root) { return ChildElements(*root).at(1); };
@@ -145,8 +140,7 @@ std::string XmlSignatureTest::s_signed;
 TEST_F(XmlSignatureTest, OnlyTrustedKeysVerifyAgainAndAfterAMove) {
     Ref<ElementNode> root = ParseRoot(s_signed);
     Ref<Signature> signature;
-    CreateSignatureFromDom(root.Get(), root->FindChildElement(kDsigNs, "Signature").Get(),
-                           signature);
+    CreateSignatureFromDom(root.Get(), root->FindChildElement(kDsig, "Signature").Get(), signature);
     EXPECT_TRUE(signature->Verify(m_trusted.Get()));
     EXPECT_TRUE(signature->Verify(m_trusted.Get()));  // repeatable: nothing left behind
     // The signature still verifies after the assertion moved into another document.
@@ -157,7 +151,8 @@ TEST_F(XmlSignatureTest, OnlyTrustedKeysVerifyAgainAndAfterAMove) {
 
     EXPECT_EQ("rejected", Check(s_signed, TrustOnly({"certs/other-rsa.pem"}).Get()));
     EXPECT_EQ("verified", Check(s_signed, TrustOnly({"certs/other-rsa.pem", kStsCert}).Get()));
-    std::string ecdsa = SignAssertion("certs/user-ec.key", "certs/user-ec.pem", kEcdsaSha256);
+    std::string ecdsa =
+        SignAssertion("certs/user-ec.key", "certs/user-ec.pem", kMore + "ecdsa-sha256");
     EXPECT_EQ("verified", Check(ecdsa, TrustOnly({"certs/user-ec.pem"}).Get()));
     EXPECT_EQ("rejected", Check(ecdsa, m_trusted.Get()));
 }
@@ -239,7 +234,9 @@ TEST_F(XmlSignatureTest, SignatureWrappingShapesAreRefused) {
          twice},
         {"<r>" + open + " ID=\"_a1\"/>" + original + "</r>", kSecond, twice},
         {"<r><evil xml:id=\"_a1\"/>" + original + "</r>", kSecond, twice},
-        {"<r><evil xmlns:wsu=\"" + std::string(kWsuNs) + "\" wsu:Id=\"_a1\"/>" + original + "</r>",
+        {"<r><evil xmlns:wsu=\"http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-"
+         "utility-1.0.xsd\" wsu:Id=\"_a1\"/>" +
+             original + "</r>",
          kSecond, twice},
         // The signed element moved under an extension element; a reference to another element.
         {open + " ID=\"_evil\">" + evil + signature + "<saml2:Advice>" +
@@ -273,7 +270,6 @@ TEST_F(XmlSignatureTest, ForbiddenReferencesTransformsAndAlgorithmsAreSyntaxErro
                 "The algorithm '" + to + "' of ds:" + slot + " is not allowed"};
     };
     const std::string secret = std::string(SSOCLIENT_TEST_DATA_DIR) + "/xml/secret.txt";
-    const std::string rsaSha256 = kRsaSha256, sha256 = kSha256;
     const Case cases[] = {
         badUri("#xpointer(/)"),
         badUri("#xpointer(id('_a1'))"),
@@ -285,13 +281,13 @@ TEST_F(XmlSignatureTest, ForbiddenReferencesTransformsAndAlgorithmsAreSyntaxErro
         refused("Transform", "", "http://www.w3.org/TR/1999/REC-xslt-19991116"),
         refused("Transform", "", kDsig + "base64"),
         refused("Transform", "", kMore + "xptr"),
-        refused("SignatureMethod", rsaSha256, kDsig + "rsa-sha1"),
-        refused("SignatureMethod", rsaSha256, kMore + "rsa-md5"),
-        refused("SignatureMethod", rsaSha256, kMore + "hmac-sha256"),
-        refused("DigestMethod", sha256, kDsig + "sha1"),
-        refused("DigestMethod", sha256, kMore + "md5"),
+        refused("SignatureMethod", kRsaSha256, kDsig + "rsa-sha1"),
+        refused("SignatureMethod", kRsaSha256, kMore + "rsa-md5"),
+        refused("SignatureMethod", kRsaSha256, kMore + "hmac-sha256"),
+        refused("DigestMethod", kSha256, kDsig + "sha1"),
+        refused("DigestMethod", kSha256, kMore + "md5"),
         refused("CanonicalizationMethod", kExcC14n, "http://www.w3.org/2006/12/xml-c14n11"),
-        {Replace(s_signed, "Algorithm=\"" + rsaSha256 + "\"/>",
+        {Replace(s_signed, "Algorithm=\"" + kRsaSha256 + "\"/>",
                  "Algorithm=\"" + kDsig +
                      "hmac-sha1\"><ds:HMACOutputLength>8"
                      "</ds:HMACOutputLength></ds:SignatureMethod>"),
@@ -335,8 +331,7 @@ TEST_F(XmlSignatureTest, SigningRefusesWhatVerificationWould) {
         {sign(kStsKey), "A signature needs at least one reference"},
         {add("#_nowhere", kSha256, kExcC14n), ""},
         {sign(kStsKey), "No element has the id '_nowhere'"},
-        {sign("certs/user-ec.key"),
-         "The key does not fit the signature method " + std::string(kRsaSha256)},
+        {sign("certs/user-ec.key"), "The key does not fit the signature method " + kRsaSha256},
         {[&] { signature->Verify(m_trusted.Get()); },
          "Only a signature read from a document can be verified"},
     };
