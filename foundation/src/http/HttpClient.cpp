@@ -13,6 +13,7 @@
 #include <unordered_map>
 
 #include "internal/crypto/CryptoInternal.h"
+#include "internal/system/ExitHooks.h"
 #include "internal/system/FoundationLog.h"
 #include "internal/http/HttpInternal.h"
 #include "internal/http/SslInternal.h"
@@ -346,20 +347,23 @@ std::mutex g_engineMutex;
 HttpEngine* g_engine = nullptr;
 bool g_engineShutDown = false;
 
+// Fails every transfer in flight and refuses new ones.
+void ShutDownEngine() {
+    HttpEngine* engine;
+    {
+        std::lock_guard<std::mutex> lock(g_engineMutex);
+        g_engineShutDown = true;
+        engine = std::exchange(g_engine, nullptr);
+    }
+    delete engine;
+}
+
 struct EngineHolder {
     // OpenSSL registers its exit-time cleanup on first initialisation. Doing that before this
     // holder is complete makes the HTTP thread stop first, while OpenSSL can still free the
     // thread's state.
     EngineHolder() { OPENSSL_init_ssl(0, nullptr); }
-    ~EngineHolder() {
-        HttpEngine* engine;
-        {
-            std::lock_guard<std::mutex> lock(g_engineMutex);
-            g_engineShutDown = true;
-            engine = std::exchange(g_engine, nullptr);
-        }
-        delete engine;
-    }
+    ~EngineHolder() { ShutDownEngine(); }
 } g_engineHolder;
 
 HttpEngine& Engine() {
@@ -369,6 +373,8 @@ HttpEngine& Engine() {
     }
     if (!g_engine) {
         g_engine = new HttpEngine();
+        // A pool thread waiting on a hung exchange would otherwise hold up exit until its timeout.
+        System::AtPoolExit(ShutDownEngine);
     }
     return *g_engine;
 }
@@ -434,7 +440,12 @@ CURL* Transfer::Setup() {
         throw Exception("Out of memory creating a transfer");
     }
     const Endpoint& endpoint = m_agent->GetEndpoint();
-    SetOption(CURLOPT_URL, (endpoint.baseUrl + m_request.path).c_str());
+    // An absolute-form target goes to the endpoint, written as given in the request line.
+    const bool absoluteTarget = m_request.path.front() != '/';
+    SetOption(CURLOPT_URL, (endpoint.baseUrl + (absoluteTarget ? "/" : m_request.path)).c_str());
+    if (absoluteTarget) {
+        SetOption(CURLOPT_REQUEST_TARGET, m_request.path.c_str());
+    }
     SetOption(CURLOPT_PRIVATE, static_cast<void*>(this));
     SetOption(CURLOPT_ERRORBUFFER, m_errorBuffer);
     SetOption(CURLOPT_NOSIGNAL, 1L);
