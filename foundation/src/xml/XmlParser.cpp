@@ -240,6 +240,7 @@ class XMLParserImpl final : public ObjectImpl, public XMLParser {
         if (text.size() > static_cast<size_t>(INT32_MAX)) {
             ThrowParseError("The document is too large", 1, 1);
         }
+        const LibxmlErrorCapture messages;
         UniquePtr<xmlParserCtxt> ctxt(
             xmlCreateMemoryParserCtxt(text.data(), static_cast<int>(text.size())));
         if (!ctxt) {
