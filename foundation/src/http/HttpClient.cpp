@@ -12,12 +12,12 @@
 #include <thread>
 #include <unordered_map>
 
+#include <basalt/Net.h>
 #include "internal/crypto/CryptoInternal.h"
-#include "internal/system/ExitHooks.h"
-#include "internal/system/FoundationLog.h"
 #include "internal/http/HttpInternal.h"
 #include "internal/http/SslInternal.h"
-#include <basalt/Net.h>
+#include "internal/system/ExitHooks.h"
+#include "internal/system/FoundationLog.h"
 
 namespace Basalt {
 namespace Http {
@@ -366,17 +366,21 @@ struct EngineHolder {
     ~EngineHolder() { ShutDownEngine(); }
 } g_engineHolder;
 
-HttpEngine& Engine() {
+// Runs use on the engine, starting it on first use. The lock is held throughout, so the engine
+// cannot be shut down under a caller.
+template <class Use>
+void WithEngine(const Use& use) {
     std::lock_guard<std::mutex> lock(g_engineMutex);
+    if (!g_engine && !g_engineShutDown) {
+        // A pool thread waiting on a hung exchange would otherwise hold up exit until its
+        // timeout; once the pool's exit has begun, no engine starts any more.
+        g_engineShutDown = !System::AtPoolExit(ShutDownEngine);
+        g_engine = g_engineShutDown ? nullptr : new HttpEngine();
+    }
     if (g_engineShutDown) {
         throw InvalidStateException("The HTTP client has been shut down");
     }
-    if (!g_engine) {
-        g_engine = new HttpEngine();
-        // A pool thread waiting on a hung exchange would otherwise hold up exit until its timeout.
-        System::AtPoolExit(ShutDownEngine);
-    }
-    return *g_engine;
+    use(*g_engine);
 }
 
 // ---- Transfer
@@ -401,7 +405,7 @@ void Transfer::Cancel() {
         return;
     }
     try {
-        Engine().Cancel(Ref<Transfer>(this));
+        WithEngine([&](HttpEngine& engine) { engine.Cancel(Ref<Transfer>(this)); });
     } catch (const InvalidStateException&) {
         // Shut down: every transfer has been failed already.
     }
@@ -741,7 +745,7 @@ void UserAgentImpl::SendAsync(ClientRequest* request, CompletionCallback complet
     }
     Ref<Transfer> transfer =
         new Transfer(Ref<UserAgentImpl>(this), SnapshotRequest(request), std::move(completion));
-    Engine().Start(transfer);
+    WithEngine([&](HttpEngine& engine) { engine.Start(transfer); });
     pending = transfer;
 }
 

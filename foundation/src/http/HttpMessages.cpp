@@ -6,9 +6,9 @@
 #include <cstring>
 #include <mutex>
 
+#include <basalt/Exception.h>
 #include "internal/http/HttpInternal.h"
 #include "internal/system/Immortal.h"
-#include <basalt/Exception.h>
 
 namespace Basalt {
 namespace Http {

@@ -8,13 +8,13 @@
 
 #include <mutex>
 
-#include "internal/crypto/CryptoInternal.h"
-#include "internal/system/Immortal.h"
-#include "internal/system/FoundationLog.h"
-#include "internal/xml/XmlInternal.h"
-#include "internal/security/XmlSecurityInternal.h"
 #include <basalt/Exception.h>
 #include <basalt/XmlSecurity.h>
+#include "internal/crypto/CryptoInternal.h"
+#include "internal/security/XmlSecurityInternal.h"
+#include "internal/system/FoundationLog.h"
+#include "internal/system/Immortal.h"
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {

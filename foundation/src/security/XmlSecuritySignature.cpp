@@ -17,12 +17,12 @@
 #include <string>
 #include <vector>
 
-#include "internal/crypto/CryptoInternal.h"
-#include "internal/system/Immortal.h"
-#include "internal/xml/XmlInternal.h"
-#include "internal/security/XmlSecurityInternal.h"
 #include <basalt/Exception.h>
 #include <basalt/XmlSecurity.h>
+#include "internal/crypto/CryptoInternal.h"
+#include "internal/security/XmlSecurityInternal.h"
+#include "internal/system/Immortal.h"
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {

@@ -11,11 +11,11 @@
 #include <thread>
 #include <vector>
 
+#include <basalt/Exception.h>
+#include <basalt/Log.h>
 #include "internal/system/ExitHooks.h"
 #include "internal/system/FoundationLog.h"
 #include "internal/system/Immortal.h"
-#include <basalt/Exception.h>
-#include <basalt/Log.h>
 
 namespace Basalt {
 namespace System {
@@ -127,7 +127,8 @@ namespace {
 
 struct ExitHooks {
     std::mutex mutex;
-    std::vector<std::function<void()>> hooks;
+    std::vector<void (*)()> hooks;
+    bool exiting = false;
 };
 
 // Immortal: a hook may be registered from any thread at any time, even during exit.
@@ -145,12 +146,13 @@ struct ProcessPool {
             std::max(2u, std::thread::hardware_concurrency()), pool);
     }
     ~ProcessPool() {
-        std::vector<std::function<void()>> hooks;
+        std::vector<void (*)()> hooks;
         {
             std::lock_guard<std::mutex> lock(Hooks().mutex);
             hooks.swap(Hooks().hooks);
+            Hooks().exiting = true;
         }
-        for (const auto& hook : hooks) {
+        for (void (*hook)() : hooks) {
             hook();
         }
         pool->Shutdown();
@@ -159,9 +161,13 @@ struct ProcessPool {
 
 }  // namespace
 
-void AtPoolExit(std::function<void()> hook) {
+bool AtPoolExit(void (*hook)()) {
     std::lock_guard<std::mutex> lock(Hooks().mutex);
-    Hooks().hooks.push_back(std::move(hook));
+    if (Hooks().exiting) {
+        return false;
+    }
+    Hooks().hooks.push_back(hook);
+    return true;
 }
 
 ThreadPool* GetThreadPool() {

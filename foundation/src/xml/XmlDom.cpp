@@ -14,11 +14,11 @@
 #include <mutex>
 #include <unordered_set>
 
+#include <basalt/Exception.h>
+#include <basalt/Format.h>
+#include <basalt/Xml.h>
 #include "internal/system/FoundationLog.h"
 #include "internal/xml/XmlInternal.h"
-#include <basalt/Format.h>
-#include <basalt/Exception.h>
-#include <basalt/Xml.h>
 
 namespace Basalt {
 namespace Xml {

@@ -11,9 +11,9 @@
 #include <string_view>
 #include <vector>
 
-#include "internal/xml/XmlInternal.h"
 #include <basalt/Exception.h>
 #include <basalt/Xml.h>
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {
