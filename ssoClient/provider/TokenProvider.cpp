@@ -1,6 +1,8 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/TokenProvider.h>
 
+#include "internal/service/AsyncCall.h"
+
 #include <basalt/Exception.h>
 #include <basalt/Thread.h>
 
@@ -40,17 +42,7 @@ void Deliver(const TokenCallback& callback, const Token& token, const std::excep
         callback(token, nullptr);
         return;
     }
-    try {
-        std::rethrow_exception(failure);
-    } catch (const Basalt::Exception& e) {
-        callback(nullptr, &e);
-    } catch (const std::exception& e) {
-        const SsoException wrapped(e.what());
-        callback(nullptr, &wrapped);
-    } catch (...) {
-        const SsoException wrapped("Token acquisition failed with an unknown exception");
-        callback(nullptr, &wrapped);
-    }
+    ReportFailure(failure, [&](const Basalt::Exception* e) { callback(nullptr, e); });
 }
 
 // The provider's state, shared with the work it queues on the pool so that work finishing after

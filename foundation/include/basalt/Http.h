@@ -108,8 +108,10 @@ class BASALT_API ClientRequest : public virtual Object {
     ~ClientRequest() override;
 };
 
-// Creates a request for path ("/..." with an optional query). Throws InvalidArgumentException
-// for a path that does not start with '/' or holds characters not allowed in a URL.
+// Creates a request for a target: a path ("/..." with an optional query), or an absolute
+// "http://" / "https://" URL, which is sent unchanged as the request target (the connection still
+// goes to the user agent's own endpoint). Throws InvalidArgumentException for any other target or
+// one holding characters not allowed in a URL.
 BASALT_API void CreateHttpRequest(HttpMethod method, std::string_view path,
                                   Ref<ClientRequest>& request);
 

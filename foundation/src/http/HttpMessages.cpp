@@ -6,8 +6,9 @@
 #include <cstring>
 #include <mutex>
 
-#include "internal/http/HttpInternal.h"
 #include <basalt/Exception.h>
+#include "internal/http/HttpInternal.h"
+#include "internal/system/Immortal.h"
 
 namespace Basalt {
 namespace Http {
@@ -249,16 +250,21 @@ CURLSH* PoolShare(HttpConnectionPool* pool) {
 }
 
 HttpConnectionPool* DefaultPool() {
-    static const Ref<HttpConnectionPool> pool = [] {
+    static const Immortal<Ref<HttpConnectionPool>> pool([] {
         Ref<HttpConnectionPool> created;
         CreateHttpConnectionPool(created);
         return created;
-    }();
-    return pool.Get();
+    }());
+    return pool->Get();
 }
 
 void CreateHttpRequest(HttpMethod method, std::string_view path, Ref<ClientRequest>& request) {
-    if (path.empty() || path.front() != '/' ||
+    const auto startsWith = [&](std::string_view prefix) {
+        return path.substr(0, prefix.size()) == prefix;
+    };
+    const bool originForm = startsWith("/");
+    const bool absoluteForm = startsWith("http://") || startsWith("https://");
+    if ((!originForm && !absoluteForm) ||
         !std::all_of(path.begin(), path.end(), [](char c) { return c > 0x20 && c < 0x7f; })) {
         throw InvalidArgumentException("Invalid HTTP request path '" + std::string(path) + "'");
     }

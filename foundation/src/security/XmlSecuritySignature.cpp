@@ -17,11 +17,12 @@
 #include <string>
 #include <vector>
 
-#include "internal/crypto/CryptoInternal.h"
-#include "internal/xml/XmlInternal.h"
-#include "internal/security/XmlSecurityInternal.h"
 #include <basalt/Exception.h>
 #include <basalt/XmlSecurity.h>
+#include "internal/crypto/CryptoInternal.h"
+#include "internal/security/XmlSecurityInternal.h"
+#include "internal/system/Immortal.h"
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {
@@ -351,7 +352,7 @@ struct AllowedTransformIds {
 };
 
 const AllowedTransformIds& AllowedIds() {
-    static const AllowedTransformIds ids = [] {
+    static const Immortal<AllowedTransformIds> ids([] {
         AllowedTransformIds out;
         for (const Algorithm& algorithm : AllowedAlgorithms()) {
             xmlSecTransformId id = TransformIdOf(algorithm);
@@ -364,8 +365,8 @@ const AllowedTransformIds& AllowedIds() {
             }
         }
         return out;
-    }();
-    return ids;
+    }());
+    return *ids;
 }
 
 // A context that takes its key from the caller only, processes only same-document references

@@ -6,14 +6,19 @@
 #include <libxml/tree.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
 #include <exception>
 #include <functional>
 #include <mutex>
 #include <unordered_set>
 
-#include "internal/xml/XmlInternal.h"
 #include <basalt/Exception.h>
+#include <basalt/Format.h>
 #include <basalt/Xml.h>
+#include "internal/system/FoundationLog.h"
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {
@@ -213,24 +218,70 @@ void ResolvePendingNamespaces(xmlNode* root, bool strict) {
     });
 }
 
+namespace {
+
+constexpr int kMaxLibraryMessages = 8;
+thread_local int t_libraryMessages = 0;  // logged in the outermost capture
+
+std::string Trimmed(std::string text) {
+    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) {
+        text.pop_back();
+    }
+    return text;
+}
+
+void LogLibraryMessage(std::string text) {
+    if (text.empty() || ++t_libraryMessages > kMaxLibraryMessages) {
+        return;
+    }
+    if (t_libraryMessages == kMaxLibraryMessages) {
+        text += " (further libxml2 messages about this document are not logged)";
+    }
+    Service::LogInternal(FoundationLogger(), Service::Logger::LL_Info, "libxml2: %1",
+                         PrintFormatter(text));
+}
+
+}  // namespace
+
 LibxmlErrorCapture::LibxmlErrorCapture()
-    : m_previous(xmlStructuredError), m_previousContext(xmlStructuredErrorContext) {
+    : m_previous(xmlStructuredError),
+      m_previousContext(xmlStructuredErrorContext),
+      m_previousGeneric(xmlGenericError),
+      m_previousGenericContext(xmlGenericErrorContext) {
+    if (m_previous != &LibxmlErrorCapture::OnError) {
+        t_libraryMessages = 0;
+    }
     xmlSetStructuredErrorFunc(this, &LibxmlErrorCapture::OnError);
+    xmlSetGenericErrorFunc(this, &LibxmlErrorCapture::OnMessage);
 }
 
 LibxmlErrorCapture::~LibxmlErrorCapture() {
     xmlSetStructuredErrorFunc(m_previousContext, m_previous);
+    xmlSetGenericErrorFunc(m_previousGenericContext, m_previousGeneric);
+    if (m_previous == &LibxmlErrorCapture::OnError) {
+        auto* outer = static_cast<LibxmlErrorCapture*>(m_previousContext);
+        if (outer->m_first.empty()) {
+            outer->m_first = std::move(m_first);
+        }
+    }
 }
 
 void LibxmlErrorCapture::OnError(void* self, xmlError* error) {
     auto* capture = static_cast<LibxmlErrorCapture*>(self);
-    if (capture->m_first.empty() && error && error->message) {
-        capture->m_first = error->message;
-        while (!capture->m_first.empty() &&
-               (capture->m_first.back() == '\n' || capture->m_first.back() == ' ')) {
-            capture->m_first.pop_back();
-        }
+    std::string text = Trimmed(error && error->message ? error->message : "");
+    if (capture->m_first.empty()) {
+        capture->m_first = text;
     }
+    LogLibraryMessage(std::move(text));
+}
+
+void LibxmlErrorCapture::OnMessage(void*, const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    LogLibraryMessage(Trimmed(text));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -280,6 +331,7 @@ class OutputSink {
 }  // namespace
 
 void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump) {
+    const LibxmlErrorCapture messages;
     OutputSink(writer).Run(dump);
 }
 

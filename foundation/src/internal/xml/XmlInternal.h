@@ -141,8 +141,11 @@ std::string AttrValue(const xmlAttr* attr);
 // Runs dump with an output buffer that forwards to writer; rethrows what the writer threw.
 void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump);
 
-// While it lives, libxml2 errors raised outside a parser context on this thread (c14n, XPath)
-// are kept here instead of being printed; the previous handler comes back afterwards.
+// While it lives, libxml2's messages raised on this thread outside a parser's own handler
+// (encoding and I/O errors, c14n, XPath), which it would print to standard error, are kept here
+// (the first error) and logged by the foundation's logger at the info level, at most a few per
+// outermost capture, so that a hostile document cannot flood the host's logs. Captures nest (an
+// inner one hands its first error to the outer); the thread's previous handlers come back after.
 class LibxmlErrorCapture {
   public:
     LibxmlErrorCapture();
@@ -154,9 +157,12 @@ class LibxmlErrorCapture {
 
   private:
     static void OnError(void* self, xmlError* error);
+    static void OnMessage(void* self, const char* format, ...);
 
     xmlStructuredErrorFunc m_previous;
     void* m_previousContext;
+    xmlGenericErrorFunc m_previousGeneric;
+    void* m_previousGenericContext;
     std::string m_first;
 };
 
