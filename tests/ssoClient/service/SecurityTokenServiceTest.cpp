@@ -165,7 +165,8 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
 }
 
 // A service made from a caller-supplied user agent: the STS's GSS session cookie lands in the
-// agent's store, and another service on that agent sends it along.
+// agent's store, and another service on that agent sends it along. The URL is the request target
+// as it stands, a path or an absolute URL; anything else fails as the transport does.
 TEST_F(SecurityTokenServiceTest, ServicesFromOneUserAgentShareItsCookies) {
     Basalt::Ref<Basalt::Http::ConnectionSpec> spec;
     CreateSsoSSLConnectionSpec("localhost", m_sts.Port(), Trust().sslContext.Get(), "", false,
@@ -174,13 +175,18 @@ TEST_F(SecurityTokenServiceTest, ServicesFromOneUserAgentShareItsCookies) {
     Basalt::Http::CreateCookieStore("", cookies);
     SecurityTokenServiceConfigEx config;
     Basalt::Http::CreateHttpUserAgent(spec.Get(), cookies.Get(), nullptr, config.userAgent);
-    config.url = "/sts/STSService";  // a path, used as the request target as it stands
+    config.url = "/sts/STSService";
     config.tokenFactory = CreateSamlTokenFactory(Trust().resolver.Get());
     auto first = CreateSecurityTokenService(config);
     TestGssHandler handler("bob@example.test", "bob-password");
     ASSERT_TRUE(first->AcquireTokenByGSS(Spec(), handler));
     EXPECT_FALSE(cookies->GetCookieLines().empty());
+    config.url = "https://localhost:" + std::to_string(m_sts.Port()) + "/sts/STSService";
     ASSERT_TRUE(CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()));
+    config.url = "sts/STSService";
+    EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
+        [&] { CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()); },
+        "Invalid HTTP request path 'sts/STSService'"));
 }
 
 // A wrong password is refused; TLS verification is on: a server certificate from another CA is
