@@ -1,7 +1,9 @@
+#include <basalt/Log.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "TestData.h"
 #include "foundation/XmlTestUtil.h"
@@ -110,4 +112,27 @@ TEST(XmlParserTest, AcceptsWhatLooksHostileButIsNot) {
     CreateXMLParser(handler.Get(), parser);
     EXPECT_TRUE(TestSupport::Throws<InvalidArgumentException>([&] { parser->Parse(nullptr); },
                                                               "No input to parse"));
+}
+
+// libxml2's own messages (here about a hostile encoding) reach the foundation's logger at the info
+// level, never the host's standard error.
+TEST(XmlParserTest, LibraryMessagesGoToTheLoggerNotToStandardError) {
+    Service::Logger* logger = Service::FindLogger("Basalt");
+    const int level = logger->GetLevel();
+    logger->SetLevel(Service::Logger::LL_Info);
+    std::vector<std::string> lines;
+    Service::SetLogSink([&](const Service::Logger& from, int lineLevel, std::string_view line) {
+        lines.push_back(from.GetName() + " " + std::to_string(lineLevel) + " " + std::string(line));
+    });
+    testing::internal::CaptureStderr();
+    EXPECT_THROW(Parse("<?xml version=\"1.0\" encoding=\"EUC-JP\"?><r>\x8e\xff</r>"),
+                 XMLParseException);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    Service::SetLogSink({});
+    logger->SetLevel(level);
+    const std::string conversion =
+        "Basalt 5 libxml2: input conversion failed due to input error, "
+        "bytes 0x8E 0xFF 0x3C 0x2F";
+    EXPECT_EQ(lines, (std::vector<std::string>{conversion, conversion,
+                                               "Basalt 5 libxml2: encoder error"}));
 }
