@@ -45,6 +45,7 @@ inline SsoClient::SecurityTokenServiceConfig LoopbackStsConfig(const std::string
     SsoClient::SecurityTokenServiceConfig config;
     config.url = url;
     config.tokenFactory = SsoClient::CreateSamlTokenFactory(trust.resolver.Get());
+    config.keyInfoResolver = trust.resolver;
     config.sslContext = trust.sslContext.Get();
     return config;
 }

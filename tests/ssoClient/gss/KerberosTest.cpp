@@ -2,6 +2,7 @@
 // accepts the SPNEGO legs with its service keytab (python-gssapi, an independent implementation).
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
+#include <ssoClient/GssNegotiationContext.h>
 #include <ssoClient/KerberosNegotiationHandler.h>
 
 #include <cstdlib>
@@ -102,6 +103,21 @@ TEST_F(KerberosTest, EveryCredentialSourceLogsOnAsItsPrincipal) {
             EXPECT_EQ(*token->GetSubject(), (PrincipalId{c.user, "example.test"}));
         }
     }
+}
+
+// The same handler drives the stepwise context, the service's final leg proving the service.
+TEST_F(KerberosTest, DrivesTheStepwiseContext) {
+    auto handler = Handler(CredentialSource::ClientKeytab, "alice.keytab");
+    auto context = InternalApi::CreateGssNegotiationContext(
+        TestSupport::LoopbackStsConfig(s_sts->Url()), Spec());
+    InternalApi::GssLegResult result;
+    std::vector<unsigned char> serverLeg;
+    do {
+        result = context->Step(*handler->NextLeg(serverLeg));
+        serverLeg = *result.serverLeg;
+    } while (!result.token);
+    EXPECT_TRUE(handler->NextLeg(serverLeg)->empty());
+    EXPECT_EQ(*result.token->GetSubject(), (PrincipalId{"alice", "example.test"}));
 }
 
 // Two negotiations at once, one on the pool and one on a thread of ours, each with its handler.
