@@ -90,7 +90,8 @@ struct SecurityTokenServiceConfig {
     // Trusted token-signing certificates (used by negotiation contexts; issued tokens are
     // verified by tokenFactory).
     Basalt::Ref<const Basalt::Xml::Security::KeyInfoResolver> keyInfoResolver;
-    // Turns issued assertions into tokens (and verifies their signatures).
+    // Turns issued assertions into tokens (and verifies their signatures). When unset, a factory
+    // over keyInfoResolver is made; one of the two is required.
     std::shared_ptr<SamlTokenFactory> tokenFactory;
     // Server name to present and verify for HTTPS; empty means the URL's host.
     std::string sslParameter;
@@ -107,13 +108,19 @@ struct SecurityTokenServiceConfig {
 struct SecurityTokenServiceConfigEx {
     // The request target of every request, used as given (not parsed).
     std::string url;
+    // Required.
     Basalt::Ref<Basalt::Http::HttpUserAgent> userAgent;
+    // Required.
     std::shared_ptr<SamlTokenFactory> tokenFactory;
     boost::optional<HolderOfKeyConfig> holderOfKey;
 };
 
-// Assembles a service. Throws Basalt::InvalidArgumentException for an https URL without an SSL
-// context; URL parse errors pass through.
+// Assembles a service; the configuration is checked first, so a mistake surfaces here rather
+// than at the first call (nothing is sent either way). Throws Basalt::InvalidArgumentException
+// naming the field: an https URL without an SSL context, no tokenFactory (and, for
+// SecurityTokenServiceConfig, no keyInfoResolver to make one from), no userAgent, a
+// holderOfKey without certificate or private key, or a private key that does not match the
+// certificate. URL parse errors pass through.
 SSOCLIENT_API std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
     const SecurityTokenServiceConfig& config);
 SSOCLIENT_API std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(

@@ -40,46 +40,95 @@ std::shared_ptr<SecurityTokenService> Service(boost::optional<HolderOfKeyConfig>
         std::make_shared<ResponseHandlerImpl>(), CreateSamlTokenFactory(StsResolver().Get()));
 }
 
+// A loopback listener that completes connections and never answers (accept does not block).
+int SilentListener(int& port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 64) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+        std::abort();
+    }
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
 std::string NeverCalled(const SoapRequest&) {
     throw std::logic_error("no request may be sent");
 }
 
+// Each mistake is refused by the factory or the call, and no connection reaches the listener.
 TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
-    const HolderOfKeyConfig whole = LoadHolderOfKey();
-    HolderOfKeyConfig noCertificate = whole, noKey = whole,
-                      mismatched = LoadHolderOfKey("certs/other-rsa.pem", "certs/sts-rsa.key");
-    noCertificate.certificate = nullptr;
-    noKey.privateKey = nullptr;
+    int port = 0;
+    const int listener = SilentListener(port);
+    SecurityTokenServiceConfig plain;
+    plain.url = "http://127.0.0.1:" + std::to_string(port) + "/sts";
+    plain.tokenFactory = CreateSamlTokenFactory(StsResolver().Get());
+    plain.holderOfKey = LoadHolderOfKey();
+    auto with = [&](auto change) {
+        SecurityTokenServiceConfig config = plain;
+        change(config);
+        return [config] { return CreateSecurityTokenService(config); };
+    };
+    SecurityTokenServiceConfigEx ex;
+    ex.url = "/sts";
     const auto soon = Basalt::System::DateTimeFromUtc(253402300799000000, false);  // 9999-12-31
-    struct Case {
+    const std::string tooLong = "Token lifetime must not exceed 3155760000 seconds (100 years)";
+    const struct {
         std::function<void()> misuse;
         std::string message;
     } cases[] = {
-        {[&] { Service(noCertificate, NeverCalled); }, "HolderOfKeyConfig.certificate is null"},
-        {[&] { Service(noKey, NeverCalled); }, "HolderOfKeyConfig.privateKey is null"},
-        {[&] { Service(mismatched, NeverCalled); },
+        {with([](auto& c) { c.tokenFactory = nullptr; }),
+         "SecurityTokenServiceConfig.tokenFactory is not set, nor a keyInfoResolver to verify "
+         "issued tokens with"},
+        {[&] { CreateSecurityTokenService(ex); },
+         "SecurityTokenServiceConfigEx.tokenFactory is not set, nor a keyInfoResolver to verify "
+         "issued tokens with"},
+        {[&] {
+             ex.tokenFactory = plain.tokenFactory;
+             CreateSecurityTokenService(ex);
+         },
+         "SecurityTokenServiceConfigEx.userAgent is not set"},
+        {with([](auto& c) { c.holderOfKey->certificate = nullptr; }),
+         "HolderOfKeyConfig.certificate is null"},
+        {with([](auto& c) { c.holderOfKey->privateKey = nullptr; }),
+         "HolderOfKeyConfig.privateKey is null"},
+        {with([](auto& c) {
+             c.holderOfKey = LoadHolderOfKey("certs/other-rsa.pem", "certs/sts-rsa.key");
+         }),
          "HolderOfKeyConfig.privateKey does not match HolderOfKeyConfig.certificate"},
-        {[&] { Service(whole, NeverCalled)->AcquireToken("u", "p", Lifetime(0)); },
+        {with([](auto& c) { c.url = "https://127.0.0.1/sts"; }),
+         "HTTPS connection requested but no SSLContext provided."},
+        {[&] { CreateSecurityTokenService(plain)->AcquireToken("u", "p", Lifetime(0)); },
          "Token lifetime must be positive"},
         {[&] {
-             Service(whole, NeverCalled)
-                 ->AcquireTokenByCertificate(Lifetime(kMaxTokenLifetimeSec + 1));
+             CreateSecurityTokenService(plain)->AcquireTokenByCertificate(
+                 Lifetime(kMaxTokenLifetimeSec + 1));
          },
-         "Token lifetime must not exceed 3155760000 seconds (100 years)"},
+         tooLong},
         {[&] {
-             Service(whole, NeverCalled)
-                 ->AcquireToken("u", "p", Lifetime(std::numeric_limits<int64_t>::max()));
+             CreateSecurityTokenService(plain)->AcquireToken(
+                 "u", "p", Lifetime(std::numeric_limits<int64_t>::max()));
          },
-         "Token lifetime must not exceed 3155760000 seconds (100 years)"},
+         tooLong},
         {[&] {
              FormatXmlDateTime(Basalt::System::DateTimeFromUtc(soon.GetUtcTime() + 1000000, false));
          },
          "Date outside the years 0001 to 9999: year 10000"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(c.misuse, c.message)) << c.message;
     }
     EXPECT_EQ(FormatXmlDateTime(soon).substr(0, 23), "9999-12-31T23:59:59.000");
+    // A resolver stands in for a missing factory.
+    EXPECT_NO_THROW(with([](auto& c) {
+        c.tokenFactory = nullptr;
+        c.keyInfoResolver = StsResolver();
+    })());
+    EXPECT_EQ(accept(listener, nullptr, nullptr), -1);  // nobody connected
+    close(listener);
 }
 
 // A negotiation handler that fails with something that is not one of the library's exceptions.
@@ -107,21 +156,6 @@ TEST(ServiceHardeningTest, AsyncCallbackSeesAForeignExceptionExactlyOnceAsSsoExc
     EXPECT_EQ(future.get(), "SsoClient::SsoException: Unexpected exception: handler broke");
     Basalt::System::GetThreadPool()->GetWorkQueue()->Post([] {});  // after the callback's item
     EXPECT_EQ(calls.load(), 1);
-}
-
-// A loopback listener that completes connections and never answers.
-int SilentListener(int& port) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 64) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        std::abort();
-    }
-    port = ntohs(address.sin_port);
-    return fd;
 }
 
 // Returns from main, in effect, while queued calls verify tokens on the pool (reaching tables
