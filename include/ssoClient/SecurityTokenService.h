@@ -48,6 +48,10 @@ class SSOCLIENT_API SecurityTokenService {
   public:
     virtual ~SecurityTokenService();
 
+    // The password is wiped from every buffer the library fills with it on its way to the socket
+    // (the request's DOM, its serialised text, the HTTP body and libcurl's copies; see
+    // Basalt::Http::ClientRequest::GetBodyWriter) before that buffer is freed; the caller's own
+    // string stays the caller's to wipe.
     virtual std::shared_ptr<const SamlToken> AcquireToken(const std::string& user,
                                                           const std::string& password,
                                                           const TokenSpec& spec) const = 0;

@@ -4,6 +4,7 @@
 #include "internal/service/AsyncCall.h"
 
 #include <basalt/Exception.h>
+#include <basalt/StringUtil.h>
 #include <basalt/Thread.h>
 
 #include <algorithm>
@@ -260,10 +261,10 @@ void CheckOptions(const TokenProviderOptions& options) {
 TokenRecipe::TokenRecipe(Acquire acquire) : m_acquire(std::move(acquire)) {}
 
 TokenRecipe TokenRecipe::ByPassword(std::string user, std::string password) {
-    return TokenRecipe(
-        [user, password](const SecurityTokenService& service, const TokenSpec& spec) {
-            return service.AcquireToken(user, password, spec);
-        });
+    return TokenRecipe([user, secret = Basalt::StringUtil::SecretText(std::move(password))](
+                           const SecurityTokenService& service, const TokenSpec& spec) {
+        return service.AcquireToken(user, secret.Get(), spec);
+    });
 }
 
 TokenRecipe TokenRecipe::ByCertificate() {

@@ -99,7 +99,9 @@ class BASALT_API ClientRequest : public virtual Object {
     virtual void SetHeader(const std::string& name, const std::string& value) = 0;
     // The value of a header, empty if not set.
     virtual std::string GetHeader(const std::string& name) const = 0;
-    // Appends to the body.
+    // Appends to the body. The body may be secret: every copy the foundation makes of it is
+    // wiped before it is freed, and so are libcurl's when the foundation initialised libcurl
+    // (the first HTTP request of a process that had not initialised it already).
     virtual Writer* GetBodyWriter() = 0;
     // Limit on the whole exchange, in microseconds; 0 (the default) means none.
     virtual void SetTimeout(int64_t microseconds) = 0;

@@ -1,12 +1,16 @@
 // Requests, responses, cookie stores, connection specs and pools.
 
+#include <malloc.h>
+#include <string.h>
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
 #include <basalt/Exception.h>
+#include <basalt/StringUtil.h>
 #include "internal/http/HttpInternal.h"
 #include "internal/system/Immortal.h"
 
@@ -22,8 +26,42 @@ ClientResponse::~ClientResponse() = default;
 PendingRequestItem::~PendingRequestItem() = default;
 HttpUserAgent::~HttpUserAgent() = default;
 
+namespace {
+
+// libcurl copies request bodies into buffers of its own (the request it assembles, the upload
+// buffer) and frees them as they are; these memory functions wipe every block first.
+void WipingFree(void* block) {
+    if (block) {
+        StringUtil::SecureWipe(block, malloc_usable_size(block));
+        std::free(block);
+    }
+}
+
+void* WipingRealloc(void* block, size_t size) {
+    if (!block) {
+        return std::malloc(size);
+    }
+    if (size == 0) {
+        WipingFree(block);
+        return nullptr;
+    }
+    void* larger = std::malloc(size);
+    if (larger) {
+        std::memcpy(larger, block, std::min(size, malloc_usable_size(block)));
+        WipingFree(block);
+    }
+    return larger;
+}
+
+CURLcode InitCurl() {
+    return curl_global_init_mem(CURL_GLOBAL_DEFAULT, std::malloc, WipingFree, WipingRealloc, strdup,
+                                std::calloc);
+}
+
+}  // namespace
+
 void EnsureCurlInitialized() {
-    static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+    static const CURLcode result = InitCurl();
     if (result != CURLE_OK) {
         throw Exception(std::string("Cannot initialise libcurl: ") + curl_easy_strerror(result));
     }

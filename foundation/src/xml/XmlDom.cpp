@@ -9,6 +9,7 @@
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <functional>
 #include <mutex>
@@ -16,6 +17,8 @@
 
 #include <basalt/Exception.h>
 #include <basalt/Format.h>
+#include <basalt/IO.h>
+#include <basalt/StringUtil.h>
 #include <basalt/Xml.h>
 #include "internal/system/FoundationLog.h"
 #include "internal/xml/XmlInternal.h"
@@ -53,6 +56,9 @@ DocOwner::DocOwner(UniquePtr<xmlDoc> doc) : m_doc(std::move(doc)) {
 }
 
 DocOwner::~DocOwner() {
+    for (xmlNode* node : m_secrets) {
+        WipeText(node);
+    }
     for (xmlNode* node : m_detached) {
         if (node->parent == nullptr && node->doc == m_doc.get()) {
             xmlFreeNode(node);
@@ -73,6 +79,22 @@ std::pair<int, int> DocOwner::GetPosition(const xmlNode* node) const {
         return {0, 0};
     }
     return {found->line, found->column};
+}
+
+void DocOwner::AddSecret(xmlNode* node) {
+    if (!IsSecret(node)) {
+        m_secrets.push_back(node);
+    }
+}
+
+bool DocOwner::IsSecret(const xmlNode* node) const {
+    return std::find(m_secrets.begin(), m_secrets.end(), node) != m_secrets.end();
+}
+
+void WipeText(xmlNode* node) {
+    if (node->content && node->content != reinterpret_cast<xmlChar*>(&node->properties)) {
+        StringUtil::SecureWipe(node->content, static_cast<size_t>(xmlStrlen(node->content)));
+    }
 }
 
 void DocOwner::ForgetDetached(xmlNode* node) {
@@ -118,6 +140,11 @@ void DocOwner::TransferSubtree(xmlNode* root, DocOwner& target) {
         if (pending != m_pending.end()) {
             target.m_pending[node] = std::move(pending->second);
             m_pending.erase(pending);
+        }
+        auto secret = std::find(m_secrets.begin(), m_secrets.end(), node);
+        if (secret != m_secrets.end()) {
+            target.m_secrets.push_back(node);
+            m_secrets.erase(secret);
         }
     });
     if (moved.empty()) {
@@ -335,6 +362,105 @@ void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& d
     OutputSink(writer).Run(dump);
 }
 
+namespace {
+
+// While it lives, the secret text nodes of a document hold random markers instead of their
+// values, so that libxml2's output buffers (which grow by realloc and are freed unwiped) never
+// see a secret; WriteUnmasked puts the values back, escaped as text, on the way to the writer.
+class MaskedSecrets {
+  public:
+    explicit MaskedSecrets(const DocOwner& owner) {
+        try {
+            for (xmlNode* node : owner.Secrets()) {
+                std::string marker = "secret-" + StringUtil::GenerateUuid();
+                UniquePtr<XmlString> placeholder(xmlStrdup(AsXmlChars(marker.c_str())));
+                if (!placeholder) {
+                    throw std::bad_alloc();
+                }
+                m_masked.push_back({node, node->content, std::move(marker)});
+                node->content = placeholder.release();
+            }
+        } catch (...) {
+            Restore();
+            throw;
+        }
+    }
+    ~MaskedSecrets() { Restore(); }
+    MaskedSecrets(const MaskedSecrets&) = delete;
+    MaskedSecrets& operator=(const MaskedSecrets&) = delete;
+
+    bool Any() const { return !m_masked.empty(); }
+
+    void WriteUnmasked(std::string_view text, Writer* writer) const {
+        size_t done = 0;
+        while (done < text.size()) {
+            size_t next = text.size();
+            const Masked* found = nullptr;
+            for (const Masked& masked : m_masked) {
+                size_t at = text.find(masked.marker, done);
+                if (at < next) {
+                    next = at;
+                    found = &masked;
+                }
+            }
+            writer->Write(text.data() + done, next - done);
+            if (found) {
+                WriteEscaped(AsChars(found->value), writer);
+                next += found->marker.size();
+            }
+            done = next;
+        }
+    }
+
+  private:
+    void Restore() {
+        for (const Masked& masked : m_masked) {
+            xmlFree(std::exchange(masked.node->content, masked.value));
+        }
+    }
+
+    struct Masked {
+        xmlNode* node;
+        xmlChar* value;
+        std::string marker;
+    };
+
+    // As libxml2 escapes text content.
+    static void WriteEscaped(const char* value, Writer* writer) {
+        std::string escaped;
+        escaped.reserve(5 * std::strlen(value));  // never regrown, so one copy to wipe
+        for (const char* c = value; *c; ++c) {
+            switch (*c) {
+                case '<':
+                    escaped += "&lt;";
+                    break;
+                case '>':
+                    escaped += "&gt;";
+                    break;
+                case '&':
+                    escaped += "&amp;";
+                    break;
+                case '\r':
+                    escaped += "&#13;";
+                    break;
+                default:
+                    escaped += *c;
+            }
+        }
+        try {
+            writer->Write(escaped);
+        } catch (...) {
+            StringUtil::SecureWipe(escaped);
+            throw;
+        }
+        StringUtil::SecureWipe(escaped);
+    }
+
+    std::vector<Masked> m_masked;
+};
+
+}  // namespace
+
 // ---------------------------------------------------------------------------------------------
 // Wrappers
 
@@ -427,6 +553,19 @@ class NodeBase : public ObjectImpl, public Interface, public NodeCore {
         if (!writer) {
             BASALT_THROW(InvalidArgumentException, "No writer to serialise to");
         }
+        const MaskedSecrets masked(*Owner());
+        if (!masked.Any()) {
+            SerializeTo(writer);
+            return;
+        }
+        Ref<StringWriter> withMarkers;
+        CreateStringWriter(withMarkers);
+        SerializeTo(withMarkers.Get());
+        masked.WriteUnmasked(withMarkers->GetString(), writer);
+    }
+
+  private:
+    void SerializeTo(Writer* writer) const {
         if (m_node->type == XML_ELEMENT_NODE) {
             ResolvePendingNamespaces(m_node, true);
             xmlNode* parent = m_node->parent;
@@ -449,9 +588,20 @@ class TextNodeImpl final : public NodeBase<TextNode> {
     using NodeBase::NodeBase;
 
     std::string GetValue() const override { return Str(m_node->content); }
-    void SetValue(std::string_view value) override {
-        std::string copy(value);
+    void SetValue(std::string_view value) override { Store(value); }
+    void SetSecretValue(std::string_view value) override {
+        Owner()->AddSecret(m_node);
+        Store(value);
+    }
+
+  private:
+    void Store(std::string_view value) {
+        std::string copy(value);  // NUL-terminated for libxml2
+        if (Owner()->IsSecret(m_node)) {
+            WipeText(m_node);
+        }
         xmlNodeSetContent(m_node, AsXmlChars(copy.c_str()));
+        StringUtil::SecureWipe(copy);
     }
 };
 

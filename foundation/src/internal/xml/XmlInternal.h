@@ -81,8 +81,14 @@ class DocOwner final : public ObjectImpl {
     // null meanwhile).
     std::unordered_map<const void*, std::string>& Pending() { return m_pending; }
 
-    // Moves the bookkeeping of node's subtree (positions, pending prefixes, wrappers' owner) to
-    // target, after libxml2 has moved the subtree into target's document.
+    // Text nodes holding secrets: their text is wiped before it is freed or replaced, and
+    // masked while the tree is serialised.
+    void AddSecret(xmlNode* node);
+    bool IsSecret(const xmlNode* node) const;
+    const std::vector<xmlNode*>& Secrets() const { return m_secrets; }
+
+    // Moves the bookkeeping of node's subtree (positions, pending prefixes, secrets, wrappers'
+    // owner) to target, after libxml2 has moved the subtree into target's document.
     void TransferSubtree(xmlNode* node, DocOwner& target);
 
     // The wrapper of the document node, if one exists.
@@ -94,7 +100,11 @@ class DocOwner final : public ObjectImpl {
     mutable std::vector<Position> m_positions;
     mutable bool m_positionsSorted = true;
     std::unordered_map<const void*, std::string> m_pending;
+    std::vector<xmlNode*> m_secrets;
 };
+
+// Overwrites a text node's content (before libxml2 frees or replaces it).
+void WipeText(xmlNode* node);
 
 // Common part of every node wrapper; a node's _private points here while a wrapper exists.
 class NodeCore {
