@@ -1,5 +1,6 @@
 // The DOM classes over libxml2: one wrapper per native node, made on first use and cached in
-// the node's _private; every wrapper holds a reference to its document's owner.
+// the node's _private (under the owner's mutex, so that threads reading one tree agree on it);
+// every wrapper holds a reference to its document's owner.
 
 #include <libxml/globals.h>
 #include <libxml/parser.h>
@@ -68,6 +69,7 @@ DocOwner::~DocOwner() {
 }
 
 std::pair<int, int> DocOwner::GetPosition(const xmlNode* node) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
     auto byNode = [](const Position& a, const Position& b) { return a.node < b.node; };
     if (!m_positionsSorted) {
         std::sort(m_positions.begin(), m_positions.end(), byNode);
@@ -95,6 +97,25 @@ void WipeText(xmlNode* node) {
     if (node->content && node->content != reinterpret_cast<xmlChar*>(&node->properties)) {
         StringUtil::SecureWipe(node->content, static_cast<size_t>(xmlStrlen(node->content)));
     }
+}
+
+bool DocOwner::FindPending(const void* node, std::string& prefix) const {
+    if (!m_hasPending.load(std::memory_order_acquire)) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto found = m_pending.find(node);
+    if (found == m_pending.end()) {
+        return false;
+    }
+    prefix = found->second;
+    return true;
+}
+
+void DocOwner::AddPending(const void* node, std::string prefix) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_pending[node] = std::move(prefix);
+    m_hasPending.store(true, std::memory_order_release);
 }
 
 void DocOwner::ForgetDetached(xmlNode* node) {
@@ -138,7 +159,7 @@ void DocOwner::TransferSubtree(xmlNode* root, DocOwner& target) {
         }
         auto pending = m_pending.find(node);
         if (pending != m_pending.end()) {
-            target.m_pending[node] = std::move(pending->second);
+            target.AddPending(node, std::move(pending->second));
             m_pending.erase(pending);
         }
         auto secret = std::find(m_secrets.begin(), m_secrets.end(), node);
@@ -147,6 +168,7 @@ void DocOwner::TransferSubtree(xmlNode* root, DocOwner& target) {
             m_secrets.erase(secret);
         }
     });
+    m_hasPending.store(!m_pending.empty(), std::memory_order_release);
     if (moved.empty()) {
         return;
     }
@@ -174,9 +196,9 @@ std::string NodePrefix(const xmlNode* node) {
     if (node->ns) {
         return Str(node->ns->prefix);
     }
-    auto& pending = DocOwner::Of(node->doc)->Pending();
-    auto found = pending.find(node);
-    return found == pending.end() ? std::string() : found->second;
+    std::string prefix;
+    DocOwner::Of(node->doc)->FindPending(node, prefix);
+    return prefix;
 }
 
 std::string AttrPrefix(const xmlAttr* attr) {
@@ -219,10 +241,16 @@ std::string QualifiedName(const std::string& prefix, const xmlChar* localName) {
 }  // namespace
 
 void ResolvePendingNamespaces(xmlNode* root, bool strict) {
-    auto& pending = DocOwner::Of(root->doc)->Pending();
-    if (pending.empty()) {
+    DocOwner* owner = DocOwner::Of(root->doc);
+    if (!owner->m_hasPending.load(std::memory_order_acquire)) {
         return;
     }
+    std::lock_guard<std::mutex> lock(owner->m_mutex);
+    auto& pending = owner->m_pending;
+    struct UpdateFlag {
+        DocOwner* owner;
+        ~UpdateFlag() { owner->m_hasPending.store(!owner->m_pending.empty()); }
+    } update{owner};
     WalkSubtree(root, [&](xmlNode* node) {
         auto found = pending.find(node);
         if (found == pending.end()) {
@@ -479,13 +507,19 @@ void ClearPrivate(xmlNode* root) {
 // used in attribute values such as xsi:type, keep their meaning).
 void SerializeInnerElement(xmlNode* node, Writer* writer) {
     Ref<DocOwner> scratch = CreateDocOwner();
-    xmlNode* copy = xmlDocCopyNode(node, scratch->GetDoc(), 1);
+    UniquePtr<XmlNsList> inScope;
+    xmlNode* copy = nullptr;
+    {
+        // libxml2 consults the id table, which a verification may be filling, to copy ids.
+        std::lock_guard<std::mutex> lock(DocOwner::Of(node->doc)->Mutex());
+        copy = xmlDocCopyNode(node, scratch->GetDoc(), 1);
+        inScope.reset(xmlGetNsList(node->doc, node));
+    }
     if (!copy) {
         throw std::bad_alloc();
     }
     ClearPrivate(copy);
     xmlDocSetRootElement(scratch->GetDoc(), copy);
-    UniquePtr<XmlNsList> inScope(xmlGetNsList(node->doc, node));
     for (xmlNs** ns = inScope.get(); ns && *ns; ++ns) {
         bool declared = false;
         for (xmlNs* own = copy->nsDef; own; own = own->next) {
@@ -501,10 +535,12 @@ void SerializeInnerElement(xmlNode* node, Writer* writer) {
 template <class Interface>
 class NodeBase : public ObjectImpl, public Interface, public NodeCore {
   public:
-    NodeBase(xmlNode* node, DocOwner* owner) : NodeCore(node, owner) {
+    // Made by WrapNode, which holds the owner's mutex.
+    NodeBase(xmlNode* node, DocOwner* owner) : NodeCore(node, owner, m_refCount) {
         node->_private = static_cast<NodeCore*>(this);
     }
     ~NodeBase() override {
+        std::lock_guard<std::mutex> lock(Owner()->Mutex());
         if (m_node->_private == static_cast<NodeCore*>(this)) {
             m_node->_private = nullptr;
         }
@@ -629,9 +665,9 @@ class ElementNodeImpl final : public NodeBase<ElementNode> {
             return Str(m_node->ns->href);
         }
         std::string uri;
-        std::string prefix = NodePrefix(m_node);
+        std::string prefix;
         // A pending prefix reads through to whatever is in scope now.
-        if (Owner()->Pending().count(m_node) && LookupNamespaceUri(prefix, uri)) {
+        if (Owner()->FindPending(m_node, prefix) && LookupNamespaceUri(prefix, uri)) {
             return uri;
         }
         return std::string();
@@ -786,7 +822,6 @@ class ElementNodeImpl final : public NodeBase<ElementNode> {
     void SetPrefixedAttribute(const std::string& prefix, const std::string& localName,
                               const std::string& value) {
         const xmlChar* local = AsXmlChars(localName.c_str());
-        auto& pending = Owner()->Pending();
         for (xmlAttr* attr = m_node->properties; attr; attr = attr->next) {
             if (xmlStrEqual(attr->name, local) && AttrPrefix(attr) == prefix) {
                 xmlSetNsProp(m_node, attr->ns, local, AsXmlChars(value.c_str()));
@@ -801,17 +836,20 @@ class ElementNodeImpl final : public NodeBase<ElementNode> {
         if (!ns) {
             // Resolved once the prefix is declared here or on an ancestor (at the latest when
             // serialised): the builders set "p:name" before "xmlns:p" in byte order.
-            pending[attr] = prefix;
+            Owner()->AddPending(attr, prefix);
         }
     }
 };
 
 class DocumentImpl final : public ObjectImpl, public Document, public NodeCore {
   public:
-    DocumentImpl(xmlDoc* doc, DocOwner* owner) : NodeCore(reinterpret_cast<xmlNode*>(doc), owner) {
+    // Made by WrapDocument, which holds the owner's mutex.
+    DocumentImpl(xmlDoc* doc, DocOwner* owner)
+        : NodeCore(reinterpret_cast<xmlNode*>(doc), owner, m_refCount) {
         owner->m_documentWrapper = this;
     }
     ~DocumentImpl() override {
+        std::lock_guard<std::mutex> lock(Owner()->Mutex());
         if (Owner()->m_documentWrapper == this) {
             Owner()->m_documentWrapper = nullptr;
         }
@@ -860,10 +898,13 @@ Ref<Node> WrapNode(xmlNode* node) {
     if (node->type == XML_DOCUMENT_NODE) {
         return WrapDocument(reinterpret_cast<xmlDoc*>(node));
     }
-    if (node->_private) {
-        return Ref<Node>(static_cast<NodeCore*>(node->_private)->AsNode());
-    }
     DocOwner* owner = DocOwner::Of(node->doc);
+    std::lock_guard<std::mutex> lock(owner->Mutex());
+    auto* cached = static_cast<NodeCore*>(node->_private);
+    if (cached && cached->TryRetain()) {
+        return Ref<Node>::Adopt(cached->AsNode());
+    }
+    // None yet, or one on its way out: a new wrapper takes the node over.
     switch (node->type) {
         case XML_ELEMENT_NODE:
             return Ref<ElementNode>(new ElementNodeImpl(node, owner));
@@ -884,8 +925,10 @@ Ref<ElementNode> WrapElement(xmlNode* node) {
 
 Ref<Document> WrapDocument(xmlDoc* doc) {
     DocOwner* owner = DocOwner::Of(doc);
-    if (owner->m_documentWrapper) {
-        return Ref<Document>(dynamic_cast<Document*>(owner->m_documentWrapper->AsNode()));
+    std::lock_guard<std::mutex> lock(owner->Mutex());
+    NodeCore* cached = owner->m_documentWrapper;
+    if (cached && cached->TryRetain()) {
+        return Ref<Document>::Adopt(dynamic_cast<Document*>(cached->AsNode()));
     }
     return Ref<Document>(new DocumentImpl(doc, owner));
 }
@@ -923,7 +966,7 @@ void CreateElementNode(const std::string& prefix, const std::string& localName,
     // A new element is its document's root until it is attached elsewhere: libxml2's
     // canonicalisation (and so signing) only sees nodes under the document.
     xmlDocSetRootElement(owner->GetDoc(), node);
-    owner->Pending()[node] = prefix;
+    owner->AddPending(node, prefix);
     element = WrapElement(node);
 }
 

@@ -8,7 +8,9 @@
 
 #include <libxml/parser.h>
 
+#include <atomic>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -47,6 +49,12 @@ inline std::string Str(const xmlChar* s) {
 // it (detached elements and text nodes), where each parsed element started, and the prefixes
 // still waiting for a declaration. The document's _private points here; every node wrapper holds
 // a reference, which is how a node keeps its document alive.
+//
+// A complete tree may be read from many threads at once, but reading changes state behind the
+// scenes: wrappers are made and dropped (node _private, the document's wrapper), positions are
+// sorted on first lookup, pending prefixes get resolved, and verification registers ids in the
+// document's id table. Mutex() guards all of that; it is never held while calling out of the
+// foundation (resolvers, writers), so a callback may walk the same tree.
 class DocOwner final : public ObjectImpl {
   public:
     explicit DocOwner(UniquePtr<xmlDoc> doc);
@@ -54,6 +62,7 @@ class DocOwner final : public ObjectImpl {
 
     xmlDoc* GetDoc() const { return m_doc.get(); }
     static DocOwner* Of(const xmlDoc* doc) { return static_cast<DocOwner*>(doc->_private); }
+    std::mutex& Mutex() const { return m_mutex; }
 
     // A subtree root created here without a parent; freed with the document unless it is
     // attached somewhere by then. Returns node.
@@ -77,9 +86,10 @@ class DocOwner final : public ObjectImpl {
     // (line, column) of node, (0, 0) if unknown.
     std::pair<int, int> GetPosition(const xmlNode* node) const;
 
-    // Prefixes of elements and attributes whose namespace is not resolved yet (the node's ns is
-    // null meanwhile).
-    std::unordered_map<const void*, std::string>& Pending() { return m_pending; }
+    // Elements and attributes whose prefix is not resolved yet (their ns is null meanwhile).
+    // FindPending returns false, without locking, for a tree that has none (every parsed one).
+    bool FindPending(const void* node, std::string& prefix) const;
+    void AddPending(const void* node, std::string prefix);
 
     // Text nodes holding secrets: their text is wiped before it is freed or replaced, and
     // masked while the tree is serialised.
@@ -95,12 +105,16 @@ class DocOwner final : public ObjectImpl {
     class NodeCore* m_documentWrapper = nullptr;
 
   private:
+    friend void ResolvePendingNamespaces(xmlNode* node, bool strict);
+
     UniquePtr<xmlDoc> m_doc;
     std::vector<xmlNode*> m_detached;
+    mutable std::mutex m_mutex;
     mutable std::vector<Position> m_positions;
     mutable bool m_positionsSorted = true;
     std::unordered_map<const void*, std::string> m_pending;
     std::vector<xmlNode*> m_secrets;
+    std::atomic<bool> m_hasPending{false};
 };
 
 // Overwrites a text node's content (before libxml2 frees or replaces it).
@@ -109,7 +123,10 @@ void WipeText(xmlNode* node);
 // Common part of every node wrapper; a node's _private points here while a wrapper exists.
 class NodeCore {
   public:
-    NodeCore(xmlNode* node, DocOwner* owner) : m_node(node), m_owner(owner) {}
+    // references: the wrapper's own count, readable until its destructor has taken the owner's
+    // mutex.
+    NodeCore(xmlNode* node, DocOwner* owner, RefCount& references)
+        : m_node(node), m_owner(owner), m_references(references) {}
     virtual ~NodeCore() = default;
     NodeCore(const NodeCore&) = delete;
     NodeCore& operator=(const NodeCore&) = delete;
@@ -119,12 +136,29 @@ class NodeCore {
     DocOwner* Owner() const { return m_owner.Get(); }
     void SetOwner(DocOwner* owner) { m_owner = owner; }
 
+    // Adds a reference unless the last one is gone already (the wrapper is being destroyed on
+    // another thread). Not virtual: a dying wrapper's vtable is changing. Called with the owner's
+    // mutex held.
+    bool TryRetain() {
+        long seen = m_references.load(std::memory_order_relaxed);
+        while (seen > 0) {
+            if (m_references.compare_exchange_weak(seen, seen + 1, std::memory_order_relaxed)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
   protected:
     xmlNode* m_node;
     Ref<DocOwner> m_owner;
+
+  private:
+    RefCount& m_references;
 };
 
-// The wrapper of a native node (made on first use and cached), or null.
+// The wrapper of a native node (made on first use and cached), or null. Safe to call from
+// several threads on one tree.
 Ref<Node> WrapNode(xmlNode* node);
 Ref<ElementNode> WrapElement(xmlNode* node);
 Ref<Document> WrapDocument(xmlDoc* doc);
