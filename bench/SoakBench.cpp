@@ -55,8 +55,9 @@ void BM_FaultLoad(benchmark::State& state) {
     state.counters["heap_after_kb"] = after;
     for (const auto& [kind, outcomes] : report.outcomes) {
         for (const auto& [outcome, count] : outcomes) {
-            const std::string name = outcome.substr(outcome.rfind(':') + 1);
-            state.counters[kind.substr(1) + "_" + name] = count;
+            std::string name = kind.substr(1) + "_" + outcome.substr(outcome.rfind(':') + 1);
+            std::replace(name.begin(), name.end(), ' ', '_');
+            state.counters[name] = count;
         }
     }
     if (report.notCalledOnce != 0 || report.wavesWithoutToken != 0 ||

@@ -159,7 +159,7 @@ class FaultyServer {
 struct FaultLoadReport {
     int calls = 0;
     int notCalledOnce = 0;      // calls whose callback ran other than exactly once
-    int wavesWithoutToken = 0;  // waves after which no call got a token: no recovery
+    int wavesWithoutToken = 0;  // waves in which no call got a token, though each follows a restart
     double slowestWaveSeconds = 0;
     std::map<std::string, std::map<std::string, int>> outcomes;  // kind -> outcome -> count
 };
