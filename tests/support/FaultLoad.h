@@ -158,8 +158,9 @@ class FaultyServer {
 
 struct FaultLoadReport {
     int calls = 0;
-    int notCalledOnce = 0;      // calls whose callback ran other than exactly once
-    int wavesWithoutToken = 0;  // waves in which no call got a token, though each follows a restart
+    int notCalledOnce = 0;  // calls whose callback ran other than exactly once
+    // Waves in which no call got a token: all but the first begin right after a restart.
+    int wavesWithoutToken = 0;
     double slowestWaveSeconds = 0;
     std::map<std::string, std::map<std::string, int>> outcomes;  // kind -> outcome -> count
 };
