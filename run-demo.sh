@@ -28,6 +28,7 @@ echo "Test KDC for SSOCLIENT.TEST running, files in $kdc_dir"
 # Kerberos with the service keytab of HTTP/localhost.
 coproc STS { exec /usr/bin/python3 tests/sts/wstrust_sts.py --keytab "$kdc_dir/http.keytab"; }
 sts_in=${STS[1]}
+sts_pid=$STS_PID  # bash unsets STS_PID once the coprocess has ended
 port=""
 while read -r line <&"${STS[0]}"; do
     if [[ $line =~ ^READY\ ([0-9]+) ]]; then
@@ -47,7 +48,7 @@ status=0
 build/release/examples/sso_demo "https://localhost:$port/sts/STSService" tests/data/sts "$jwt" \
     "$kdc_dir/bob.keytab" || status=$?
 exec {sts_in}>&-
-wait "$STS_PID" 2>/dev/null || true
+wait "$sts_pid" 2>/dev/null || true
 exec {kdc_in}>&-
 wait "$kdc_pid" 2>/dev/null || true
 exit $status
