@@ -16,7 +16,7 @@ if [ "${1:-}" != "--no-tsan" ]; then
     # Known false positives of uninstrumented system libraries (see the file).
     export TSAN_OPTIONS="suppressions=$PWD/tests/tsan.supp ${TSAN_OPTIONS:-}"
     cmake --preset tsan
-    cmake --build --preset tsan -j "$jobs" --target basalt_tests ssoclient_tests
+    cmake --build --preset tsan -j "$jobs" --target basalt_tests ssoclient_tests secret_wiping_tests
     # The install and symbol checks and the test STS's self-test do not depend on the sanitizer;
     # they ran above.
     ctest --preset tsan -j "$jobs" -E '^(exported_symbols|install_and_consume|.*_replay)$'

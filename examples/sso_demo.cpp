@@ -3,10 +3,13 @@
 // the same asynchronously; and, for a resource server, a JWT bearer token validated with the
 // issuer's certificate.
 //
-//   sso_demo <service-url> <trust-dir> [<jwt>]
+//   sso_demo <service-url> <trust-dir> [<jwt> [<client-keytab>]]
 //
 // <trust-dir> holds ca.pem (the TLS CA), signing.pem (the token-signing certificate) and
 // client.pem/client.key (the holder-of-key identity), as the loopback test STS provides them.
+// With a client keytab, the demo also logs on with Kerberos to the service HTTP@localhost: from
+// the default credential cache (after kinit) and from the keytab; Kerberos itself is configured
+// as usual (KRB5_CONFIG, KRB5CCNAME).
 #include <basalt/Crypto.h>
 #include <basalt/Ssl.h>
 #include <basalt/StringUtil.h>
@@ -14,6 +17,7 @@
 #include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/JwtTokenValidator.h>
+#include <ssoClient/KerberosNegotiationHandler.h>
 #include <ssoClient/SecurityTokenService.h>
 #include <ssoClient/TokenProvider.h>
 
@@ -143,7 +147,26 @@ void ValidateJwt(const std::string& jwt, const std::string& trustDir) {
     }
 }
 
-int Run(const std::string& url, const std::string& trustDir) {
+// Kerberos logons: the user's default cache, then a service account's keytab; and what a user
+// sees when the service principal is wrong.
+void ShowKerberos(const SsoClient::SecurityTokenService& service, const SsoClient::TokenSpec& spec,
+                  const std::string& keytab) {
+    std::cout << "== Kerberos\n";
+    auto fromCache = SsoClient::CreateKerberosNegotiationHandler("HTTP@localhost");
+    Show("By Kerberos (default cache)", service.AcquireTokenByGSS(spec, *fromCache));
+    SsoClient::KerberosOptions options;
+    options.credentials = {Basalt::Gss::CredentialSource::ClientKeytab, keytab, ""};
+    auto fromKeytab = SsoClient::CreateKerberosNegotiationHandler("HTTP@localhost", options);
+    Show("By Kerberos (client keytab)", service.AcquireTokenByGSS(spec, *fromKeytab));
+    try {
+        auto wrong = SsoClient::CreateKerberosNegotiationHandler("HTTP@nowhere", options);
+        service.AcquireTokenByGSS(spec, *wrong);
+    } catch (const SsoClient::SsoException& e) {
+        std::cout << "Wrong service principal: " << e.what() << "\n";
+    }
+}
+
+int Run(const std::string& url, const std::string& trustDir, const std::string& keytab) {
     Basalt::Ssl::SSLContextOptions tls;
     tls.trustedCaPem = ReadFile(trustDir + "/ca.pem");
     Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
@@ -193,6 +216,9 @@ int Run(const std::string& url, const std::string& trustDir) {
         std::cout << "Wrong password: " << e.what() << "\n";
     }
 
+    if (!keytab.empty()) {
+        ShowKerberos(*service, spec, keytab);
+    }
     ShowProvider(service, spec);
 
     std::cout << "== Asynchronous\n";
@@ -229,13 +255,14 @@ int Run(const std::string& url, const std::string& trustDir) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3 && argc != 4) {
-        std::cerr << "usage: " << argv[0] << " <service-url> <trust-dir> [<jwt>]\n";
+    if (argc < 3 || argc > 5) {
+        std::cerr << "usage: " << argv[0]
+                  << " <service-url> <trust-dir> [<jwt> [<client-keytab>]]\n";
         return 2;
     }
     try {
-        const int status = Run(argv[1], argv[2]);
-        if (argc == 4) {
+        const int status = Run(argv[1], argv[2], argc == 5 ? argv[4] : "");
+        if (argc >= 4) {
             ValidateJwt(argv[3], argv[2]);
         }
         return status;

@@ -8,6 +8,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
     openssl xmlsec1 xml-security-c-utils
     python3 python3-lxml python3-xmlsec python3-cryptography python3-jwt python3-jwcrypto
+    libkrb5-dev krb5-user krb5-kdc krb5-admin-server python3-gssapi
 )
 missing=()
 for package in "${packages[@]}"; do

@@ -48,6 +48,10 @@ class SSOCLIENT_API SecurityTokenService {
   public:
     virtual ~SecurityTokenService();
 
+    // The password is wiped from every buffer the library fills with it on its way to the socket
+    // (the request's DOM, its serialised text, the HTTP body and libcurl's copies; see
+    // Basalt::Http::ClientRequest::GetBodyWriter) before that buffer is freed; the caller's own
+    // string stays the caller's to wipe.
     virtual std::shared_ptr<const SamlToken> AcquireToken(const std::string& user,
                                                           const std::string& password,
                                                           const TokenSpec& spec) const = 0;
@@ -90,7 +94,8 @@ struct SecurityTokenServiceConfig {
     // Trusted token-signing certificates (used by negotiation contexts; issued tokens are
     // verified by tokenFactory).
     Basalt::Ref<const Basalt::Xml::Security::KeyInfoResolver> keyInfoResolver;
-    // Turns issued assertions into tokens (and verifies their signatures).
+    // Turns issued assertions into tokens (and verifies their signatures). When unset, a factory
+    // over keyInfoResolver is made; one of the two is required.
     std::shared_ptr<SamlTokenFactory> tokenFactory;
     // Server name to present and verify for HTTPS; empty means the URL's host.
     std::string sslParameter;
@@ -107,13 +112,19 @@ struct SecurityTokenServiceConfig {
 struct SecurityTokenServiceConfigEx {
     // The request target of every request, used as given (not parsed).
     std::string url;
+    // Required.
     Basalt::Ref<Basalt::Http::HttpUserAgent> userAgent;
+    // Required.
     std::shared_ptr<SamlTokenFactory> tokenFactory;
     boost::optional<HolderOfKeyConfig> holderOfKey;
 };
 
-// Assembles a service. Throws Basalt::InvalidArgumentException for an https URL without an SSL
-// context; URL parse errors pass through.
+// Assembles a service; the configuration is checked first, so a mistake surfaces here rather
+// than at the first call (nothing is sent either way). Throws Basalt::InvalidArgumentException
+// naming the field: an https URL without an SSL context, no tokenFactory (and, for
+// SecurityTokenServiceConfig, no keyInfoResolver to make one from), no userAgent, a
+// holderOfKey without certificate or private key, or a private key that does not match the
+// certificate. URL parse errors pass through.
 SSOCLIENT_API std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
     const SecurityTokenServiceConfig& config);
 SSOCLIENT_API std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(

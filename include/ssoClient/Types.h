@@ -61,10 +61,13 @@ enum TokenType : int32_t {
     JWT_Bearer = 2,
 };
 
+// The longest token lifetime a request may ask for: 100 years, in seconds.
+constexpr int64_t kMaxTokenLifetimeSec = 3155760000;
+
 // What a caller asks the token service for.
 struct TokenSpec {
-    // Requested lifetime in seconds; must be positive for every request (0 until set, which
-    // requests reject).
+    // Requested lifetime in seconds; every request needs 1 to kMaxTokenLifetimeSec (0 until set,
+    // which requests reject with Basalt::InvalidArgumentException).
     int64_t tokenLifetimeSec = 0;
     std::set<std::string> audienceRestriction;
     std::vector<Advice> advice;

@@ -1,7 +1,10 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/TokenProvider.h>
 
+#include "internal/service/AsyncCall.h"
+
 #include <basalt/Exception.h>
+#include <basalt/StringUtil.h>
 #include <basalt/Thread.h>
 
 #include <algorithm>
@@ -40,17 +43,7 @@ void Deliver(const TokenCallback& callback, const Token& token, const std::excep
         callback(token, nullptr);
         return;
     }
-    try {
-        std::rethrow_exception(failure);
-    } catch (const Basalt::Exception& e) {
-        callback(nullptr, &e);
-    } catch (const std::exception& e) {
-        const SsoException wrapped(e.what());
-        callback(nullptr, &wrapped);
-    } catch (...) {
-        const SsoException wrapped("Token acquisition failed with an unknown exception");
-        callback(nullptr, &wrapped);
-    }
+    ReportFailure(failure, [&](const Basalt::Exception* e) { callback(nullptr, e); });
 }
 
 // The provider's state, shared with the work it queues on the pool so that work finishing after
@@ -268,10 +261,10 @@ void CheckOptions(const TokenProviderOptions& options) {
 TokenRecipe::TokenRecipe(Acquire acquire) : m_acquire(std::move(acquire)) {}
 
 TokenRecipe TokenRecipe::ByPassword(std::string user, std::string password) {
-    return TokenRecipe(
-        [user, password](const SecurityTokenService& service, const TokenSpec& spec) {
-            return service.AcquireToken(user, password, spec);
-        });
+    return TokenRecipe([user, secret = Basalt::StringUtil::SecretText(std::move(password))](
+                           const SecurityTokenService& service, const TokenSpec& spec) {
+        return service.AcquireToken(user, secret.Get(), spec);
+    });
 }
 
 TokenRecipe TokenRecipe::ByCertificate() {

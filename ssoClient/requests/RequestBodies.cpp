@@ -126,8 +126,8 @@ std::shared_ptr<XMLCompositeBuilder> BuildUsernameToken(const std::string& userN
 std::shared_ptr<XMLCompositeBuilder> BuildUsernamePasswordToken(const std::string& userName,
                                                                 const std::string& password) {
     auto token = BuildUsernameToken(userName);
-    token->Add(CreateTextElementBuilder("wsse", "Password",
-                                        ToAttributeMap({{"Type", kPasswordText}}), password));
+    token->Add(CreateSecretTextElementBuilder("wsse", "Password",
+                                              ToAttributeMap({{"Type", kPasswordText}}), password));
     return token;
 }
 

@@ -24,6 +24,29 @@ void CheckLifetime(int64_t lifetimeSeconds) {
     if (lifetimeSeconds <= 0) {
         throw Basalt::InvalidArgumentException("Token lifetime must be positive");
     }
+    if (lifetimeSeconds > kMaxTokenLifetimeSec) {
+        throw Basalt::InvalidArgumentException("Token lifetime must not exceed " +
+                                               std::to_string(kMaxTokenLifetimeSec) +
+                                               " seconds (100 years)");
+    }
+}
+
+// A signing identity must be whole and consistent before any request is built with it.
+boost::optional<HolderOfKeyConfig> Checked(boost::optional<HolderOfKeyConfig> holderOfKey) {
+    if (!holderOfKey) {
+        return holderOfKey;
+    }
+    if (!holderOfKey->certificate) {
+        throw Basalt::InvalidArgumentException("HolderOfKeyConfig.certificate is null");
+    }
+    if (!holderOfKey->privateKey) {
+        throw Basalt::InvalidArgumentException("HolderOfKeyConfig.privateKey is null");
+    }
+    if (!holderOfKey->privateKey->Matches(*holderOfKey->certificate)) {
+        throw Basalt::InvalidArgumentException(
+            "HolderOfKeyConfig.privateKey does not match HolderOfKeyConfig.certificate");
+    }
+    return holderOfKey;
 }
 
 SoapRequest Serialize(const char* action, const XMLBaseBuilder& envelopeBuilder) {
@@ -63,7 +86,7 @@ SoapRequest CertificateEnvelope(const char* action,
 RequestBuilder::~RequestBuilder() = default;
 
 RequestBuilderImpl::RequestBuilderImpl(boost::optional<HolderOfKeyConfig> holderOfKey)
-    : m_holderOfKey(std::move(holderOfKey)) {}
+    : m_holderOfKey(Checked(std::move(holderOfKey))) {}
 
 bool RequestBuilderImpl::AsksForHolderOfKey(const TokenSpec& spec) const {
     return m_holderOfKey && spec.confirmation == CONFIRMATION_DEFAULT;

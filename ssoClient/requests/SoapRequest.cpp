@@ -7,6 +7,15 @@ namespace SsoClient {
 SoapRequest::SoapRequest(std::string action, std::string envelopeText)
     : soapAction(std::move(action)), envelope(std::move(envelopeText)) {}
 
+SoapRequest& SoapRequest::operator=(const SoapRequest& other) {
+    if (this != &other) {
+        Basalt::StringUtil::SecureWipe(envelope);
+        soapAction = other.soapAction;
+        envelope = other.envelope;
+    }
+    return *this;
+}
+
 SoapRequest& SoapRequest::operator=(SoapRequest&& other) noexcept {
     Basalt::StringUtil::SecureWipe(envelope);
     soapAction = std::move(other.soapAction);

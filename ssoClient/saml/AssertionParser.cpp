@@ -148,8 +148,7 @@ class Attributes {
                                    [&](const QName& q) { return Matches(attribute, q); });
             };
             if (!listed(required) && !listed(optional) && !IsNamespaceDeclaration(attribute)) {
-                Fail("Unexpected attribute '" + attribute.qualifiedName + "' on element '" +
-                     NameOf(element) + "'");
+                Fail("Unexpected attributes on element '" + NameOf(element) + "'");
             }
         }
     }

@@ -43,7 +43,7 @@ bool ParseIsSolution(const std::vector<std::string>& values) {
     if (values.empty()) {
         throw ParseException("No value found for attribute isSolution.");
     }
-    static const std::string kTrue = "TRUE";
+    constexpr std::string_view kTrue = "TRUE";
     const std::string& first = values.front();
     const bool isTrue = first.size() == kTrue.size() &&
                         std::equal(first.begin(), first.end(), kTrue.begin(), [](char a, char b) {

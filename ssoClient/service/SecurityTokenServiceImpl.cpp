@@ -2,6 +2,7 @@
 
 #include <basalt/Exception.h>
 #include <basalt/Log.h>
+#include <basalt/StringUtil.h>
 #include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
 
@@ -223,11 +224,11 @@ void SecurityTokenServiceImpl::AcquireTokenAsync(const std::string& user,
                                                  const std::string& password, const TokenSpec& spec,
                                                  const TokenCallback& callback) const {
     auto service = Copy();
-    SyncToAsyncCall(
-        std::function<std::shared_ptr<const SamlToken>()>([service, user, password, spec] {
-            return service->AcquireToken(user, password, spec);
-        }),
-        callback, std::shared_ptr<const SamlToken>());
+    SyncToAsyncCall(std::function<std::shared_ptr<const SamlToken>()>(
+                        [service, user, password = Basalt::StringUtil::SecretText(password), spec] {
+                            return service->AcquireToken(user, password.Get(), spec);
+                        }),
+                    callback, std::shared_ptr<const SamlToken>());
 }
 
 void SecurityTokenServiceImpl::AcquireTokenByGSSAsync(

@@ -21,6 +21,22 @@ std::shared_ptr<SecurityTokenService> Assemble(
                                                       tokenFactory);
 }
 
+// The factory that makes tokens of the service's replies: the configured one, or one over the
+// configured resolver.
+std::shared_ptr<SamlTokenFactory> RequireTokenFactory(
+    const char* record, const std::shared_ptr<SamlTokenFactory>& tokenFactory,
+    const Basalt::Xml::Security::KeyInfoResolver* resolver = nullptr) {
+    if (tokenFactory) {
+        return tokenFactory;
+    }
+    if (resolver) {
+        return CreateSamlTokenFactory(resolver);
+    }
+    throw Basalt::InvalidArgumentException(std::string(record) +
+                                           ".tokenFactory is not set, nor a keyInfoResolver to "
+                                           "verify issued tokens with");
+}
+
 }  // namespace
 
 NegotiationHandler::~NegotiationHandler() = default;
@@ -28,23 +44,30 @@ SecurityTokenService::~SecurityTokenService() = default;
 
 std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
     const SecurityTokenServiceConfig& config) {
+    const auto tokenFactory = RequireTokenFactory("SecurityTokenServiceConfig", config.tokenFactory,
+                                                  config.keyInfoResolver.Get());
     return Assemble(
         config.holderOfKey,
         [&] {
             return std::make_shared<HttpsClient>(config.url, config.sslContext, config.sslParameter,
                                                  kWaitTimeoutMicros, config.connectionFlag);
         },
-        config.tokenFactory);
+        tokenFactory);
 }
 
 std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
     const SecurityTokenServiceConfigEx& config) {
+    const auto tokenFactory =
+        RequireTokenFactory("SecurityTokenServiceConfigEx", config.tokenFactory);
+    if (!config.userAgent) {
+        throw Basalt::InvalidArgumentException("SecurityTokenServiceConfigEx.userAgent is not set");
+    }
     return Assemble(
         config.holderOfKey,
         [&] {
             return std::make_shared<HttpsClient>(config.userAgent, config.url, kWaitTimeoutMicros);
         },
-        config.tokenFactory);
+        tokenFactory);
 }
 
 }  // namespace SsoClient

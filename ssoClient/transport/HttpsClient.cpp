@@ -49,7 +49,12 @@ HttpsSession::HttpsSession(Basalt::Ref<Basalt::Http::HttpUserAgent> userAgent, s
 Basalt::Ref<Basalt::Http::PendingRequestItem> HttpsSession::Start(
     const SoapRequest& request, Basalt::Http::CompletionCallback completion) {
     Basalt::Ref<Basalt::Http::ClientRequest> httpRequest;
-    Basalt::Http::CreateHttpRequest(Basalt::Http::HttpMethod::Post, m_path, httpRequest);
+    try {
+        Basalt::Http::CreateHttpRequest(Basalt::Http::HttpMethod::Post, m_path, httpRequest);
+    } catch (const Basalt::InvalidArgumentException& error) {
+        // A caller's URL that is no request target fails like any other transport failure.
+        throw CommunicationException(error.what());
+    }
     httpRequest->SetHeader("Content-Type", "text/xml");
     httpRequest->SetHeader("SOAPAction", "\"" + request.soapAction + "\"");
     httpRequest->GetBodyWriter()->Write(request.envelope.data(), request.envelope.size());

@@ -52,11 +52,13 @@ void ElementBuilderImpl::Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const
 }
 
 TextElementBuilderImpl::TextElementBuilderImpl(std::string prefix, std::string name,
-                                               AttributeMap attributes, std::string text)
+                                               AttributeMap attributes, std::string text,
+                                               bool secret)
     : m_prefix(std::move(prefix)),
       m_name(std::move(name)),
       m_attributes(std::move(attributes)),
-      m_text(std::move(text)) {}
+      m_text(std::move(text)),
+      m_secret(secret) {}
 
 TextElementBuilderImpl::~TextElementBuilderImpl() {
     Basalt::StringUtil::SecureWipe(m_text);
@@ -66,7 +68,11 @@ void TextElementBuilderImpl::Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) c
     Basalt::Ref<Basalt::Xml::ElementNode> element = NewElement(m_prefix, m_name, m_attributes);
     Basalt::Ref<Basalt::Xml::TextNode> text;
     Basalt::Xml::CreateTextNode(text);
-    text->SetValue(m_text);
+    if (m_secret) {
+        text->SetSecretValue(m_text);
+    } else {
+        text->SetValue(m_text);
+    }
     element->AppendChild(text);
     out = std::move(element);
 }
@@ -115,6 +121,12 @@ XMLBuilderPtr CreateTextElementBuilder(const std::string& prefix, const std::str
 XMLBuilderPtr CreateTextElementBuilder(const std::string& prefix, const std::string& name,
                                        const AttributeMap& attributes, const std::string& text) {
     return std::make_shared<TextElementBuilderImpl>(prefix, name, attributes, text);
+}
+
+XMLBuilderPtr CreateSecretTextElementBuilder(const std::string& prefix, const std::string& name,
+                                             const AttributeMap& attributes,
+                                             const std::string& text) {
+    return std::make_shared<TextElementBuilderImpl>(prefix, name, attributes, text, true);
 }
 
 XMLBuilderPtr CreatePreBuiltElement(const SamlToken& token) {

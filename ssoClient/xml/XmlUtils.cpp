@@ -64,6 +64,11 @@ void ParseXmlText(const std::string& text, Basalt::Ref<Basalt::Xml::Document>& d
 
 std::string FormatXmlDateTime(const Basalt::System::DateTime& value) {
     const Basalt::System::DateTimeFields f = value.GetFields();
+    // xsd:dateTime years have four digits here; a fifth would make a value peers misread.
+    if (f.year < 1 || f.year > 9999) {
+        throw Basalt::InvalidArgumentException("Date outside the years 0001 to 9999: year " +
+                                               std::to_string(f.year));
+    }
     char buffer[32];
     std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", f.year, f.month,
                   f.day, f.hour, f.minute, f.second, f.microsecond / 1000);

@@ -8,22 +8,11 @@
 
 namespace {
 
-using Basalt::DatePrintFormatter;
 using Basalt::PrintFormatter;
 using Basalt::Detail::ASPrintInternal;
 namespace Service = Basalt::Service;
 
-TEST(FormatTest, EveryKindPrints) {
-    std::string text = "str";
-    EXPECT_EQ(ASPrintInternal("%1|%2|%3|%4|%5|%6|%7", PrintFormatter(true), PrintFormatter(false),
-                              PrintFormatter(int32_t{-7}), PrintFormatter(int64_t{1} << 40),
-                              PrintFormatter("c-string"), PrintFormatter(text),
-                              DatePrintFormatter(Basalt::System::DateTime("2024-01-05T03:04:05Z"))),
-              "true|false|-7|1099511627776|c-string|str|2024-01-05T03:04:05.000000Z");
-    EXPECT_EQ(ASPrintInternal("%1", PrintFormatter(static_cast<const char*>(nullptr))), "(null)");
-}
-
-TEST(FormatTest, PlaceholdersByNumberAndLiteralText) {
+TEST(FormatTest, PlaceholdersByNumberEveryKindAndLiteralText) {
     const PrintFormatter a("A"), b("B"), c("C"), d("D"), e("E"), f("F"), g("G"), h("H"), i("I");
     EXPECT_EQ(ASPrintInternal("%9%8%7%6%5%4%3%2%1", a, b, c, d, e, f, g, h, i), "IHGFEDCBA");
     EXPECT_EQ(ASPrintInternal("%2 before %1, %2 again", a, b), "B before A, B again");
@@ -34,6 +23,12 @@ TEST(FormatTest, PlaceholdersByNumberAndLiteralText) {
     EXPECT_EQ(ASPrintInternal("no args %1"), "no args %1");
     // An argument's own text is not scanned for placeholders.
     EXPECT_EQ(ASPrintInternal("%1%2", PrintFormatter("%2"), b), "%2B");
+    EXPECT_EQ(
+        ASPrintInternal(
+            "%1|%2|%3|%4|%5", PrintFormatter(true), PrintFormatter(int32_t{-7}),
+            PrintFormatter(int64_t{1} << 40), PrintFormatter(static_cast<const char*>(nullptr)),
+            Basalt::DatePrintFormatter(Basalt::System::DateTime("2024-01-05T03:04:05Z"))),
+        "true|-7|1099511627776|(null)|2024-01-05T03:04:05.000000Z");
 }
 
 TEST(LogTest, LevelDecidesWhatReachesTheSinkFromEveryThread) {
@@ -45,7 +40,6 @@ TEST(LogTest, LevelDecidesWhatReachesTheSinkFromEveryThread) {
     });
     Service::StaticLogger logger("LogTest");
     using Level = Service::Logger;
-    EXPECT_EQ(logger->IsEnabled(Level::LL_Warning) * 10 + logger->IsEnabled(Level::LL_Info), 10);
     Service::LogInternal(logger.Get(), Level::LL_Info, "hidden %1", PrintFormatter(1));
     Service::LogInternal(logger.Get(), Level::LL_Warning, "shown %1 %2", PrintFormatter(1),
                          PrintFormatter("two"));

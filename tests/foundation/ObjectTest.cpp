@@ -4,62 +4,35 @@
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
 namespace {
 
 std::atomic<int> g_destroyed{0};
 
-template <class Base>
-class Counted : public Base {
+class Linkable : public Basalt::WeakLinkableImpl<Basalt::ObjectImpl> {
   public:
-    ~Counted() override { ++g_destroyed; }
+    ~Linkable() override { ++g_destroyed; }
     int value = 42;
 };
-using Plain = Counted<Basalt::ObjectImpl>;
-using Linkable = Counted<Basalt::WeakLinkableImpl<Basalt::ObjectImpl>>;
 
-class ObjectTest : public ::testing::Test {
-  protected:
-    void SetUp() override { g_destroyed = 0; }
-};
-
-TEST_F(ObjectTest, LastReferenceDestroysExactlyOnce) {
-    Basalt::Ref<Plain> a(new Plain);
-    {
-        Basalt::Ref<Basalt::Object> asBase = a;
-        Basalt::Ref<Plain> copy = a, moved = std::move(copy);
-        Basalt::Ref<Plain>& alias = a;
-        a = alias;
-        EXPECT_EQ(a->GetRefCount() * 10 + bool(copy), 30);
-    }
-    a = new Plain;
-    EXPECT_EQ(g_destroyed, 1);
-    a.Reset();
-    EXPECT_EQ(g_destroyed, 2);
-}
-
-TEST_F(ObjectTest, WeakLinkLocksWhileAliveAndNotAfter) {
+// Reference counting itself is exercised by every test under the leak checker; the weak link is
+// what needs its own cases.
+TEST(ObjectTest, WeakLinkLocksWhileAliveAndNeverRevivesTheObject) {
+    g_destroyed = 0;
     Basalt::Ref<Linkable> object(new Linkable);
     Basalt::Ref<Basalt::WeakLink> link, again;
     object->AttachWeakRef(link);
     object->AttachWeakRef(again);
     EXPECT_EQ(link, again);
     EXPECT_TRUE(object->HasLink(link.Get()));
-    Basalt::Ref<Linkable> locked = link->LockAs<Linkable>();
-    ASSERT_TRUE(locked);
-    EXPECT_EQ(locked->value, 42);
-    EXPECT_EQ(object->GetRefCount(), 2);
-    locked.Reset();
+    EXPECT_EQ(link->LockAs<Linkable>()->value, 42);
+    EXPECT_EQ(object->GetRefCount(), 1);  // the lock above was released
     object.Reset();
     EXPECT_EQ(g_destroyed, 1);
     EXPECT_FALSE(link->IsAlive() || link->Lock());
-}
-
-TEST_F(ObjectTest, WeakLinkRacingWithLastReleaseNeverRevivesTheObject) {
+    // The last release racing with a lock on another thread.
     for (int round = 0; round < 200; ++round) {
-        Basalt::Ref<Linkable> object(new Linkable);
-        Basalt::Ref<Basalt::WeakLink> link;
+        object = new Linkable;
         object->AttachWeakRef(link);
         std::atomic<bool> go{false};
         std::thread locker([&] {
@@ -76,7 +49,7 @@ TEST_F(ObjectTest, WeakLinkRacingWithLastReleaseNeverRevivesTheObject) {
         locker.join();
         EXPECT_FALSE(link->Lock());
     }
-    EXPECT_EQ(g_destroyed, 200);
+    EXPECT_EQ(g_destroyed, 201);
 }
 
 }  // namespace

@@ -46,17 +46,10 @@ TEST(ThreadPoolTest, RunsEveryPostedCallableAndItemOnceUnlessCancelled) {
     EXPECT_FALSE(item->Cancel());
 }
 
-TEST(ThreadPoolTest, SubmitSurfacesResultsAndExceptions) {
-    WorkQueue* queue = GetThreadPool()->GetWorkQueue();
-    EXPECT_EQ(queue->Submit([] { return 6 * 7; }).get(), 42);
-    auto failing = queue->Submit([]() -> int { throw Basalt::InvalidStateException("no config"); });
-    EXPECT_TRUE(
-        TestSupport::Throws<Basalt::InvalidStateException>([&] { failing.get(); }, "no config"));
-}
-
-TEST(ThreadPoolTest, EscapedExceptionReachesTheHandlerAndThePoolCarriesOn) {
+TEST(ThreadPoolTest, SubmitAndHandlerSurfaceExceptionsAndThePoolCarriesOn) {
     Basalt::Ref<ThreadPool> pool;
     SystemFactory::Instance().CreateThreadPool(1, pool);
+    WorkQueue* queue = pool->GetWorkQueue();
     std::promise<std::string> seen;
     pool->SetUnhandledExceptionHandler([&](std::exception_ptr error) {
         try {
@@ -65,11 +58,14 @@ TEST(ThreadPoolTest, EscapedExceptionReachesTheHandlerAndThePoolCarriesOn) {
             seen.set_value(e.what());
         }
     });
-    pool->GetWorkQueue()->Post([] { throw std::runtime_error("escaped"); });
-    EXPECT_EQ(pool->GetWorkQueue()->Submit([] { return 1; }).get(), 1);  // still serving
+    queue->Post([] { throw std::runtime_error("escaped"); });
+    auto failing = queue->Submit([]() -> int { throw Basalt::InvalidStateException("no config"); });
+    EXPECT_TRUE(
+        TestSupport::Throws<Basalt::InvalidStateException>([&] { failing.get(); }, "no config"));
+    EXPECT_EQ(queue->Submit([] { return 6 * 7; }).get(), 42);  // still serving
     EXPECT_EQ(seen.get_future().get(), "escaped");
-    EXPECT_THROW(pool->GetWorkQueue()->Post({}), Basalt::InvalidArgumentException);
-    EXPECT_THROW(pool->GetWorkQueue()->Enqueue(nullptr), Basalt::InvalidArgumentException);
+    EXPECT_THROW(queue->Post({}), Basalt::InvalidArgumentException);
+    EXPECT_THROW(queue->Enqueue(nullptr), Basalt::InvalidArgumentException);
 }
 
 }  // namespace

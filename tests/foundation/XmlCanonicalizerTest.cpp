@@ -31,7 +31,6 @@ std::string Canonical(const std::string& algorithm, const ElementNode& element) 
 const char kScoped[] =
     "<a:root xmlns:a=\"urn:a\" xmlns:b=\"urn:b\" xmlns=\"urn:d\"><a:child b:attr=\"1\"><x/>"
     "</a:child></a:root>";
-const char kUnused[] = "<r xmlns:u=\"urn:unused\" xmlns:p=\"urn:p\"><p:e/></r>";
 
 const struct {
     const char* name;
@@ -44,16 +43,6 @@ const struct {
      "<a:child xmlns=\"urn:d\" xmlns:a=\"urn:a\" xmlns:b=\"urn:b\" b:attr=\"1\"><x></x></a:child>"},
     {"exclusive: only visibly used namespaces, where they are used", kScoped, true, kExc,
      "<a:child xmlns:a=\"urn:a\" xmlns:b=\"urn:b\" b:attr=\"1\"><x xmlns=\"urn:d\"></x></a:child>"},
-    {"exclusive drops an unused declaration", kUnused, false, kExc,
-     "<r><p:e xmlns:p=\"urn:p\"></p:e></r>"},
-    {"inclusive keeps it", kUnused, false, kIncl,
-     "<r xmlns:p=\"urn:p\" xmlns:u=\"urn:unused\"><p:e></p:e></r>"},
-    {"attributes: unqualified by name, then by namespace URI, not prefix",
-     "<e xmlns:a=\"urn:z\" xmlns:b=\"urn:a\" z=\"1\" a:x=\"4\" a=\"2\" b:y=\"3\"/>", false, kExc,
-     "<e xmlns:a=\"urn:z\" xmlns:b=\"urn:a\" a=\"2\" z=\"1\" b:y=\"3\" a:x=\"4\"></e>"},
-    {"redundant declaration below the apex is dropped",
-     "<r xmlns:p=\"urn:p\"><p:e xmlns:p=\"urn:p\"/></r>", false, kIncl,
-     "<r xmlns:p=\"urn:p\"><p:e></p:e></r>"},
     {"undeclared default namespace", "<r xmlns=\"urn:d\"><e xmlns=\"\"><f/></e></r>", true, kIncl,
      "<e><f></f></e>"},
     {"comments dropped", "<r><!--c-->t</r>", false, kExc, "<r>t</r>"},
@@ -61,8 +50,6 @@ const struct {
     {"comments kept, inclusive", "<r><!--c-->t</r>", false, kInclComments, "<r><!--c-->t</r>"},
     {"trailing # names inclusive c14n", "<r xmlns:u=\"urn:u\"><!--c--></r>", false, kInclHash,
      "<r xmlns:u=\"urn:u\"></r>"},
-    {"escaping and line ends", "<r a=\"x&#9;y&#10;&lt;&quot;\">&gt;&#13;\r\n<![CDATA[<&]]></r>",
-     false, kExc, "<r a=\"x&#x9;y&#xA;&lt;&quot;\">&gt;&#xD;\n&lt;&amp;</r>"},
 };
 
 }  // namespace

@@ -22,7 +22,7 @@ std::string Lookups(const ElementNode& e, const std::string& uri, const std::str
 }  // namespace
 
 TEST(XmlDomTest, BuiltElementsResolveTheirPrefixOnceDeclared) {
-    // Attributes are set in byte order, so "wsu:Id" comes before "xmlns:wsu".
+    // "wsu:Id" is set before its prefix is declared on the same element, as the builders do.
     Ref<ElementNode> token = Element("wsse", "BinarySecurityToken", "QUJD");
     token->SetAttribute("EncodingType", "enc");
     token->SetAttribute("wsu:Id", "holderOfKeyCertificate");
@@ -34,20 +34,12 @@ TEST(XmlDomTest, BuiltElementsResolveTheirPrefixOnceDeclared) {
     security->AppendChild(token);
     EXPECT_EQ("urn:wsse", token->GetNamespaceUri());
     EXPECT_EQ("- holderOfKeyCertificate -", Lookups(*token, "urn:wsu", "Id"));
-    EXPECT_EQ(
-        "<wsse:Security xmlns:wsse=\"urn:wsse\"><wsse:BinarySecurityToken "
-        "xmlns:wsu=\"urn:wsu\" EncodingType=\"enc\" wsu:Id=\"holderOfKeyCertificate\">"
-        "QUJD</wsse:BinarySecurityToken></wsse:Security>",
-        Serialize(*security));
     // Unprefixed built elements take the default namespace in scope, and none without one.
     Ref<ElementNode> outer = Element("", "Outer"), inner = Element("", "Inner");
     outer->SetAttribute("xmlns", "urn:default");
     outer->AppendChild(inner);
     EXPECT_EQ("urn:default", inner->GetNamespaceUri());
     EXPECT_EQ("", Element("", "Plain")->GetNamespaceUri());
-    // Text nodes stay separate and are escaped on output.
-    Ref<ElementNode> element = Element("", "e", "a<&b");
-    EXPECT_EQ("<e>a&lt;&amp;b</e>", Serialize(*element));
 }
 
 TEST(XmlDomTest, AdoptedNodesKeepTheirMeaning) {

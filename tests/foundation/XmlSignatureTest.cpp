@@ -1,19 +1,115 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 
-#include "foundation/XmlSignatureTestUtil.h"
+#include <basalt/Crypto.h>
+#include <basalt/StringUtil.h>
+#include <basalt/XmlSecurity.h>
+#include "TestData.h"
+#include "foundation/XmlTestUtil.h"
 #include "support/ExpectThrow.h"
 
+using namespace Basalt;
+using namespace Basalt::Xml;
+using namespace Basalt::Xml::Security;
 using namespace XmlTest;
 
 namespace {
 
+const std::string kDsig = "http://www.w3.org/2000/09/xmldsig#",
+                  kMore = "http://www.w3.org/2001/04/xmldsig-more#",
+                  kExcC14n = "http://www.w3.org/2001/10/xml-exc-c14n#",
+                  kEnveloped = kDsig + "enveloped-signature", kRsaSha256 = kMore + "rsa-sha256",
+                  kSha256 = "http://www.w3.org/2001/04/xmlenc#sha256";
+
+// A small SAML-shaped assertion with the id "_a1".
+std::string AssertionText() {
+    return "<saml2:Assertion xmlns:saml2=\"urn:oasis:names:tc:SAML:2.0:assertion\" ID=\"_a1\" "
+           "IssueInstant=\"2024-01-05T03:04:05.006Z\" Version=\"2.0\">"
+           "<saml2:Issuer>https://sts.example.test</saml2:Issuer>"
+           "<saml2:Subject><saml2:NameID Format=\"urn:upn\">user@example.test</saml2:NameID>"
+           "</saml2:Subject><saml2:Conditions NotBefore=\"2024-01-05T03:04:05Z\" "
+           "NotOnOrAfter=\"2124-01-05T03:04:05Z\"/></saml2:Assertion>";
+}
+
+Ref<Crypto::Certificate> LoadCertificate(const std::string& path) {
+    Ref<Crypto::Certificate> certificate;
+    Crypto::CreateCertificateFromPem(TestData::Read(path), certificate);
+    return certificate;
+}
+
+Ref<Crypto::PrivateKey> LoadKey(const std::string& path) {
+    Ref<Crypto::PrivateKey> key;
+    Crypto::CreatePrivateKeyFromPem(TestData::Read(path), key);
+    return key;
+}
+
+Ref<KeyInfoResolver> TrustOnly(const std::vector<std::string>& certificatePaths) {
+    std::vector<Ref<Crypto::Certificate>> trusted;
+    for (const auto& path : certificatePaths) {
+        trusted.push_back(LoadCertificate(path));
+    }
+    Ref<KeyInfoResolver> resolver;
+    CreateTrustedCertificateResolver(trusted, resolver);
+    return resolver;
+}
+
+// Signs the assertion's root (enveloped, exclusive c14n, RSA-SHA256 unless given) and returns
+// the serialised result.
+std::string SignAssertion(const std::string& keyPath, const std::string& certificatePath,
+                          const std::string& method = kRsaSha256) {
+    auto root = ParseRoot(AssertionText());
+    Ref<Signature> signature;
+    CreateBlankSignature(root.Get(), kExcC14n, method, "ds", signature);
+    signature->AddReference("#_a1", kSha256, std::vector<std::string>{kEnveloped, kExcC14n});
+    Ref<ElementNode> data = Element("ds", "X509Data");
+    data->AppendChild(
+        Element("ds", "X509Certificate",
+                StringUtil::Base64Encode(LoadCertificate(certificatePath)->GetDer())));
+    signature->AddKeyInfoContent(data);
+    signature->Sign(*LoadKey(keyPath));
+    return Serialize(*root);
+}
+
+using Select = std::function<Ref<ElementNode>(const Ref<ElementNode>&)>;
+
+// What reading and verifying the signature of the element that select picks (the root by
+// default) does: "verified", "rejected", or the class and message of the failure.
+std::string Check(const std::string& text, const KeyInfoResolver* resolver,
+                  const Select& select = nullptr) {
+    Ref<ElementNode> root = ParseRoot(text);
+    Ref<ElementNode> signedElement = select ? select(root) : root, signatureElement;
+    for (const auto& child : ChildElements(*signedElement)) {
+        if (!signatureElement && child->GetLocalName().rfind("Signatur", 0) == 0) {
+            signatureElement = child;
+        }
+    }
+    try {
+        Ref<Signature> signature;
+        CreateSignatureFromDom(signedElement.Get(), signatureElement.Get(), signature);
+        return signature->Verify(resolver) ? "verified" : "rejected";
+    } catch (const SignatureSyntaxException& e) {
+        return std::string("syntax: ") + e.what();
+    } catch (const XmlSecurityException& e) {
+        return std::string("security: ") + e.what();
+    }
+}
+
+// text with the first occurrence of from replaced by to (which must be there).
+std::string Replace(std::string text, const std::string& from, const std::string& to) {
+    size_t at = text.find(from);
+    if (at == std::string::npos) {
+        throw std::runtime_error("not found: " + from);
+    }
+    return text.replace(at, from.size(), to);
+}
+
 const char kStsKey[] = "certs/sts-rsa.key";
 const char kStsCert[] = "certs/sts-rsa.pem";
-const std::string kDsig = "http://www.w3.org/2000/09/xmldsig#";
-const std::string kMore = "http://www.w3.org/2001/04/xmldsig-more#";
 
 const Select kFirst = [](const Ref<ElementNode>& root) { return ChildElements(*root).at(0); };
 const Select kSecond = [](const Ref<ElementNode>& root) { return ChildElements(*root).at(1); };
@@ -22,6 +118,12 @@ const Select kSecond = [](const Ref<ElementNode>& root) { return ChildElements(*
 std::string SignaturePart(const std::string& text) {
     size_t begin = text.find("<ds:Signature");
     return text.substr(begin, text.find("</ds:Signature>") + 15 - begin);
+}
+
+// The exit status of a shell command, its output discarded.
+int Shell(const std::string& command) {
+    const int status = std::system((command + " >/dev/null 2>&1").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class XmlSignatureTest : public ::testing::Test {
@@ -38,8 +140,7 @@ std::string XmlSignatureTest::s_signed;
 TEST_F(XmlSignatureTest, OnlyTrustedKeysVerifyAgainAndAfterAMove) {
     Ref<ElementNode> root = ParseRoot(s_signed);
     Ref<Signature> signature;
-    CreateSignatureFromDom(root.Get(), root->FindChildElement(kDsigNs, "Signature").Get(),
-                           signature);
+    CreateSignatureFromDom(root.Get(), root->FindChildElement(kDsig, "Signature").Get(), signature);
     EXPECT_TRUE(signature->Verify(m_trusted.Get()));
     EXPECT_TRUE(signature->Verify(m_trusted.Get()));  // repeatable: nothing left behind
     // The signature still verifies after the assertion moved into another document.
@@ -50,7 +151,8 @@ TEST_F(XmlSignatureTest, OnlyTrustedKeysVerifyAgainAndAfterAMove) {
 
     EXPECT_EQ("rejected", Check(s_signed, TrustOnly({"certs/other-rsa.pem"}).Get()));
     EXPECT_EQ("verified", Check(s_signed, TrustOnly({"certs/other-rsa.pem", kStsCert}).Get()));
-    std::string ecdsa = SignAssertion("certs/user-ec.key", "certs/user-ec.pem", kEcdsaSha256);
+    std::string ecdsa =
+        SignAssertion("certs/user-ec.key", "certs/user-ec.pem", kMore + "ecdsa-sha256");
     EXPECT_EQ("verified", Check(ecdsa, TrustOnly({"certs/user-ec.pem"}).Get()));
     EXPECT_EQ("rejected", Check(ecdsa, m_trusted.Get()));
 }
@@ -132,7 +234,9 @@ TEST_F(XmlSignatureTest, SignatureWrappingShapesAreRefused) {
          twice},
         {"<r>" + open + " ID=\"_a1\"/>" + original + "</r>", kSecond, twice},
         {"<r><evil xml:id=\"_a1\"/>" + original + "</r>", kSecond, twice},
-        {"<r><evil xmlns:wsu=\"" + std::string(kWsuNs) + "\" wsu:Id=\"_a1\"/>" + original + "</r>",
+        {"<r><evil xmlns:wsu=\"http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-"
+         "utility-1.0.xsd\" wsu:Id=\"_a1\"/>" +
+             original + "</r>",
          kSecond, twice},
         // The signed element moved under an extension element; a reference to another element.
         {open + " ID=\"_evil\">" + evil + signature + "<saml2:Advice>" +
@@ -166,7 +270,6 @@ TEST_F(XmlSignatureTest, ForbiddenReferencesTransformsAndAlgorithmsAreSyntaxErro
                 "The algorithm '" + to + "' of ds:" + slot + " is not allowed"};
     };
     const std::string secret = std::string(SSOCLIENT_TEST_DATA_DIR) + "/xml/secret.txt";
-    const std::string rsaSha256 = kRsaSha256, sha256 = kSha256;
     const Case cases[] = {
         badUri("#xpointer(/)"),
         badUri("#xpointer(id('_a1'))"),
@@ -178,13 +281,13 @@ TEST_F(XmlSignatureTest, ForbiddenReferencesTransformsAndAlgorithmsAreSyntaxErro
         refused("Transform", "", "http://www.w3.org/TR/1999/REC-xslt-19991116"),
         refused("Transform", "", kDsig + "base64"),
         refused("Transform", "", kMore + "xptr"),
-        refused("SignatureMethod", rsaSha256, kDsig + "rsa-sha1"),
-        refused("SignatureMethod", rsaSha256, kMore + "rsa-md5"),
-        refused("SignatureMethod", rsaSha256, kMore + "hmac-sha256"),
-        refused("DigestMethod", sha256, kDsig + "sha1"),
-        refused("DigestMethod", sha256, kMore + "md5"),
+        refused("SignatureMethod", kRsaSha256, kDsig + "rsa-sha1"),
+        refused("SignatureMethod", kRsaSha256, kMore + "rsa-md5"),
+        refused("SignatureMethod", kRsaSha256, kMore + "hmac-sha256"),
+        refused("DigestMethod", kSha256, kDsig + "sha1"),
+        refused("DigestMethod", kSha256, kMore + "md5"),
         refused("CanonicalizationMethod", kExcC14n, "http://www.w3.org/2006/12/xml-c14n11"),
-        {Replace(s_signed, "Algorithm=\"" + rsaSha256 + "\"/>",
+        {Replace(s_signed, "Algorithm=\"" + kRsaSha256 + "\"/>",
                  "Algorithm=\"" + kDsig +
                      "hmac-sha1\"><ds:HMACOutputLength>8"
                      "</ds:HMACOutputLength></ds:SignatureMethod>"),
@@ -228,8 +331,7 @@ TEST_F(XmlSignatureTest, SigningRefusesWhatVerificationWould) {
         {sign(kStsKey), "A signature needs at least one reference"},
         {add("#_nowhere", kSha256, kExcC14n), ""},
         {sign(kStsKey), "No element has the id '_nowhere'"},
-        {sign("certs/user-ec.key"),
-         "The key does not fit the signature method " + std::string(kRsaSha256)},
+        {sign("certs/user-ec.key"), "The key does not fit the signature method " + kRsaSha256},
         {[&] { signature->Verify(m_trusted.Get()); },
          "Only a signature read from a document can be verified"},
     };
@@ -240,4 +342,23 @@ TEST_F(XmlSignatureTest, SigningRefusesWhatVerificationWould) {
             EXPECT_TRUE(TestSupport::Throws<XmlSecurityException>(action, message));
         }
     }
+}
+
+// Independent implementations: Santuario's xsec-checksig verifies our enveloped signature (our
+// signed requests are checked the same way in the request tests), and we verify what xmlsec1
+// signs with ECDSA, whose signature value encoding differs from RSA's.
+TEST_F(XmlSignatureTest, InteroperatesWithIndependentImplementations) {
+    TestData::TempDir dir("xmlinterop");
+    EXPECT_EQ(0, Shell("xsec-checksig --id ID " + dir.Write("signed.xml", s_signed)));
+    EXPECT_EQ(1, Shell("xsec-checksig --id ID " +
+                       dir.Write("tampered.xml", Replace(s_signed, "user@", "uber@"))));
+    const std::string data = SSOCLIENT_TEST_DATA_DIR;
+    ASSERT_EQ(0, Shell("xmlsec1 sign --privkey-pem " + data + "/certs/user-ec.key," + data +
+                       "/certs/user-ec.pem --id-attr:ID "
+                       "urn:oasis:names:tc:SAML:2.0:assertion:Assertion --output " +
+                       dir.File("ecdsa.xml") + " " + data + "/xml/ecdsa-template.xml"));
+    std::ifstream in(dir.File("ecdsa.xml"), std::ios::binary);
+    const std::string ecdsa{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    EXPECT_EQ("verified", Check(ecdsa, TrustOnly({"certs/user-ec.pem"}).Get()));
+    EXPECT_EQ("rejected", Check(ecdsa, m_trusted.Get()));
 }

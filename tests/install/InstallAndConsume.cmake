@@ -18,6 +18,13 @@ foreach(file lib/libbasalt.so lib/libssoclient.so lib/cmake/SsoClient/SsoClientC
     endif()
 endforeach()
 
+# The installed libssoclient finds libbasalt by itself (a program that needs only libssoclient
+# carries no run path to libbasalt).
+execute_process(COMMAND ldd ${prefix}/lib/libssoclient.so OUTPUT_VARIABLE deps)
+if(NOT deps MATCHES "libbasalt.so.0 => ${prefix}/lib/")
+    message(FATAL_ERROR "the installed libssoclient does not find libbasalt:\n${deps}")
+endif()
+
 set(flags "")
 if(SANITIZE)
     set(flags "-fsanitize=${SANITIZE}")

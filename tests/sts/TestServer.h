@@ -57,12 +57,14 @@ class TestServer {
             Stop();
             throw std::runtime_error(script + " did not start: " + ready);
         }
-        m_port = std::stoi(ready.substr(6));
+        std::istringstream(ready.substr(6)) >> m_port >> m_detail;
     }
     ~TestServer() { Stop(); }
     TestServer(const TestServer&) = delete;
 
     int Port() const { return m_port; }
+    // What the READY line holds after the port, if anything.
+    const std::string& Detail() const { return m_detail; }
     std::string Url(const std::string& path) const {
         return m_base + ":" + std::to_string(m_port) + path;
     }
@@ -106,6 +108,7 @@ class TestServer {
     int m_in = -1;
     int m_out = -1;
     int m_port = 0;
+    std::string m_detail;
 };
 
 // The WS-Trust STS (wstrust_sts.py); it also answers "revoke <assertion ID>".
@@ -115,6 +118,13 @@ struct WsTrustSts : TestServer {
     std::string Url(const std::string& path = "/sts/STSService") const {
         return TestServer::Url(path);
     }
+};
+
+// A throw-away MIT KDC for the realm SSOCLIENT.TEST (kdc.py); Dir() holds its krb5.conf, the
+// keytabs and caches. It answers "stop" and "start" (the KDC itself).
+struct Kdc : TestServer {
+    Kdc() : TestServer({}, "kdc.py") {}
+    std::string Dir() const { return Detail(); }
 };
 
 // A loopback port that refuses connections: bound but never listening, and held so that no other

@@ -38,6 +38,7 @@ CLAIMS = "http://schemas.xmlsoap.org/ws/2005/05/identity/claims/"
 SKEW, MAX_LIFETIME = datetime.timedelta(minutes=5), datetime.timedelta(days=30)
 ISSUED = {}  # assertion ID -> token record; revoking removes the entry
 GSS = {}  # Context -> negotiation state
+KEYTAB = None  # the service keytab (--keytab) for real SPNEGO legs
 KEY_LOCK = threading.Lock()  # xmlsec copies a key on assignment; threads must not share it
 PARSER = etree.XMLParser(resolve_entities=False, no_network=True, load_dtd=False)
 
@@ -353,6 +354,10 @@ def challenge(state, context, headers=()):
 
 
 def gss_start(request, spec):
+    context = request.get("Context") or "urn:uuid:%s" % uuid.uuid4()
+    leg = base64.b64decode(text(request, "wst:BinaryExchange"))
+    if KEYTAB and not leg.startswith(b"HELLO"):
+        return kerberos(context, leg, spec)
     words = leg_words(request)
     account = words[0] == "HELLO" and account_named(words[1])
     if not account:
@@ -360,13 +365,15 @@ def gss_start(request, spec):
     state = dict(account=account, spec=spec, round=1, cookie=secrets.token_hex(16),
                  rounds=int(words[2]) if words[2].isdigit() else 1)
     cookie = "STSGSSSESSION=%s; Path=/; Secure; HttpOnly" % state["cookie"]
-    context = request.get("Context") or "urn:uuid:%s" % uuid.uuid4()
     return challenge(state, context, [("Set-Cookie", cookie)])
 
 
 def gss_continue(response, cookies):
     context = response.get("Context") or ""
     state = GSS.pop(context, None)
+    if state and "kerberos" in state:
+        leg = base64.b64decode(text(response, "wst:BinaryExchange"))
+        return kerberos(context, leg, state["spec"], state["kerberos"])
     if state is None or cookies.get("STSGSSSESSION") != state["cookie"]:
         raise Fault("wst:InvalidRequest", "GSS: unknown context or wrong session cookie")
     account = state["account"]
@@ -379,6 +386,26 @@ def gss_continue(response, cookies):
         return challenge(state, context)
     token = make_token(account, state["spec"], "Kerberos")
     return reply(token, context=context, leg=("WELCOME " + account["subject"]).encode())
+
+
+# Real SPNEGO (with --keytab): legs are accepted with the service keytab, and the token goes to
+# the account named like the initiator's principal (alice@REALM -> alice@example.test).
+def kerberos(context, leg, spec, acceptor=None):
+    import gssapi
+    if acceptor is None:
+        creds = gssapi.Credentials(usage="accept", store={b"keytab": KEYTAB.encode()})
+        acceptor = gssapi.SecurityContext(creds=creds, usage="accept")
+    try:
+        out = acceptor.step(leg)
+    except gssapi.exceptions.GSSError as error:
+        raise Fault("wst:FailedAuthentication", "GSS: %s" % error)
+    if not acceptor.complete:
+        GSS[context] = dict(kerberos=acceptor, spec=spec)
+        return reply(context=context, leg=out)
+    account = account_named(str(acceptor.initiator_name).partition("@")[0])
+    if not account:
+        raise Fault("wst:FailedAuthentication", "GSS: no account for %s" % acceptor.initiator_name)
+    return reply(make_token(account, spec, "Kerberos"), context=context, leg=out)
 
 
 def renew(envelope, request, _cookies):
@@ -440,6 +467,7 @@ def revoke(assertion_id):
 if __name__ == "__main__":
     # Throughput runs only: each process keeps its own issued tokens and GSS contexts.
     workers = int(sys.argv[2]) if sys.argv[1:2] == ["--workers"] else 1
+    KEYTAB = sys.argv[sys.argv.index("--keytab") + 1] if "--keytab" in sys.argv else None
     server = loopback.LoopbackServer(loopback.make_tls_context(
         os.path.join(DATA, "server.pem"), os.path.join(DATA, "server.key")), {None: handle})
     server.socket.setblocking(False)  # processes sharing the port may lose the race to accept

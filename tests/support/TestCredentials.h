@@ -1,10 +1,14 @@
 #pragma once
 
 #include <basalt/Crypto.h>
+#include <basalt/Ssl.h>
+#include <basalt/XmlSecurity.h>
 #include <ssoClient/HolderOfKeyConfig.h>
+#include <ssoClient/SecurityTokenService.h>
 #include <ssoClient/Types.h>
 
 #include <string>
+#include <vector>
 
 #include "TestData.h"
 
@@ -24,6 +28,33 @@ inline SsoClient::HolderOfKeyConfig LoadHolderOfKey(
     SsoClient::HolderOfKeyConfig config;
     Basalt::Crypto::CreateCertificateFromPem(TestData::Read(certificateFile), config.certificate);
     Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read(keyFile), config.privateKey);
+    return config;
+}
+
+// The STS's TLS and token-signing trust, and the client's holder-of-key identity.
+struct StsTrust {
+    explicit StsTrust(const std::string& tlsCa = "sts/ca.pem") {
+        Basalt::Ssl::SSLContextOptions options;
+        options.trustedCaPem = TestData::Read(tlsCa);
+        Basalt::Ssl::CreateSSLContext(options, sslContext);
+        std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
+        Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
+        Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
+    }
+    Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
+    Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
+    SsoClient::HolderOfKeyConfig client = LoadHolderOfKey("sts/client.pem", "sts/client.key");
+};
+
+// A service configuration for the loopback test STS at url, trusting its TLS CA and its
+// token-signing certificate.
+inline SsoClient::SecurityTokenServiceConfig LoopbackStsConfig(const std::string& url) {
+    static const StsTrust trust;
+    SsoClient::SecurityTokenServiceConfig config;
+    config.url = url;
+    config.tokenFactory = SsoClient::CreateSamlTokenFactory(trust.resolver.Get());
+    config.keyInfoResolver = trust.resolver;
+    config.sslContext = trust.sslContext.Get();
     return config;
 }
 

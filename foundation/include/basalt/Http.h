@@ -99,7 +99,9 @@ class BASALT_API ClientRequest : public virtual Object {
     virtual void SetHeader(const std::string& name, const std::string& value) = 0;
     // The value of a header, empty if not set.
     virtual std::string GetHeader(const std::string& name) const = 0;
-    // Appends to the body.
+    // Appends to the body. The body may be secret: every copy the foundation makes of it is
+    // wiped before it is freed, and so are libcurl's when the foundation initialised libcurl
+    // (the first HTTP request of a process that had not initialised it already).
     virtual Writer* GetBodyWriter() = 0;
     // Limit on the whole exchange, in microseconds; 0 (the default) means none.
     virtual void SetTimeout(int64_t microseconds) = 0;
@@ -108,8 +110,10 @@ class BASALT_API ClientRequest : public virtual Object {
     ~ClientRequest() override;
 };
 
-// Creates a request for path ("/..." with an optional query). Throws InvalidArgumentException
-// for a path that does not start with '/' or holds characters not allowed in a URL.
+// Creates a request for a target: a path ("/..." with an optional query), or an absolute
+// "http://" / "https://" URL, which is sent unchanged as the request target (the connection still
+// goes to the user agent's own endpoint). Throws InvalidArgumentException for any other target or
+// one holding characters not allowed in a URL.
 BASALT_API void CreateHttpRequest(HttpMethod method, std::string_view path,
                                   Ref<ClientRequest>& request);
 

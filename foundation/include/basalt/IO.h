@@ -40,7 +40,9 @@ class BASALT_API StringReader : public virtual Reader {
     ~StringReader() override;
 };
 
-// A writer that accumulates what it is given in memory.
+// A writer that accumulates what it is given in memory. What it holds may be secret (a request
+// with a password): the buffers it outgrows, and the one it holds when it goes, are wiped before
+// they are freed. A string taken out with TakeString is the caller's to wipe.
 class BASALT_API StringWriter : public virtual Writer {
   public:
     // What has been written so far.
@@ -48,7 +50,7 @@ class BASALT_API StringWriter : public virtual Writer {
     // Moves the accumulated text out, leaving the writer empty.
     virtual std::string TakeString() = 0;
     // Makes room for size bytes in all, so that text written later is not copied around while
-    // the buffer grows (which would leave stray copies of secrets in freed memory).
+    // the buffer grows.
     virtual void Reserve(size_t size) = 0;
 
   protected:

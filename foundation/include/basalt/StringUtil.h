@@ -30,6 +30,25 @@ BASALT_API void SecureWipe(void* data, size_t size);
 // Overwrites the string's whole capacity with zeros and empties it.
 BASALT_API void SecureWipe(std::string& text);
 
+// Text kept for later use that must not outlive it (a password captured by a callback): every
+// copy wipes its bytes when it goes.
+class SecretText {
+  public:
+    explicit SecretText(std::string text) : m_text(std::move(text)) {}
+    SecretText(const SecretText&) = default;
+    SecretText(SecretText&& other) noexcept : m_text(std::move(other.m_text)) {
+        SecureWipe(other.m_text);
+    }
+    SecretText& operator=(const SecretText&) = delete;
+    SecretText& operator=(SecretText&&) = delete;
+    ~SecretText() { SecureWipe(m_text); }
+
+    const std::string& Get() const { return m_text; }
+
+  private:
+    std::string m_text;
+};
+
 // Copy of text with ASCII letters lower-cased; other bytes unchanged.
 BASALT_API std::string ToLower(std::string_view text);
 

@@ -54,6 +54,11 @@ class BASALT_API TextNode : public virtual Node {
   public:
     virtual std::string GetValue() const = 0;
     virtual void SetValue(std::string_view value) = 0;
+    // Sets a value that must not outlive its use (a password): from now on the node's text is
+    // wiped before it is freed or replaced, follows the node into any document it is appended
+    // to, and never passes through libxml2's output buffers when the tree is serialised (it
+    // is written straight to the writer). Throws std::bad_alloc.
+    virtual void SetSecretValue(std::string_view value) = 0;
 
   protected:
     ~TextNode() override;

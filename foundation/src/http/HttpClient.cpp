@@ -12,11 +12,12 @@
 #include <thread>
 #include <unordered_map>
 
+#include <basalt/Net.h>
 #include "internal/crypto/CryptoInternal.h"
-#include "internal/system/FoundationLog.h"
 #include "internal/http/HttpInternal.h"
 #include "internal/http/SslInternal.h"
-#include <basalt/Net.h>
+#include "internal/system/ExitHooks.h"
+#include "internal/system/FoundationLog.h"
 
 namespace Basalt {
 namespace Http {
@@ -346,31 +347,40 @@ std::mutex g_engineMutex;
 HttpEngine* g_engine = nullptr;
 bool g_engineShutDown = false;
 
+// Fails every transfer in flight and refuses new ones.
+void ShutDownEngine() {
+    HttpEngine* engine;
+    {
+        std::lock_guard<std::mutex> lock(g_engineMutex);
+        g_engineShutDown = true;
+        engine = std::exchange(g_engine, nullptr);
+    }
+    delete engine;
+}
+
 struct EngineHolder {
     // OpenSSL registers its exit-time cleanup on first initialisation. Doing that before this
     // holder is complete makes the HTTP thread stop first, while OpenSSL can still free the
     // thread's state.
     EngineHolder() { OPENSSL_init_ssl(0, nullptr); }
-    ~EngineHolder() {
-        HttpEngine* engine;
-        {
-            std::lock_guard<std::mutex> lock(g_engineMutex);
-            g_engineShutDown = true;
-            engine = std::exchange(g_engine, nullptr);
-        }
-        delete engine;
-    }
+    ~EngineHolder() { ShutDownEngine(); }
 } g_engineHolder;
 
-HttpEngine& Engine() {
+// Runs use on the engine, starting it on first use. The lock is held throughout, so the engine
+// cannot be shut down under a caller.
+template <class Use>
+void WithEngine(const Use& use) {
     std::lock_guard<std::mutex> lock(g_engineMutex);
+    if (!g_engine && !g_engineShutDown) {
+        // A pool thread waiting on a hung exchange would otherwise hold up exit until its
+        // timeout; once the pool's exit has begun, no engine starts any more.
+        g_engineShutDown = !System::AtPoolExit(ShutDownEngine);
+        g_engine = g_engineShutDown ? nullptr : new HttpEngine();
+    }
     if (g_engineShutDown) {
         throw InvalidStateException("The HTTP client has been shut down");
     }
-    if (!g_engine) {
-        g_engine = new HttpEngine();
-    }
-    return *g_engine;
+    use(*g_engine);
 }
 
 // ---- Transfer
@@ -395,7 +405,7 @@ void Transfer::Cancel() {
         return;
     }
     try {
-        Engine().Cancel(Ref<Transfer>(this));
+        WithEngine([&](HttpEngine& engine) { engine.Cancel(Ref<Transfer>(this)); });
     } catch (const InvalidStateException&) {
         // Shut down: every transfer has been failed already.
     }
@@ -434,7 +444,12 @@ CURL* Transfer::Setup() {
         throw Exception("Out of memory creating a transfer");
     }
     const Endpoint& endpoint = m_agent->GetEndpoint();
-    SetOption(CURLOPT_URL, (endpoint.baseUrl + m_request.path).c_str());
+    // An absolute-form target goes to the endpoint, written as given in the request line.
+    const bool absoluteTarget = m_request.path.front() != '/';
+    SetOption(CURLOPT_URL, (endpoint.baseUrl + (absoluteTarget ? "/" : m_request.path)).c_str());
+    if (absoluteTarget) {
+        SetOption(CURLOPT_REQUEST_TARGET, m_request.path.c_str());
+    }
     SetOption(CURLOPT_PRIVATE, static_cast<void*>(this));
     SetOption(CURLOPT_ERRORBUFFER, m_errorBuffer);
     SetOption(CURLOPT_NOSIGNAL, 1L);
@@ -730,7 +745,7 @@ void UserAgentImpl::SendAsync(ClientRequest* request, CompletionCallback complet
     }
     Ref<Transfer> transfer =
         new Transfer(Ref<UserAgentImpl>(this), SnapshotRequest(request), std::move(completion));
-    Engine().Start(transfer);
+    WithEngine([&](HttpEngine& engine) { engine.Start(transfer); });
     pending = transfer;
 }
 

@@ -1,13 +1,18 @@
 // Requests, responses, cookie stores, connection specs and pools.
 
+#include <malloc.h>
+#include <string.h>
 #include <strings.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
-#include "internal/http/HttpInternal.h"
 #include <basalt/Exception.h>
+#include <basalt/StringUtil.h>
+#include "internal/http/HttpInternal.h"
+#include "internal/system/Immortal.h"
 
 namespace Basalt {
 namespace Http {
@@ -21,8 +26,42 @@ ClientResponse::~ClientResponse() = default;
 PendingRequestItem::~PendingRequestItem() = default;
 HttpUserAgent::~HttpUserAgent() = default;
 
+namespace {
+
+// libcurl copies request bodies into buffers of its own (the request it assembles, the upload
+// buffer) and frees them as they are; these memory functions wipe every block first.
+void WipingFree(void* block) {
+    if (block) {
+        StringUtil::SecureWipe(block, malloc_usable_size(block));
+        std::free(block);
+    }
+}
+
+void* WipingRealloc(void* block, size_t size) {
+    if (!block) {
+        return std::malloc(size);
+    }
+    if (size == 0) {
+        WipingFree(block);
+        return nullptr;
+    }
+    void* larger = std::malloc(size);
+    if (larger) {
+        std::memcpy(larger, block, std::min(size, malloc_usable_size(block)));
+        WipingFree(block);
+    }
+    return larger;
+}
+
+CURLcode InitCurl() {
+    return curl_global_init_mem(CURL_GLOBAL_DEFAULT, std::malloc, WipingFree, WipingRealloc, strdup,
+                                std::calloc);
+}
+
+}  // namespace
+
 void EnsureCurlInitialized() {
-    static const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+    static const CURLcode result = InitCurl();
     if (result != CURLE_OK) {
         throw Exception(std::string("Cannot initialise libcurl: ") + curl_easy_strerror(result));
     }
@@ -249,16 +288,21 @@ CURLSH* PoolShare(HttpConnectionPool* pool) {
 }
 
 HttpConnectionPool* DefaultPool() {
-    static const Ref<HttpConnectionPool> pool = [] {
+    static const Immortal<Ref<HttpConnectionPool>> pool([] {
         Ref<HttpConnectionPool> created;
         CreateHttpConnectionPool(created);
         return created;
-    }();
-    return pool.Get();
+    }());
+    return pool->Get();
 }
 
 void CreateHttpRequest(HttpMethod method, std::string_view path, Ref<ClientRequest>& request) {
-    if (path.empty() || path.front() != '/' ||
+    const auto startsWith = [&](std::string_view prefix) {
+        return path.substr(0, prefix.size()) == prefix;
+    };
+    const bool originForm = startsWith("/");
+    const bool absoluteForm = startsWith("http://") || startsWith("https://");
+    if ((!originForm && !absoluteForm) ||
         !std::all_of(path.begin(), path.end(), [](char c) { return c > 0x20 && c < 0x7f; })) {
         throw InvalidArgumentException("Invalid HTTP request path '" + std::string(path) + "'");
     }

@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "internal/jwt/JwtInternal.h"
+#include "internal/system/Immortal.h"
 
 namespace Basalt {
 namespace Jwt {
@@ -106,9 +107,9 @@ class KeyCache {
     uint64_t m_parses = 0;
 };
 
-// Never destroyed: validations may still run on other threads while the process exits.
+// Validations may still run on other threads while the process exits.
 KeyCache& SharedKeyCache() {
-    static KeyCache* cache = new KeyCache();
+    static Immortal<KeyCache> cache;
     return *cache;
 }
 

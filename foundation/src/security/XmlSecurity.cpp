@@ -8,12 +8,13 @@
 
 #include <mutex>
 
-#include "internal/crypto/CryptoInternal.h"
-#include "internal/system/FoundationLog.h"
-#include "internal/xml/XmlInternal.h"
-#include "internal/security/XmlSecurityInternal.h"
 #include <basalt/Exception.h>
 #include <basalt/XmlSecurity.h>
+#include "internal/crypto/CryptoInternal.h"
+#include "internal/security/XmlSecurityInternal.h"
+#include "internal/system/FoundationLog.h"
+#include "internal/system/Immortal.h"
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {
@@ -86,7 +87,7 @@ std::string TakeXmlSecError() {
 
 const std::vector<Algorithm>& AllowedAlgorithms() {
     using K = AlgorithmKind;
-    static const std::vector<Algorithm> algorithms = {
+    static const Immortal<std::vector<Algorithm>> algorithms(std::vector<Algorithm>{
         {kExcC14n, K::Canonicalization, KeyKind::None, XML_C14N_EXCLUSIVE_1_0, false},
         {kExcC14nComments, K::Canonicalization, KeyKind::None, XML_C14N_EXCLUSIVE_1_0, true},
         {kC14n, K::Canonicalization, KeyKind::None, XML_C14N_1_0, false},
@@ -105,8 +106,8 @@ const std::vector<Algorithm>& AllowedAlgorithms() {
          false},
         {"http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha512", K::Signature, KeyKind::Ec, 0,
          false},
-    };
-    return algorithms;
+    });
+    return *algorithms;
 }
 
 const Algorithm* FindAlgorithm(std::string_view uri, AlgorithmKind kind) {

@@ -14,14 +14,16 @@
 
 #include <algorithm>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
-#include "internal/crypto/CryptoInternal.h"
-#include "internal/xml/XmlInternal.h"
-#include "internal/security/XmlSecurityInternal.h"
 #include <basalt/Exception.h>
 #include <basalt/XmlSecurity.h>
+#include "internal/crypto/CryptoInternal.h"
+#include "internal/security/XmlSecurityInternal.h"
+#include "internal/system/Immortal.h"
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {
@@ -351,7 +353,7 @@ struct AllowedTransformIds {
 };
 
 const AllowedTransformIds& AllowedIds() {
-    static const AllowedTransformIds ids = [] {
+    static const Immortal<AllowedTransformIds> ids([] {
         AllowedTransformIds out;
         for (const Algorithm& algorithm : AllowedAlgorithms()) {
             xmlSecTransformId id = TransformIdOf(algorithm);
@@ -364,8 +366,8 @@ const AllowedTransformIds& AllowedIds() {
             }
         }
         return out;
-    }();
-    return ids;
+    }());
+    return *ids;
 }
 
 // A context that takes its key from the caller only, processes only same-document references
@@ -451,10 +453,10 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         }
         // The tree may have changed since the signature was read: read it again.
         ParsedSignature current = ParseSignature(signature);
-        std::vector<std::unique_ptr<IdRegistration>> ids;
+        std::vector<xmlAttr*> named;
         std::vector<bool> covered(signedNodes.size(), false);
         for (const SignatureReference& reference : current.references) {
-            ids.push_back(BindReference(reference.uri, signedNodes, covered));
+            named.push_back(CheckReference(reference.uri, signedNodes, covered));
         }
         if (std::find(covered.begin(), covered.end(), false) != covered.end()) {
             BASALT_THROW(XmlSecurityException,
@@ -468,6 +470,16 @@ class SignatureImpl final : public ObjectImpl, public Signature {
             BASALT_THROW(XmlSecurityException, "No trusted key to verify the signature with");
         }
         auto* ready = dynamic_cast<const ReadyKeySource*>(resolver);
+        // The ids registered here and by xmlsec live in the document: one verification of a
+        // tree at a time, or one would unregister an id that another is looking up.
+        std::lock_guard<std::mutex> lock(DocOwner::Of(signature->doc)->Mutex());
+        std::vector<std::unique_ptr<IdRegistration>> ids;
+        for (xmlAttr* attr : named) {
+            if (attr) {
+                ids.push_back(
+                    std::make_unique<IdRegistration>(signature->doc, attr, AttrValue(attr)));
+            }
+        }
         for (const auto& candidate : candidates) {
             if (!candidate) {
                 continue;
@@ -581,11 +593,10 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         }
     }
 
-    // Checks that uri names exactly one of the signed elements, not named before, and registers
-    // its id for xmlsec.
-    std::unique_ptr<IdRegistration> BindReference(const std::string& uri,
-                                                  const std::vector<xmlNode*>& signedNodes,
-                                                  std::vector<bool>& covered) const {
+    // Checks that uri names exactly one of the signed elements, not named before; returns the
+    // attribute that carries its id (null for the whole document).
+    xmlAttr* CheckReference(const std::string& uri, const std::vector<xmlNode*>& signedNodes,
+                            std::vector<bool>& covered) const {
         xmlDoc* doc = signedNodes.front()->doc;
         xmlAttr* attr = nullptr;
         size_t index = 0;
@@ -617,7 +628,7 @@ class SignatureImpl final : public ObjectImpl, public Signature {
             BASALT_THROW(XmlSecurityException,
                          "The id '" + id + "' appears on more than one element of the document");
         }
-        return std::make_unique<IdRegistration>(doc, attr, id);
+        return attr;
     }
 
     // Finds the one element of the tree that the reference names (by wsu:Id, Id or ID) and

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include <basalt/Exception.h>
+#include "internal/system/Immortal.h"
 
 namespace Basalt {
 namespace System {
@@ -204,8 +205,8 @@ class WallClock final : public Clock {
 }  // namespace
 
 const Clock& SystemClock() {
-    static const WallClock clock;
-    return clock;
+    static const Immortal<WallClock> clock;  // read by work that may run during exit
+    return *clock;
 }
 
 DateTime DateTimeFromFields(const DateTimeFields& f) {

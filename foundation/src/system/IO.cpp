@@ -1,4 +1,5 @@
 #include <basalt/IO.h>
+#include <basalt/StringUtil.h>
 
 #include <algorithm>
 #include <cstring>
@@ -31,13 +32,34 @@ class StringReaderImpl final : public ObjectImpl, public StringReader {
 
 class StringWriterImpl final : public ObjectImpl, public StringWriter {
   public:
+    ~StringWriterImpl() override { StringUtil::SecureWipe(m_text); }
+
     using Writer::Write;
-    void Write(const char* data, size_t size) override { m_text.append(data, size); }
+    void Write(const char* data, size_t size) override {
+        if (size > m_text.capacity() - m_text.size()) {
+            Grow(m_text.size() + size);
+        }
+        m_text.append(data, size);
+    }
     const std::string& GetString() const override { return m_text; }
     std::string TakeString() override { return std::exchange(m_text, std::string()); }
-    void Reserve(size_t size) override { m_text.reserve(size); }
+    void Reserve(size_t size) override {
+        if (size > m_text.capacity()) {
+            Grow(size);
+        }
+    }
 
   private:
+    // Moves the text into a larger buffer by hand, wiping the old one (std::string would free
+    // it as it is).
+    void Grow(size_t needed) {
+        std::string larger;
+        larger.reserve(std::max(needed, 2 * m_text.capacity()));
+        larger.append(m_text);
+        StringUtil::SecureWipe(m_text);
+        m_text.swap(larger);
+    }
+
     std::string m_text;
 };
 

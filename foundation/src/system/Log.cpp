@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <map>
 #include <mutex>
+#include "internal/system/Immortal.h"
 
 namespace Basalt {
 namespace Service {
@@ -17,7 +18,7 @@ struct Registry {
 };
 
 Registry& GetRegistry() {
-    static Registry* registry = new Registry();  // never destroyed: loggers may log at exit
+    static Immortal<Registry> registry;  // loggers may log at exit
     return *registry;
 }
 

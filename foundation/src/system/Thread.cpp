@@ -9,10 +9,13 @@
 #include <cstdlib>
 #include <mutex>
 #include <thread>
+#include <vector>
 
-#include "internal/system/FoundationLog.h"
 #include <basalt/Exception.h>
 #include <basalt/Log.h>
+#include "internal/system/ExitHooks.h"
+#include "internal/system/FoundationLog.h"
+#include "internal/system/Immortal.h"
 
 namespace Basalt {
 namespace System {
@@ -120,15 +123,56 @@ void SystemFactory::CreateThreadPool(size_t threadCount, Ref<ThreadPool>& pool) 
     pool = new ThreadPoolImpl(threadCount);
 }
 
-ThreadPool* GetThreadPool() {
-    // Created on first use; at exit the static reference finishes the queued work and joins.
-    static Ref<ThreadPool> pool = [] {
-        Ref<ThreadPool> created;
+namespace {
+
+struct ExitHooks {
+    std::mutex mutex;
+    std::vector<void (*)()> hooks;
+    bool exiting = false;
+};
+
+// Immortal: a hook may be registered from any thread at any time, even during exit.
+ExitHooks& Hooks() {
+    static Immortal<ExitHooks> hooks;
+    return *hooks;
+}
+
+// The process-wide pool. At exit it first runs the exit hooks, then finishes the queued work and
+// joins; everything that work can reach was built before it or is immortal.
+struct ProcessPool {
+    Ref<ThreadPool> pool;
+    ProcessPool() {
         SystemFactory::Instance().CreateThreadPool(
-            std::max(2u, std::thread::hardware_concurrency()), created);
-        return created;
-    }();
-    return pool.Get();
+            std::max(2u, std::thread::hardware_concurrency()), pool);
+    }
+    ~ProcessPool() {
+        std::vector<void (*)()> hooks;
+        {
+            std::lock_guard<std::mutex> lock(Hooks().mutex);
+            hooks.swap(Hooks().hooks);
+            Hooks().exiting = true;
+        }
+        for (void (*hook)() : hooks) {
+            hook();
+        }
+        pool->Shutdown();
+    }
+};
+
+}  // namespace
+
+bool AtPoolExit(void (*hook)()) {
+    std::lock_guard<std::mutex> lock(Hooks().mutex);
+    if (Hooks().exiting) {
+        return false;
+    }
+    Hooks().hooks.push_back(hook);
+    return true;
+}
+
+ThreadPool* GetThreadPool() {
+    static ProcessPool process;
+    return process.pool.Get();
 }
 
 }  // namespace System

@@ -1,19 +1,28 @@
 // The DOM classes over libxml2: one wrapper per native node, made on first use and cached in
-// the node's _private; every wrapper holds a reference to its document's owner.
+// the node's _private (under the owner's mutex, so that threads reading one tree agree on it);
+// every wrapper holds a reference to its document's owner.
 
 #include <libxml/globals.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <exception>
 #include <functional>
 #include <mutex>
 #include <unordered_set>
 
-#include "internal/xml/XmlInternal.h"
 #include <basalt/Exception.h>
+#include <basalt/Format.h>
+#include <basalt/IO.h>
+#include <basalt/StringUtil.h>
 #include <basalt/Xml.h>
+#include "internal/system/FoundationLog.h"
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {
@@ -48,6 +57,9 @@ DocOwner::DocOwner(UniquePtr<xmlDoc> doc) : m_doc(std::move(doc)) {
 }
 
 DocOwner::~DocOwner() {
+    for (xmlNode* node : m_secrets) {
+        WipeText(node);
+    }
     for (xmlNode* node : m_detached) {
         if (node->parent == nullptr && node->doc == m_doc.get()) {
             xmlFreeNode(node);
@@ -57,6 +69,7 @@ DocOwner::~DocOwner() {
 }
 
 std::pair<int, int> DocOwner::GetPosition(const xmlNode* node) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
     auto byNode = [](const Position& a, const Position& b) { return a.node < b.node; };
     if (!m_positionsSorted) {
         std::sort(m_positions.begin(), m_positions.end(), byNode);
@@ -68,6 +81,41 @@ std::pair<int, int> DocOwner::GetPosition(const xmlNode* node) const {
         return {0, 0};
     }
     return {found->line, found->column};
+}
+
+void DocOwner::AddSecret(xmlNode* node) {
+    if (!IsSecret(node)) {
+        m_secrets.push_back(node);
+    }
+}
+
+bool DocOwner::IsSecret(const xmlNode* node) const {
+    return std::find(m_secrets.begin(), m_secrets.end(), node) != m_secrets.end();
+}
+
+void WipeText(xmlNode* node) {
+    if (node->content && node->content != reinterpret_cast<xmlChar*>(&node->properties)) {
+        StringUtil::SecureWipe(node->content, static_cast<size_t>(xmlStrlen(node->content)));
+    }
+}
+
+bool DocOwner::FindPending(const void* node, std::string& prefix) const {
+    if (!m_hasPending.load(std::memory_order_acquire)) {
+        return false;
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto found = m_pending.find(node);
+    if (found == m_pending.end()) {
+        return false;
+    }
+    prefix = found->second;
+    return true;
+}
+
+void DocOwner::AddPending(const void* node, std::string prefix) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_pending[node] = std::move(prefix);
+    m_hasPending.store(true, std::memory_order_release);
 }
 
 void DocOwner::ForgetDetached(xmlNode* node) {
@@ -111,10 +159,16 @@ void DocOwner::TransferSubtree(xmlNode* root, DocOwner& target) {
         }
         auto pending = m_pending.find(node);
         if (pending != m_pending.end()) {
-            target.m_pending[node] = std::move(pending->second);
+            target.AddPending(node, std::move(pending->second));
             m_pending.erase(pending);
         }
+        auto secret = std::find(m_secrets.begin(), m_secrets.end(), node);
+        if (secret != m_secrets.end()) {
+            target.m_secrets.push_back(node);
+            m_secrets.erase(secret);
+        }
     });
+    m_hasPending.store(!m_pending.empty(), std::memory_order_release);
     if (moved.empty()) {
         return;
     }
@@ -142,9 +196,9 @@ std::string NodePrefix(const xmlNode* node) {
     if (node->ns) {
         return Str(node->ns->prefix);
     }
-    auto& pending = DocOwner::Of(node->doc)->Pending();
-    auto found = pending.find(node);
-    return found == pending.end() ? std::string() : found->second;
+    std::string prefix;
+    DocOwner::Of(node->doc)->FindPending(node, prefix);
+    return prefix;
 }
 
 std::string AttrPrefix(const xmlAttr* attr) {
@@ -187,10 +241,16 @@ std::string QualifiedName(const std::string& prefix, const xmlChar* localName) {
 }  // namespace
 
 void ResolvePendingNamespaces(xmlNode* root, bool strict) {
-    auto& pending = DocOwner::Of(root->doc)->Pending();
-    if (pending.empty()) {
+    DocOwner* owner = DocOwner::Of(root->doc);
+    if (!owner->m_hasPending.load(std::memory_order_acquire)) {
         return;
     }
+    std::lock_guard<std::mutex> lock(owner->m_mutex);
+    auto& pending = owner->m_pending;
+    struct UpdateFlag {
+        DocOwner* owner;
+        ~UpdateFlag() { owner->m_hasPending.store(!owner->m_pending.empty()); }
+    } update{owner};
     WalkSubtree(root, [&](xmlNode* node) {
         auto found = pending.find(node);
         if (found == pending.end()) {
@@ -213,24 +273,70 @@ void ResolvePendingNamespaces(xmlNode* root, bool strict) {
     });
 }
 
+namespace {
+
+constexpr int kMaxLibraryMessages = 8;
+thread_local int t_libraryMessages = 0;  // logged in the outermost capture
+
+std::string Trimmed(std::string text) {
+    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) {
+        text.pop_back();
+    }
+    return text;
+}
+
+void LogLibraryMessage(std::string text) {
+    if (text.empty() || ++t_libraryMessages > kMaxLibraryMessages) {
+        return;
+    }
+    if (t_libraryMessages == kMaxLibraryMessages) {
+        text += " (further libxml2 messages about this document are not logged)";
+    }
+    Service::LogInternal(FoundationLogger(), Service::Logger::LL_Info, "libxml2: %1",
+                         PrintFormatter(text));
+}
+
+}  // namespace
+
 LibxmlErrorCapture::LibxmlErrorCapture()
-    : m_previous(xmlStructuredError), m_previousContext(xmlStructuredErrorContext) {
+    : m_previous(xmlStructuredError),
+      m_previousContext(xmlStructuredErrorContext),
+      m_previousGeneric(xmlGenericError),
+      m_previousGenericContext(xmlGenericErrorContext) {
+    if (m_previous != &LibxmlErrorCapture::OnError) {
+        t_libraryMessages = 0;
+    }
     xmlSetStructuredErrorFunc(this, &LibxmlErrorCapture::OnError);
+    xmlSetGenericErrorFunc(this, &LibxmlErrorCapture::OnMessage);
 }
 
 LibxmlErrorCapture::~LibxmlErrorCapture() {
     xmlSetStructuredErrorFunc(m_previousContext, m_previous);
+    xmlSetGenericErrorFunc(m_previousGenericContext, m_previousGeneric);
+    if (m_previous == &LibxmlErrorCapture::OnError) {
+        auto* outer = static_cast<LibxmlErrorCapture*>(m_previousContext);
+        if (outer->m_first.empty()) {
+            outer->m_first = std::move(m_first);
+        }
+    }
 }
 
 void LibxmlErrorCapture::OnError(void* self, xmlError* error) {
     auto* capture = static_cast<LibxmlErrorCapture*>(self);
-    if (capture->m_first.empty() && error && error->message) {
-        capture->m_first = error->message;
-        while (!capture->m_first.empty() &&
-               (capture->m_first.back() == '\n' || capture->m_first.back() == ' ')) {
-            capture->m_first.pop_back();
-        }
+    std::string text = Trimmed(error && error->message ? error->message : "");
+    if (capture->m_first.empty()) {
+        capture->m_first = text;
     }
+    LogLibraryMessage(std::move(text));
+}
+
+void LibxmlErrorCapture::OnMessage(void*, const char* format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    LogLibraryMessage(Trimmed(text));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -280,8 +386,108 @@ class OutputSink {
 }  // namespace
 
 void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump) {
+    const LibxmlErrorCapture messages;
     OutputSink(writer).Run(dump);
 }
+
+namespace {
+
+// While it lives, the secret text nodes of a document hold random markers instead of their
+// values, so that libxml2's output buffers (which grow by realloc and are freed unwiped) never
+// see a secret; WriteUnmasked puts the values back, escaped as text, on the way to the writer.
+class MaskedSecrets {
+  public:
+    explicit MaskedSecrets(const DocOwner& owner) {
+        try {
+            for (xmlNode* node : owner.Secrets()) {
+                std::string marker = "secret-" + StringUtil::GenerateUuid();
+                UniquePtr<XmlString> placeholder(xmlStrdup(AsXmlChars(marker.c_str())));
+                if (!placeholder) {
+                    throw std::bad_alloc();
+                }
+                m_masked.push_back({node, node->content, std::move(marker)});
+                node->content = placeholder.release();
+            }
+        } catch (...) {
+            Restore();
+            throw;
+        }
+    }
+    ~MaskedSecrets() { Restore(); }
+    MaskedSecrets(const MaskedSecrets&) = delete;
+    MaskedSecrets& operator=(const MaskedSecrets&) = delete;
+
+    bool Any() const { return !m_masked.empty(); }
+
+    void WriteUnmasked(std::string_view text, Writer* writer) const {
+        size_t done = 0;
+        while (done < text.size()) {
+            size_t next = text.size();
+            const Masked* found = nullptr;
+            for (const Masked& masked : m_masked) {
+                size_t at = text.find(masked.marker, done);
+                if (at < next) {
+                    next = at;
+                    found = &masked;
+                }
+            }
+            writer->Write(text.data() + done, next - done);
+            if (found) {
+                WriteEscaped(AsChars(found->value), writer);
+                next += found->marker.size();
+            }
+            done = next;
+        }
+    }
+
+  private:
+    void Restore() {
+        for (const Masked& masked : m_masked) {
+            xmlFree(std::exchange(masked.node->content, masked.value));
+        }
+    }
+
+    struct Masked {
+        xmlNode* node;
+        xmlChar* value;
+        std::string marker;
+    };
+
+    // As libxml2 escapes text content.
+    static void WriteEscaped(const char* value, Writer* writer) {
+        std::string escaped;
+        escaped.reserve(5 * std::strlen(value));  // never regrown, so one copy to wipe
+        for (const char* c = value; *c; ++c) {
+            switch (*c) {
+                case '<':
+                    escaped += "&lt;";
+                    break;
+                case '>':
+                    escaped += "&gt;";
+                    break;
+                case '&':
+                    escaped += "&amp;";
+                    break;
+                case '\r':
+                    escaped += "&#13;";
+                    break;
+                default:
+                    escaped += *c;
+            }
+        }
+        try {
+            writer->Write(escaped);
+        } catch (...) {
+            StringUtil::SecureWipe(escaped);
+            throw;
+        }
+        StringUtil::SecureWipe(escaped);
+    }
+
+    std::vector<Masked> m_masked;
+};
+
+}  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // Wrappers
@@ -301,13 +507,19 @@ void ClearPrivate(xmlNode* root) {
 // used in attribute values such as xsi:type, keep their meaning).
 void SerializeInnerElement(xmlNode* node, Writer* writer) {
     Ref<DocOwner> scratch = CreateDocOwner();
-    xmlNode* copy = xmlDocCopyNode(node, scratch->GetDoc(), 1);
+    UniquePtr<XmlNsList> inScope;
+    xmlNode* copy = nullptr;
+    {
+        // libxml2 consults the id table, which a verification may be filling, to copy ids.
+        std::lock_guard<std::mutex> lock(DocOwner::Of(node->doc)->Mutex());
+        copy = xmlDocCopyNode(node, scratch->GetDoc(), 1);
+        inScope.reset(xmlGetNsList(node->doc, node));
+    }
     if (!copy) {
         throw std::bad_alloc();
     }
     ClearPrivate(copy);
     xmlDocSetRootElement(scratch->GetDoc(), copy);
-    UniquePtr<XmlNsList> inScope(xmlGetNsList(node->doc, node));
     for (xmlNs** ns = inScope.get(); ns && *ns; ++ns) {
         bool declared = false;
         for (xmlNs* own = copy->nsDef; own; own = own->next) {
@@ -323,10 +535,12 @@ void SerializeInnerElement(xmlNode* node, Writer* writer) {
 template <class Interface>
 class NodeBase : public ObjectImpl, public Interface, public NodeCore {
   public:
-    NodeBase(xmlNode* node, DocOwner* owner) : NodeCore(node, owner) {
+    // Made by WrapNode, which holds the owner's mutex.
+    NodeBase(xmlNode* node, DocOwner* owner) : NodeCore(node, owner, m_refCount) {
         node->_private = static_cast<NodeCore*>(this);
     }
     ~NodeBase() override {
+        std::lock_guard<std::mutex> lock(Owner()->Mutex());
         if (m_node->_private == static_cast<NodeCore*>(this)) {
             m_node->_private = nullptr;
         }
@@ -375,6 +589,19 @@ class NodeBase : public ObjectImpl, public Interface, public NodeCore {
         if (!writer) {
             BASALT_THROW(InvalidArgumentException, "No writer to serialise to");
         }
+        const MaskedSecrets masked(*Owner());
+        if (!masked.Any()) {
+            SerializeTo(writer);
+            return;
+        }
+        Ref<StringWriter> withMarkers;
+        CreateStringWriter(withMarkers);
+        SerializeTo(withMarkers.Get());
+        masked.WriteUnmasked(withMarkers->GetString(), writer);
+    }
+
+  private:
+    void SerializeTo(Writer* writer) const {
         if (m_node->type == XML_ELEMENT_NODE) {
             ResolvePendingNamespaces(m_node, true);
             xmlNode* parent = m_node->parent;
@@ -397,9 +624,20 @@ class TextNodeImpl final : public NodeBase<TextNode> {
     using NodeBase::NodeBase;
 
     std::string GetValue() const override { return Str(m_node->content); }
-    void SetValue(std::string_view value) override {
-        std::string copy(value);
+    void SetValue(std::string_view value) override { Store(value); }
+    void SetSecretValue(std::string_view value) override {
+        Owner()->AddSecret(m_node);
+        Store(value);
+    }
+
+  private:
+    void Store(std::string_view value) {
+        std::string copy(value);  // NUL-terminated for libxml2
+        if (Owner()->IsSecret(m_node)) {
+            WipeText(m_node);
+        }
         xmlNodeSetContent(m_node, AsXmlChars(copy.c_str()));
+        StringUtil::SecureWipe(copy);
     }
 };
 
@@ -427,9 +665,9 @@ class ElementNodeImpl final : public NodeBase<ElementNode> {
             return Str(m_node->ns->href);
         }
         std::string uri;
-        std::string prefix = NodePrefix(m_node);
+        std::string prefix;
         // A pending prefix reads through to whatever is in scope now.
-        if (Owner()->Pending().count(m_node) && LookupNamespaceUri(prefix, uri)) {
+        if (Owner()->FindPending(m_node, prefix) && LookupNamespaceUri(prefix, uri)) {
             return uri;
         }
         return std::string();
@@ -584,7 +822,6 @@ class ElementNodeImpl final : public NodeBase<ElementNode> {
     void SetPrefixedAttribute(const std::string& prefix, const std::string& localName,
                               const std::string& value) {
         const xmlChar* local = AsXmlChars(localName.c_str());
-        auto& pending = Owner()->Pending();
         for (xmlAttr* attr = m_node->properties; attr; attr = attr->next) {
             if (xmlStrEqual(attr->name, local) && AttrPrefix(attr) == prefix) {
                 xmlSetNsProp(m_node, attr->ns, local, AsXmlChars(value.c_str()));
@@ -599,17 +836,20 @@ class ElementNodeImpl final : public NodeBase<ElementNode> {
         if (!ns) {
             // Resolved once the prefix is declared here or on an ancestor (at the latest when
             // serialised): the builders set "p:name" before "xmlns:p" in byte order.
-            pending[attr] = prefix;
+            Owner()->AddPending(attr, prefix);
         }
     }
 };
 
 class DocumentImpl final : public ObjectImpl, public Document, public NodeCore {
   public:
-    DocumentImpl(xmlDoc* doc, DocOwner* owner) : NodeCore(reinterpret_cast<xmlNode*>(doc), owner) {
+    // Made by WrapDocument, which holds the owner's mutex.
+    DocumentImpl(xmlDoc* doc, DocOwner* owner)
+        : NodeCore(reinterpret_cast<xmlNode*>(doc), owner, m_refCount) {
         owner->m_documentWrapper = this;
     }
     ~DocumentImpl() override {
+        std::lock_guard<std::mutex> lock(Owner()->Mutex());
         if (Owner()->m_documentWrapper == this) {
             Owner()->m_documentWrapper = nullptr;
         }
@@ -658,10 +898,13 @@ Ref<Node> WrapNode(xmlNode* node) {
     if (node->type == XML_DOCUMENT_NODE) {
         return WrapDocument(reinterpret_cast<xmlDoc*>(node));
     }
-    if (node->_private) {
-        return Ref<Node>(static_cast<NodeCore*>(node->_private)->AsNode());
-    }
     DocOwner* owner = DocOwner::Of(node->doc);
+    std::lock_guard<std::mutex> lock(owner->Mutex());
+    auto* cached = static_cast<NodeCore*>(node->_private);
+    if (cached && cached->TryRetain()) {
+        return Ref<Node>::Adopt(cached->AsNode());
+    }
+    // None yet, or one on its way out: a new wrapper takes the node over.
     switch (node->type) {
         case XML_ELEMENT_NODE:
             return Ref<ElementNode>(new ElementNodeImpl(node, owner));
@@ -682,8 +925,10 @@ Ref<ElementNode> WrapElement(xmlNode* node) {
 
 Ref<Document> WrapDocument(xmlDoc* doc) {
     DocOwner* owner = DocOwner::Of(doc);
-    if (owner->m_documentWrapper) {
-        return Ref<Document>(dynamic_cast<Document*>(owner->m_documentWrapper->AsNode()));
+    std::lock_guard<std::mutex> lock(owner->Mutex());
+    NodeCore* cached = owner->m_documentWrapper;
+    if (cached && cached->TryRetain()) {
+        return Ref<Document>::Adopt(dynamic_cast<Document*>(cached->AsNode()));
     }
     return Ref<Document>(new DocumentImpl(doc, owner));
 }
@@ -721,7 +966,7 @@ void CreateElementNode(const std::string& prefix, const std::string& localName,
     // A new element is its document's root until it is attached elsewhere: libxml2's
     // canonicalisation (and so signing) only sees nodes under the document.
     xmlDocSetRootElement(owner->GetDoc(), node);
-    owner->Pending()[node] = prefix;
+    owner->AddPending(node, prefix);
     element = WrapElement(node);
 }
 

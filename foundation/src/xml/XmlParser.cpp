@@ -11,9 +11,9 @@
 #include <string_view>
 #include <vector>
 
-#include "internal/xml/XmlInternal.h"
 #include <basalt/Exception.h>
 #include <basalt/Xml.h>
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {
@@ -240,6 +240,7 @@ class XMLParserImpl final : public ObjectImpl, public XMLParser {
         if (text.size() > static_cast<size_t>(INT32_MAX)) {
             ThrowParseError("The document is too large", 1, 1);
         }
+        const LibxmlErrorCapture messages;
         UniquePtr<xmlParserCtxt> ctxt(
             xmlCreateMemoryParserCtxt(text.data(), static_cast<int>(text.size())));
         if (!ctxt) {

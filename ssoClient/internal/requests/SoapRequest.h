@@ -11,7 +11,7 @@ struct SoapRequest {
     SoapRequest(std::string action, std::string envelopeText);
     SoapRequest(const SoapRequest&) = default;
     SoapRequest(SoapRequest&&) = default;
-    SoapRequest& operator=(const SoapRequest&) = default;
+    SoapRequest& operator=(const SoapRequest& other);
     SoapRequest& operator=(SoapRequest&& other) noexcept;
     ~SoapRequest();
 

@@ -6,6 +6,10 @@
 #include <basalt/Exception.h>
 #include <basalt/Thread.h>
 #include <boost/optional.hpp>
+#include <exception>
+#include <string>
+
+#include <ssoClient/Exceptions.h>
 
 namespace SsoClient {
 
@@ -34,17 +38,38 @@ ErrorValue WrapResult(R&& result) {
 
 }  // namespace Detail
 
-// Runs call on the foundation's thread pool and hands its result, or the Basalt::Exception it
-// threw, to callback (exactly once). Other exceptions leave the work item to the pool's handler.
+// Hands report the library exception that failure holds, or an SsoException naming any other,
+// so that a callback sees every failure, and sees it as one of the library's.
+template <class Report>
+void ReportFailure(const std::exception_ptr& failure, const Report& report) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const Basalt::Exception& e) {
+        report(&e);
+    } catch (const std::exception& e) {
+        const SsoException wrapped(std::string("Unexpected exception: ") + e.what());
+        report(&wrapped);
+    } catch (...) {
+        const SsoException wrapped("Unexpected exception of unknown type");
+        report(&wrapped);
+    }
+}
+
+// Runs call on the foundation's thread pool and hands its result, or whatever it threw, to
+// callback: exactly once, whatever the exception (see ReportFailure).
 template <class R, class Callback, class ErrorValue>
 void SyncToAsyncCall(const std::function<R()>& call, const Callback& callback,
                      const ErrorValue& valueOnError) {
     Basalt::System::GetThreadPool()->GetWorkQueue()->Post([call, callback, valueOnError] {
         ErrorValue result = valueOnError;
+        std::exception_ptr failure;
         try {
             result = Detail::WrapResult<R, ErrorValue>(call());
-        } catch (const Basalt::Exception& e) {
-            callback(valueOnError, &e);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (failure) {
+            ReportFailure(failure, [&](const Basalt::Exception* e) { callback(valueOnError, e); });
             return;
         }
         callback(result, nullptr);

@@ -50,8 +50,9 @@ class ElementBuilderImpl : public XMLBaseBuilder {
 // An element whose only content is text (always one text child, even when empty).
 class TextElementBuilderImpl : public XMLBaseBuilder {
   public:
+    // A secret text (a password) goes into the DOM with TextNode::SetSecretValue.
     TextElementBuilderImpl(std::string prefix, std::string name, AttributeMap attributes,
-                           std::string text);
+                           std::string text, bool secret = false);
     // The text may be a password: it is wiped when the builder goes.
     ~TextElementBuilderImpl() override;
     void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
@@ -61,6 +62,7 @@ class TextElementBuilderImpl : public XMLBaseBuilder {
     std::string m_name;
     AttributeMap m_attributes;
     std::string m_text;
+    bool m_secret;
 };
 
 // An element that already exists as DOM, handed out as it is.
@@ -93,6 +95,10 @@ XMLBuilderPtr CreateTextElementBuilder(const std::string& prefix, const std::str
                                        const std::string& text);
 XMLBuilderPtr CreateTextElementBuilder(const std::string& prefix, const std::string& name,
                                        const AttributeMap& attributes, const std::string& text);
+// For a password: its text is wiped from every DOM and output buffer before they are freed.
+XMLBuilderPtr CreateSecretTextElementBuilder(const std::string& prefix, const std::string& name,
+                                             const AttributeMap& attributes,
+                                             const std::string& text);
 // The root element of the token's XML, parsed anew, to be carried verbatim in a request.
 // Parse failures pass out unchanged.
 XMLBuilderPtr CreatePreBuiltElement(const SamlToken& token);

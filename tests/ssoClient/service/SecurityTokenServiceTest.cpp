@@ -3,7 +3,6 @@
 #include <basalt/Crypto.h>
 #include <basalt/Http.h>
 #include <basalt/Ssl.h>
-#include <basalt/StringUtil.h>
 #include <gtest/gtest.h>
 #include <ssoClient/ConnectionSpec.h>
 #include <ssoClient/Description.h>
@@ -12,33 +11,19 @@
 #include <ssoClient/TokenProvider.h>
 
 #include <future>
-#include <sstream>
 
 #include "TestData.h"
 #include "internal/saml/Descriptions.h"
 #include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
 #include "support/TestCredentials.h"
+#include "support/TestGssMechanism.h"
 
 namespace {
 
 using namespace SsoClient;
 using TestSupport::Spec;
-
-// The STS's TLS and token-signing trust, and the client's holder-of-key identity.
-struct StsTrust {
-    explicit StsTrust(const std::string& tlsCa = "sts/ca.pem") {
-        Basalt::Ssl::SSLContextOptions options;
-        options.trustedCaPem = TestData::Read(tlsCa);
-        Basalt::Ssl::CreateSSLContext(options, sslContext);
-        std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
-        Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
-        Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
-    }
-    Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
-    Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
-    HolderOfKeyConfig client = TestSupport::LoadHolderOfKey("sts/client.pem", "sts/client.key");
-};
+using TestSupport::StsTrust;
 
 // The description without its times.
 std::string Described(const SamlToken& token) {
@@ -51,33 +36,14 @@ int64_t LifetimeSeconds(const SamlToken& token) {
     return (token.GetExpirationTime().GetUtcTime() - token.GetStartTime().GetUtcTime()) / 1000000;
 }
 
-// The test GSS mechanism of the STS: "HELLO <upn> [rounds]", then answers to its challenges.
-class TestGssHandler : public NegotiationHandler {
+// The STS's test GSS mechanism as a negotiation handler.
+class TestGssHandler : public NegotiationHandler, public TestSupport::TestGssMechanism {
   public:
-    TestGssHandler(std::string upn, std::string password, int rounds = 1)
-        : m_hello("HELLO " + upn + " " + std::to_string(rounds)), m_password(std::move(password)) {}
+    using TestGssMechanism::TestGssMechanism;
     std::shared_ptr<std::vector<unsigned char>> NextLeg(
         const std::vector<unsigned char>& serverLeg) override {
-        const bool first = serverLegs.empty();
-        serverLegs.emplace_back(serverLeg.begin(), serverLeg.end());
-        std::istringstream words(serverLegs.back());
-        std::string kind, round, nonce;
-        words >> kind >> round >> nonce;
-        const std::string proof = nonce + ":" + m_password;
-        const std::string leg =
-            first ? m_hello
-            : kind != "CHALLENGE"
-                ? ""  // after WELCOME there is nothing more to say
-                : "RESPONSE " + round + " " +
-                      Basalt::StringUtil::ToHex(Basalt::Crypto::Digest(
-                          Basalt::Crypto::DigestAlgorithm::Sha256, proof.data(), proof.size()));
-        return std::make_shared<std::vector<unsigned char>>(leg.begin(), leg.end());
+        return std::make_shared<std::vector<unsigned char>>(Answer(serverLeg));
     }
-    std::vector<std::string> serverLegs;  // every leg the service sent, as text
-
-  private:
-    const std::string m_hello;
-    const std::string m_password;
 };
 
 class SecurityTokenServiceTest : public ::testing::Test {
@@ -198,7 +164,8 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
 }
 
 // A service made from a caller-supplied user agent: the STS's GSS session cookie lands in the
-// agent's store, and another service on that agent sends it along.
+// agent's store, and another service on that agent sends it along. The URL is the request target
+// as it stands, a path or an absolute URL; anything else fails as the transport does.
 TEST_F(SecurityTokenServiceTest, ServicesFromOneUserAgentShareItsCookies) {
     Basalt::Ref<Basalt::Http::ConnectionSpec> spec;
     CreateSsoSSLConnectionSpec("localhost", m_sts.Port(), Trust().sslContext.Get(), "", false,
@@ -207,13 +174,18 @@ TEST_F(SecurityTokenServiceTest, ServicesFromOneUserAgentShareItsCookies) {
     Basalt::Http::CreateCookieStore("", cookies);
     SecurityTokenServiceConfigEx config;
     Basalt::Http::CreateHttpUserAgent(spec.Get(), cookies.Get(), nullptr, config.userAgent);
-    config.url = "/sts/STSService";  // a path, used as the request target as it stands
+    config.url = "/sts/STSService";
     config.tokenFactory = CreateSamlTokenFactory(Trust().resolver.Get());
     auto first = CreateSecurityTokenService(config);
     TestGssHandler handler("bob@example.test", "bob-password");
     ASSERT_TRUE(first->AcquireTokenByGSS(Spec(), handler));
     EXPECT_FALSE(cookies->GetCookieLines().empty());
+    config.url = "https://localhost:" + std::to_string(m_sts.Port()) + "/sts/STSService";
     ASSERT_TRUE(CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()));
+    config.url = "sts/STSService";
+    EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
+        [&] { CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()); },
+        "Invalid HTTP request path 'sts/STSService'"));
 }
 
 // A wrong password is refused; TLS verification is on: a server certificate from another CA is

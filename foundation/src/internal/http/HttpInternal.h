@@ -47,14 +47,23 @@ class CurlShare {
 #include <vector>
 
 #include <basalt/Http.h>
+#include <basalt/StringUtil.h>
 
 namespace Basalt {
 namespace Http {
 
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
-// What the HTTP thread needs of a request, copied when it is sent.
+// What the HTTP thread needs of a request, copied when it is sent. The body may hold a password,
+// so it is wiped when the copy goes.
 struct RequestData {
+    RequestData() = default;
+    RequestData(const RequestData&) = default;
+    RequestData(RequestData&&) = default;
+    RequestData& operator=(const RequestData&) = delete;
+    RequestData& operator=(RequestData&&) = delete;
+    ~RequestData() { StringUtil::SecureWipe(body); }
+
     HttpMethod method = HttpMethod::Get;
     std::string path;
     HeaderList headers;
