@@ -186,7 +186,17 @@ BASALT_API void CreateHttpUserAgent(ConnectionSpec* spec, CookieStore* cookies,
 struct UserAgentOptions {
     UserAgentOptions() = default;
     UserAgentOptions(const UserAgentOptions&) = default;
-    UserAgentOptions& operator=(const UserAgentOptions&) = default;
+    UserAgentOptions& operator=(const UserAgentOptions& other) {
+        if (this != &other) {
+            StringUtil::SecureWipe(proxyPassword);  // its buffer may be replaced
+            proxyUrl = other.proxyUrl;
+            proxyUser = other.proxyUser;
+            proxyPassword = other.proxyPassword;
+            noProxy = other.noProxy;
+            environmentProxy = other.environmentProxy;
+        }
+        return *this;
+    }
     ~UserAgentOptions() { StringUtil::SecureWipe(proxyPassword); }
 
     // An "http://host:port" proxy every request tunnels through (HTTP CONNECT, for plain HTTP
