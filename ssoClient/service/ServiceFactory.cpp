@@ -67,7 +67,7 @@ SessionLimits ToSessionLimits(const char* record, const ServiceLimits& limits) {
     return session;
 }
 
-// The design's transport as it is when no limits are set.
+// No limits: the client itself, whose sessions try once and wait up to 240 s.
 std::shared_ptr<Transport> Limit(const char* record, std::shared_ptr<HttpsClient> client,
                                  const boost::optional<ServiceLimits>& limits) {
     if (!limits) {

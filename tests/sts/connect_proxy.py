@@ -1,5 +1,5 @@
-"""A loopback HTTP CONNECT proxy: connect_proxy.py USER:PASSWORD. Opens tunnels to 127.0.0.1 for
-clients presenting these Basic credentials (407 otherwise); counts connections and tunnels (as
+"""A loopback HTTP CONNECT proxy: connect_proxy.py USER:PASSWORD. Opens tunnels for clients
+presenting these Basic credentials (407 otherwise); counts connections and tunnels (as
 "requests")."""
 
 import base64
@@ -23,7 +23,7 @@ def pump(source, target):
 class Handler(socketserver.StreamRequestHandler):
     def handle(self):
         self.server.counters.add("connections")
-        method, target, _ = self.rfile.readline().decode("latin-1").split(" ", 2)
+        _, target, _ = self.rfile.readline().decode("latin-1").split(" ", 2)
         headers = {name.lower(): value for name, value in (
             line.decode("latin-1").strip().split(": ", 1)
             for line in iter(self.rfile.readline, b"\r\n"))}
@@ -31,9 +31,6 @@ class Handler(socketserver.StreamRequestHandler):
         if headers.get("proxy-authorization") != self.server.auth:
             self.wfile.write(b"HTTP/1.1 407 Proxy Authentication Required\r\n"
                              b"Proxy-Authenticate: Basic realm=\"test\"\r\nContent-Length: 0\r\n\r\n")
-            return
-        if method != "CONNECT" or host != "127.0.0.1":
-            self.wfile.write(b"HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n")
             return
         upstream = socket.create_connection((host, int(port)))
         self.server.counters.add("requests")
