@@ -15,6 +15,7 @@
 #include <ssoClient/HolderOfKeyConfig.h>
 #include <ssoClient/SamlToken.h>
 #include <ssoClient/SamlTokenFactory.h>
+#include <ssoClient/ServiceOptions.h>
 #include <ssoClient/Types.h>
 
 namespace SsoClient {
@@ -105,6 +106,13 @@ struct SecurityTokenServiceConfig {
     Basalt::Ssl::SSLContext* sslContext = nullptr;
     // Keep connections alive and reuse them across calls.
     bool connectionFlag = false;
+    // Time limits and retries (see ServiceLimits); unset: 240 s per request, one try each.
+    boost::optional<ServiceLimits> limits;
+    // The proxy to connect through; unset: direct connections.
+    boost::optional<ProxyConfig> proxy;
+    // With no proxy set: take one from the http_proxy / https_proxy / no_proxy environment
+    // variables. Off by default, so that configuration comes from this record only.
+    bool environmentProxy = false;
 };
 
 // Connect through the caller's own HTTP user agent (connections, TLS and cookies are the
@@ -117,14 +125,18 @@ struct SecurityTokenServiceConfigEx {
     // Required.
     std::shared_ptr<SamlTokenFactory> tokenFactory;
     boost::optional<HolderOfKeyConfig> holderOfKey;
+    // Time limits and retries (see ServiceLimits); unset: 240 s per request, one try each. The
+    // proxy is the user agent's business.
+    boost::optional<ServiceLimits> limits;
 };
 
 // Assembles a service; the configuration is checked first, so a mistake surfaces here rather
 // than at the first call (nothing is sent either way). Throws Basalt::InvalidArgumentException
 // naming the field: an https URL without an SSL context, no tokenFactory (and, for
 // SecurityTokenServiceConfig, no keyInfoResolver to make one from), no userAgent, a
-// holderOfKey without certificate or private key, or a private key that does not match the
-// certificate. URL parse errors pass through.
+// holderOfKey without certificate or private key, a private key that does not match the
+// certificate, limits out of range, or a proxy that is no http://host:port URL. URL parse errors
+// pass through.
 SSOCLIENT_API std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
     const SecurityTokenServiceConfig& config);
 SSOCLIENT_API std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(

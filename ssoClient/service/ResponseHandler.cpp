@@ -8,6 +8,7 @@
 
 #include <utility>
 
+#include "internal/FailureNotes.h"
 #include "internal/xml/Namespaces.h"
 #include "internal/xml/XmlUtils.h"
 
@@ -112,6 +113,7 @@ void CheckFault(const Ref<ElementNode>& envelope) {
     if (Ref<ElementNode> element = FirstChild(fault.Get(), "faultstring")) {
         FirstText(*element, faultString);
     }
+    ThreadFailureNotes().faultString = faultString;
     if (name == kFailedAuthentication && faultString.rfind(kExpiredPassword, 0) == 0) {
         throw PasswordExpiredException("Authentication failed: " + faultString);
     }

@@ -6,6 +6,7 @@
 #include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
 
+#include "internal/FailureNotes.h"
 #include "internal/Logger.h"
 #include "internal/saml/Descriptions.h"
 #include "internal/service/AsyncCall.h"
@@ -50,6 +51,31 @@ class OperationTrace {
   private:
     const char* m_label;
 };
+
+// One warning line per failed operation with what its exception does not carry: where the
+// request went, the reply's status and fault, the tries. Never the request, so never a secret.
+void LogFailure(const char* label, const Basalt::Exception& error) {
+    if (GetLogger()->IsEnabled(Level::LL_Warning)) {
+        const std::string notes = ThreadFailureNotes().Describe();
+        Basalt::Service::LogInternal(GetLogger(), Level::LL_Warning,
+                                     "SecurityTokenServiceImpl::%1 failed %2",
+                                     PrintFormatter(label),
+                                     PrintFormatter("(" + Basalt::DemangledName(typeid(error)) +
+                                                    ")" + (notes.empty() ? "" : ": " + notes)));
+    }
+}
+
+// Runs an operation on this thread's failure notes, logging its failure.
+template <class Operation>
+auto Reported(const char* label, const Operation& operation) -> decltype(operation()) {
+    ThreadFailureNotes() = FailureNotes();
+    try {
+        return operation();
+    } catch (const Basalt::Exception& error) {
+        LogFailure(label, error);
+        throw;
+    }
+}
 
 }  // namespace
 
@@ -103,116 +129,132 @@ std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::IssueToken(const Soap
 
 std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::AcquireToken(
     const std::string& user, const std::string& password, const TokenSpec& spec) const {
-    OperationTrace trace("AcquireToken");
-    if (Tracing()) {
-        Trace("Requested token for subject `%1', spec `%2'", PrintFormatter(user),
-              PrintFormatter(DescribeTokenSpec(spec)));
-    }
-    auto token = IssueToken(m_requestBuilder->BuildAcquireTokenRequest(user, password, spec), true);
-    trace.End();
-    return token;
+    return Reported("AcquireToken", [&] {
+        OperationTrace trace("AcquireToken");
+        if (Tracing()) {
+            Trace("Requested token for subject `%1', spec `%2'", PrintFormatter(user),
+                  PrintFormatter(DescribeTokenSpec(spec)));
+        }
+        auto token =
+            IssueToken(m_requestBuilder->BuildAcquireTokenRequest(user, password, spec), true);
+        trace.End();
+        return token;
+    });
 }
 
 std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::AcquireTokenByCertificate(
     const TokenSpec& spec) const {
-    OperationTrace trace("AcquireTokenByCertificate");
-    if (Tracing()) {
-        Trace("Requested token with spec `%1'", PrintFormatter(DescribeTokenSpec(spec)));
-    }
-    auto token = IssueToken(m_requestBuilder->BuildAcquireTokenByCertificateRequest(spec), false);
-    trace.End();
-    return token;
+    return Reported("AcquireTokenByCertificate", [&] {
+        OperationTrace trace("AcquireTokenByCertificate");
+        if (Tracing()) {
+            Trace("Requested token with spec `%1'", PrintFormatter(DescribeTokenSpec(spec)));
+        }
+        auto token =
+            IssueToken(m_requestBuilder->BuildAcquireTokenByCertificateRequest(spec), false);
+        trace.End();
+        return token;
+    });
 }
 
 std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::AcquireTokenByToken(
     const SamlToken& presented, const TokenSpec& spec) const {
-    OperationTrace trace("AcquireTokenByToken");
-    if (Tracing()) {
-        Trace("Requested token for %1 with spec `%2'",
-              PrintFormatter(CreateSamlTokenDescription(presented)),
-              PrintFormatter(DescribeTokenSpec(spec)));
-    }
-    auto token =
-        IssueToken(m_requestBuilder->BuildAcquireTokenByTokenRequest(presented, spec), false);
-    trace.End();
-    return token;
+    return Reported("AcquireTokenByToken", [&] {
+        OperationTrace trace("AcquireTokenByToken");
+        if (Tracing()) {
+            Trace("Requested token for %1 with spec `%2'",
+                  PrintFormatter(CreateSamlTokenDescription(presented)),
+                  PrintFormatter(DescribeTokenSpec(spec)));
+        }
+        auto token =
+            IssueToken(m_requestBuilder->BuildAcquireTokenByTokenRequest(presented, spec), false);
+        trace.End();
+        return token;
+    });
 }
 
 bool SecurityTokenServiceImpl::ValidateToken(const SamlToken& token) const {
-    OperationTrace trace("ValidateSubject");
-    if (Tracing()) {
-        Trace("Validating subject of token %1", PrintFormatter(CreateSamlTokenDescription(token)));
-    }
-    Basalt::Ref<Basalt::Reader> reply =
-        Exchange(m_requestBuilder->BuildValidateTokenRequest(token));
-    bool valid = m_responseHandler->ExtractValidationResult(reply.Get());
-    if (Tracing()) {
-        Trace("Result: %1", PrintFormatter(valid));
-    }
-    trace.End();
-    return valid;
+    return Reported("ValidateSubject", [&] {
+        OperationTrace trace("ValidateSubject");
+        if (Tracing()) {
+            Trace("Validating subject of token %1",
+                  PrintFormatter(CreateSamlTokenDescription(token)));
+        }
+        Basalt::Ref<Basalt::Reader> reply =
+            Exchange(m_requestBuilder->BuildValidateTokenRequest(token));
+        bool valid = m_responseHandler->ExtractValidationResult(reply.Get());
+        if (Tracing()) {
+            Trace("Result: %1", PrintFormatter(valid));
+        }
+        trace.End();
+        return valid;
+    });
 }
 
 std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::RenewToken(const SamlToken& token,
                                                                       long seconds) const {
-    OperationTrace trace("RenewToken");
-    if (Tracing()) {
-        Trace("Renewing token %1 for %2 more seconds",
-              PrintFormatter(CreateSamlTokenDescription(token)), PrintFormatter(int64_t{seconds}));
-    }
-    Basalt::Ref<Basalt::Reader> reply =
-        Exchange(m_requestBuilder->BuildRenewTokenRequest(token, seconds));
-    std::string text;
-    m_responseHandler->ExtractRenewedToken(reply.Get(), text);
-    std::shared_ptr<const SamlToken> renewed = MakeToken(text);
-    trace.End();
-    return renewed;
+    return Reported("RenewToken", [&] {
+        OperationTrace trace("RenewToken");
+        if (Tracing()) {
+            Trace("Renewing token %1 for %2 more seconds",
+                  PrintFormatter(CreateSamlTokenDescription(token)),
+                  PrintFormatter(int64_t{seconds}));
+        }
+        Basalt::Ref<Basalt::Reader> reply =
+            Exchange(m_requestBuilder->BuildRenewTokenRequest(token, seconds));
+        std::string text;
+        m_responseHandler->ExtractRenewedToken(reply.Get(), text);
+        std::shared_ptr<const SamlToken> renewed = MakeToken(text);
+        trace.End();
+        return renewed;
+    });
 }
 
 std::shared_ptr<const SamlToken> SecurityTokenServiceImpl::AcquireTokenByGSS(
     const TokenSpec& spec, NegotiationHandler& handler) const {
-    OperationTrace trace("AcquireTokenByGSS");
-    if (Tracing()) {
-        Trace("Requested token with spec `%1'", PrintFormatter(DescribeTokenSpec(spec)));
-    }
-    std::shared_ptr<TransportSession> session = m_transport->CreateSession();
-    NegotiationState state;
-    std::vector<unsigned char> serverLeg;
-    for (;;) {
-        std::shared_ptr<std::vector<unsigned char>> leg = handler.NextLeg(serverLeg);
-        if (!leg) {
-            throw Basalt::InvalidArgumentException(
-                "Invalid NegotiationHandler: the returned leg may not be NULL");
+    return Reported("AcquireTokenByGSS", [&] {
+        OperationTrace trace("AcquireTokenByGSS");
+        if (Tracing()) {
+            Trace("Requested token with spec `%1'", PrintFormatter(DescribeTokenSpec(spec)));
         }
-        SoapRequest request =
-            state.contextId.empty()
-                ? m_requestBuilder->BuildAcquireTokenByGSSRequest(*leg, spec)
-                : m_requestBuilder->BuildContinueNegotiationRequest(state.contextId, *leg);
-        Basalt::Ref<Basalt::Reader> reply = session->SendAndWait(request);
-        m_responseHandler->ExtractNegotiationState(reply.Get(), state);
-        if (state.contextId.empty()) {
-            throw CommunicationException(
-                "Error processing the response to SPNego token request: no Context ID was "
-                "returned.");
+        std::shared_ptr<TransportSession> session = m_transport->CreateSession();
+        NegotiationState state;
+        std::vector<unsigned char> serverLeg;
+        for (;;) {
+            std::shared_ptr<std::vector<unsigned char>> leg = handler.NextLeg(serverLeg);
+            if (!leg) {
+                throw Basalt::InvalidArgumentException(
+                    "Invalid NegotiationHandler: the returned leg may not be NULL");
+            }
+            SoapRequest request =
+                state.contextId.empty()
+                    ? m_requestBuilder->BuildAcquireTokenByGSSRequest(*leg, spec)
+                    : m_requestBuilder->BuildContinueNegotiationRequest(state.contextId, *leg);
+            Basalt::Ref<Basalt::Reader> reply = session->SendAndWait(request);
+            m_responseHandler->ExtractNegotiationState(reply.Get(), state);
+            if (state.contextId.empty()) {
+                throw CommunicationException(
+                    "Error processing the response to SPNego token request: no Context ID was "
+                    "returned.");
+            }
+            serverLeg = state.serverLeg;
+            if (!state.token.empty()) {
+                break;
+            }
         }
-        serverLeg = state.serverLeg;
-        if (!state.token.empty()) {
-            break;
+        if (!serverLeg.empty()) {
+            // The handler sees the service's last leg too. The warning fires on a null or empty
+            // answer, the opposite of what it says; hosts that parse logs rely on that.
+            std::shared_ptr<std::vector<unsigned char>> last = handler.NextLeg(serverLeg);
+            if ((!last || last->empty()) && GetLogger()->IsEnabled(Level::LL_Warning)) {
+                Basalt::Service::LogInternal(
+                    GetLogger(), Level::LL_Warning,
+                    "GSS contract error: non-empty user leg after negotiation is complete");
+            }
         }
-    }
-    if (!serverLeg.empty()) {
-        // The handler sees the service's last leg too. The warning fires on a null or empty
-        // answer, the opposite of what it says; hosts that parse logs rely on that.
-        std::shared_ptr<std::vector<unsigned char>> last = handler.NextLeg(serverLeg);
-        if ((!last || last->empty()) && GetLogger()->IsEnabled(Level::LL_Warning)) {
-            Basalt::Service::LogInternal(
-                GetLogger(), Level::LL_Warning,
-                "GSS contract error: non-empty user leg after negotiation is complete");
-        }
-    }
-    std::shared_ptr<const SamlToken> token = MakeToken(state.token);
-    trace.End();
-    return token;
+        std::shared_ptr<const SamlToken> token = MakeToken(state.token);
+        trace.End();
+        return token;
+    });
 }
 
 std::shared_ptr<const SecurityTokenService> SecurityTokenServiceImpl::Copy() const {

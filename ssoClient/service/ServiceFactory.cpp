@@ -2,6 +2,7 @@
 
 #include "internal/service/SecurityTokenServiceImpl.h"
 #include "internal/transport/HttpsClient.h"
+#include "internal/transport/LimitedTransport.h"
 
 namespace SsoClient {
 
@@ -37,6 +38,61 @@ std::shared_ptr<SamlTokenFactory> RequireTokenFactory(
                                            "verify issued tokens with");
 }
 
+int64_t Micros(const char* record, const char* field, std::chrono::milliseconds duration) {
+    if (duration.count() <= 0) {
+        throw Basalt::InvalidArgumentException(std::string(record) + ".limits." + field +
+                                               " must be positive");
+    }
+    return std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
+}
+
+SessionLimits ToSessionLimits(const char* record, const ServiceLimits& limits) {
+    SessionLimits session;
+    if (limits.connectTimeout) {
+        session.connectTimeout = Micros(record, "connectTimeout", *limits.connectTimeout);
+    }
+    if (limits.deadline) {
+        session.deadline = Micros(record, "deadline", *limits.deadline);
+    }
+    if (const boost::optional<RetryPolicy>& retry = limits.retry) {
+        session.baseDelay = Micros(record, "retry.baseDelay", retry->baseDelay);
+        session.maxDelay = Micros(record, "retry.maxDelay", retry->maxDelay);
+        if (retry->maxAttempts < 1 || session.baseDelay > session.maxDelay) {
+            throw Basalt::InvalidArgumentException(
+                std::string(record) +
+                ".limits.retry needs maxAttempts of at least 1 and baseDelay up to maxDelay");
+        }
+        session.maxAttempts = retry->maxAttempts;
+    }
+    return session;
+}
+
+// No limits: the client itself, whose sessions try once and wait up to 240 s.
+std::shared_ptr<Transport> Limit(const char* record, std::shared_ptr<HttpsClient> client,
+                                 const boost::optional<ServiceLimits>& limits) {
+    if (!limits) {
+        return client;
+    }
+    return std::make_shared<LimitedTransport>(client, ToSessionLimits(record, *limits),
+                                              Basalt::System::SystemClock());
+}
+
+Basalt::Http::UserAgentOptions AgentOptions(const SecurityTokenServiceConfig& config) {
+    Basalt::Http::UserAgentOptions options;
+    options.environmentProxy = config.environmentProxy;
+    if (config.proxy) {
+        if (config.proxy->url.empty()) {
+            throw Basalt::InvalidArgumentException(
+                "SecurityTokenServiceConfig.proxy.url is not set");
+        }
+        options.proxyUrl = config.proxy->url;
+        options.proxyUser = config.proxy->user;
+        options.proxyPassword = config.proxy->password;
+        options.noProxy = config.proxy->noProxy;
+    }
+    return options;
+}
+
 }  // namespace
 
 NegotiationHandler::~NegotiationHandler() = default;
@@ -49,8 +105,11 @@ std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
     return Assemble(
         config.holderOfKey,
         [&] {
-            return std::make_shared<HttpsClient>(config.url, config.sslContext, config.sslParameter,
-                                                 kWaitTimeoutMicros, config.connectionFlag);
+            return Limit("SecurityTokenServiceConfig",
+                         std::make_shared<HttpsClient>(config.url, config.sslContext,
+                                                       config.sslParameter, kWaitTimeoutMicros,
+                                                       config.connectionFlag, AgentOptions(config)),
+                         config.limits);
         },
         tokenFactory);
 }
@@ -65,7 +124,10 @@ std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
     return Assemble(
         config.holderOfKey,
         [&] {
-            return std::make_shared<HttpsClient>(config.userAgent, config.url, kWaitTimeoutMicros);
+            return Limit(
+                "SecurityTokenServiceConfigEx",
+                std::make_shared<HttpsClient>(config.userAgent, config.url, kWaitTimeoutMicros),
+                config.limits);
         },
         tokenFactory);
 }

@@ -2,6 +2,8 @@
 
 #include <ssoClient/ConnectionSpec.h>
 
+#include "internal/FailureNotes.h"
+
 namespace SsoClient {
 
 TransportSession::~TransportSession() = default;
@@ -9,8 +11,8 @@ Transport::~Transport() = default;
 
 HttpsClient::HttpsClient(const std::string& url, Basalt::Ssl::SSLContext* sslContext,
                          const std::string& sslParameter, int64_t waitTimeout,
-                         bool reuseConnections)
-    : m_waitTimeout(waitTimeout) {
+                         bool reuseConnections, const Basalt::Http::UserAgentOptions& agentOptions)
+    : m_waitTimeout(waitTimeout), m_url(url), m_agentOptions(agentOptions) {
     bool secure = false;
     std::string host;
     int port = 0;
@@ -29,25 +31,37 @@ HttpsClient::HttpsClient(const std::string& url, Basalt::Ssl::SSLContext* sslCon
 
 HttpsClient::HttpsClient(Basalt::Ref<Basalt::Http::HttpUserAgent> presetAgent,
                          const std::string& path, int64_t waitTimeout)
-    : m_presetUserAgent(std::move(presetAgent)), m_path(path), m_waitTimeout(waitTimeout) {}
+    : m_presetUserAgent(std::move(presetAgent)),
+      m_path(path),
+      m_waitTimeout(waitTimeout),
+      m_url(path) {}
 
 std::shared_ptr<TransportSession> HttpsClient::CreateSession() const {
+    return CreateHttpsSession();
+}
+
+std::shared_ptr<HttpsSession> HttpsClient::CreateHttpsSession() const {
     Basalt::Ref<Basalt::Http::HttpUserAgent> agent = m_presetUserAgent;
     if (!agent) {
         // A cookie store per session: cookies last for the session's requests only.
         Basalt::Ref<Basalt::Http::CookieStore> cookies;
         Basalt::Http::CreateCookieStore("", cookies);
-        Basalt::Http::CreateHttpUserAgent(m_connectionSpec.Get(), cookies.Get(), nullptr, agent);
+        Basalt::Http::CreateHttpUserAgent(m_connectionSpec.Get(), cookies.Get(), nullptr,
+                                          m_agentOptions, agent);
     }
-    return std::make_shared<HttpsSession>(std::move(agent), m_path, m_waitTimeout);
+    return std::make_shared<HttpsSession>(std::move(agent), m_path, m_waitTimeout, m_url);
 }
 
 HttpsSession::HttpsSession(Basalt::Ref<Basalt::Http::HttpUserAgent> userAgent, std::string path,
-                           int64_t waitTimeout)
-    : m_userAgent(std::move(userAgent)), m_path(std::move(path)), m_waitTimeout(waitTimeout) {}
+                           int64_t waitTimeout, std::string url)
+    : m_userAgent(std::move(userAgent)),
+      m_path(std::move(path)),
+      m_waitTimeout(waitTimeout),
+      m_url(std::move(url)) {}
 
 Basalt::Ref<Basalt::Http::PendingRequestItem> HttpsSession::Start(
-    const SoapRequest& request, Basalt::Http::CompletionCallback completion) {
+    const SoapRequest& request, Basalt::Http::CompletionCallback completion, int64_t timeout,
+    int64_t connectTimeout) {
     Basalt::Ref<Basalt::Http::ClientRequest> httpRequest;
     try {
         Basalt::Http::CreateHttpRequest(Basalt::Http::HttpMethod::Post, m_path, httpRequest);
@@ -59,42 +73,62 @@ Basalt::Ref<Basalt::Http::PendingRequestItem> HttpsSession::Start(
     httpRequest->SetHeader("SOAPAction", "\"" + request.soapAction + "\"");
     httpRequest->GetBodyWriter()->Write(request.envelope.data(), request.envelope.size());
     // The same limit ends an asynchronous exchange, which has nobody waiting on it.
-    if (m_waitTimeout > 0) {
-        httpRequest->SetTimeout(m_waitTimeout);
+    if (timeout > 0) {
+        httpRequest->SetTimeout(timeout);
     }
+    httpRequest->SetConnectTimeout(connectTimeout);
     Basalt::Ref<Basalt::Http::PendingRequestItem> pending;
     m_userAgent->SendAsync(httpRequest.Get(), std::move(completion), pending);
     return pending;
 }
 
 Basalt::Ref<Basalt::Reader> HttpsSession::SendAndWait(const SoapRequest& request) {
-    Basalt::Ref<Basalt::Http::PendingRequestItem> pending = Start(request, nullptr);
-    std::shared_ptr<CommunicationException> failure;
-    Basalt::Ref<Basalt::Reader> body;
+    Attempt attempt = Try(request, m_waitTimeout, 0);
+    if (attempt.failure) {
+        attempt.failure->Throw();
+    }
+    return attempt.body;
+}
+
+Attempt HttpsSession::Try(const SoapRequest& request, int64_t timeout, int64_t connectTimeout) {
+    FailureNotes& notes = ThreadFailureNotes();
+    notes.url = m_url;
+    notes.status = 0;
+    notes.excerpt.clear();
+    Attempt attempt;
+    Basalt::Ref<Basalt::Http::PendingRequestItem> pending =
+        Start(request, nullptr, timeout, connectTimeout);
     try {
         Basalt::Ref<Basalt::Http::ClientResponse> response;
-        m_userAgent->Wait(pending.Get(), m_waitTimeout, response);
-        body = ConvertReply(nullptr, response.Get(), failure);
+        m_userAgent->Wait(pending.Get(), timeout, response);
+        attempt.body = ConvertReply(nullptr, response.Get(), attempt.failure);
+        attempt.status = notes.status = response->GetStatusCode();
+        if (attempt.failure) {
+            Basalt::Ref<Basalt::Reader> refused;
+            response->GetBodyReader(refused);
+            char start[200];
+            notes.excerpt = Excerpt(std::string(start, refused->Read(start, sizeof start)));
+        }
     } catch (const Basalt::Exception& error) {
-        body = ConvertReply(&error, nullptr, failure);
+        attempt.kind = Basalt::Http::GetFailureKind(error);
+        attempt.body = ConvertReply(&error, nullptr, attempt.failure);
     }
-    if (failure) {
-        failure->Throw();
-    }
-    return body;
+    return attempt;
 }
 
 Basalt::Ref<Basalt::Http::PendingRequestItem> HttpsSession::SendAsync(
     const SoapRequest& request, TransportCompletion completion) {
     // The completion outlives the session if need be: it holds nothing of it.
-    return Start(request,
-                 [completion = std::move(completion)](const Basalt::Exception* error,
-                                                      Basalt::Http::ClientResponse* response,
-                                                      Basalt::Http::PendingRequestItem*) {
-                     std::shared_ptr<CommunicationException> failure;
-                     Basalt::Ref<Basalt::Reader> body = ConvertReply(error, response, failure);
-                     completion(failure.get(), body.Get());
-                 });
+    return Start(
+        request,
+        [completion = std::move(completion)](const Basalt::Exception* error,
+                                             Basalt::Http::ClientResponse* response,
+                                             Basalt::Http::PendingRequestItem*) {
+            std::shared_ptr<CommunicationException> failure;
+            Basalt::Ref<Basalt::Reader> body = ConvertReply(error, response, failure);
+            completion(failure.get(), body.Get());
+        },
+        m_waitTimeout, 0);
 }
 
 Basalt::Ref<Basalt::Reader> ConvertReply(const Basalt::Exception* error,

@@ -249,9 +249,9 @@ TEST(HttpFailures, NameTheCauseAndThePeer) {
     Ref<Http::ClientRequest> request = MakeRequest("/_fault/hang", "x");
     request->SetTimeout(200 * 1000);
     Ref<Http::ClientResponse> response;
-    EXPECT_TRUE(
-        Throws<Exception>([&] { MakeAgent(server.Port())->Send(request.Get(), -1, response); },
-                          "Timed out waiting for " + server.Url("/_fault/hang") + ": ", true));
+    EXPECT_TRUE(Throws<Http::TransferException>(
+        [&] { MakeAgent(server.Port())->Send(request.Get(), -1, response); },
+        "Timed out waiting for " + server.Url("/_fault/hang") + ": ", true));
 }
 
 TEST(HttpFailures, WaitTimesOutOnASilentServerAndCancels) {
@@ -266,7 +266,7 @@ TEST(HttpFailures, WaitTimesOutOnASilentServerAndCancels) {
         },
         pending);
     Ref<Http::ClientResponse> response;
-    EXPECT_TRUE(Throws<Exception>(
+    EXPECT_TRUE(Throws<Http::TransferException>(
         [&] { agent->Wait(pending.Get(), 200 * 1000, response); },
         "Timed out after 200 ms waiting for the reply from " + silent.Url("/echo")));
     // The timed-out request is stopped, and its completion still runs exactly once.

@@ -70,6 +70,7 @@ struct Case {
     const char* name;
     bool holderOfKey;  // the request is signed, so xmlsec works on the document
     bool async;        // the password waits in a queued call
+    bool proxied;      // through a proxy whose password is the same
 };
 
 TEST(SecretWipingTest, NoFreedBlockHoldsThePassword) {
@@ -77,13 +78,18 @@ TEST(SecretWipingTest, NoFreedBlockHoldsThePassword) {
     static const TestSupport::StsTrust trust;
     static const std::string password = kPassword;  // the caller's own copy, not scanned
     TestSts::WsTrustSts sts;
+    TestSts::TestServer proxy({"proxyuser:" + password}, "connect_proxy.py");
     TokenSpec spec;
     spec.tokenLifetimeSec = 600;
-    for (const Case& c : {Case{"unsigned", false, false}, Case{"signed", true, false},
-                          Case{"async", false, true}}) {
+    for (const Case& c : {Case{"unsigned", false, false, false}, Case{"signed", true, false, false},
+                          Case{"async", false, true, false}, Case{"proxied", false, false, true}}) {
         SecurityTokenServiceConfig config = TestSupport::LoopbackStsConfig(sts.Url());
         if (c.holderOfKey) {
             config.holderOfKey = trust.client;
+        }
+        if (c.proxied) {
+            config.proxy = ProxyConfig("http://127.0.0.1:" + std::to_string(proxy.Port()),
+                                       "proxyuser", password, "");
         }
         auto service = CreateSecurityTokenService(config);
         g_leaks = 0;

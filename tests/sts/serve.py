@@ -22,9 +22,22 @@ def status(request):
                     request.query.get("body", "status %d\n" % code))
 
 
+FLAKY = {}  # query -> requests seen
+
+
+def flaky(request):
+    # The first <fail> requests with this query get <code>, later ones status 200 and <body>.
+    key = tuple(sorted(request.query.items()))
+    FLAKY[key] = FLAKY.get(key, 0) + 1
+    failing = FLAKY[key] <= int(request.query["fail"])
+    return Response(int(request.query["code"]) if failing else 200,
+                    body="try later\n" if failing else request.query.get("body", ""))
+
+
 ROUTES = {
     "/echo": echo,
     "/status": status,  # ?code=&reason=&body=
+    "/flaky": flaky,  # ?fail=&code=&body=
     "/cookies/set": lambda r: Response(headers=[(
         "Set-Cookie", "%s=%s; Path=/" % (r.query["name"], r.query["value"]))], body="set\n"),
     "/cookies/show": lambda r: Response(body=r.headers.get("Cookie", "")),

@@ -84,5 +84,8 @@ class BASALT_API Clock {
 // The wall clock (GetUtcDateTime); one instance for the life of the process.
 BASALT_API const Clock& SystemClock();
 
+// A duration for messages: whole seconds as "5 s", anything else as "1500 ms" (rounded up).
+BASALT_API std::string DescribeDuration(int64_t microseconds);
+
 }  // namespace System
 }  // namespace Basalt

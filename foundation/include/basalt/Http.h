@@ -11,6 +11,7 @@
 #include <basalt/IO.h>
 #include <basalt/Object.h>
 #include <basalt/Ssl.h>
+#include <basalt/StringUtil.h>
 
 namespace Basalt {
 namespace Http {
@@ -105,6 +106,9 @@ class BASALT_API ClientRequest : public virtual Object {
     virtual Writer* GetBodyWriter() = 0;
     // Limit on the whole exchange, in microseconds; 0 (the default) means none.
     virtual void SetTimeout(int64_t microseconds) = 0;
+    // Limit on setting up the connection (TCP, then TLS), in microseconds; 0 (the default) leaves
+    // libcurl's 300 s. Running out fails the request with FailureKind::ConnectTimeout.
+    virtual void SetConnectTimeout(int64_t microseconds) = 0;
 
   protected:
     ~ClientRequest() override;
@@ -177,6 +181,61 @@ class BASALT_API HttpUserAgent : public virtual Object {
 // null pool uses the process-wide pool for reusable plain connections.
 BASALT_API void CreateHttpUserAgent(ConnectionSpec* spec, CookieStore* cookies,
                                     HttpConnectionPool* pool, Ref<HttpUserAgent>& agent);
+
+// How a user agent reaches its endpoint beyond the ConnectionSpec. The defaults connect directly.
+struct UserAgentOptions {
+    UserAgentOptions() = default;
+    UserAgentOptions(const UserAgentOptions&) = default;
+    UserAgentOptions& operator=(const UserAgentOptions& other) {
+        if (this != &other) {
+            StringUtil::SecureWipe(proxyPassword);  // its buffer may be replaced
+            proxyUrl = other.proxyUrl;
+            proxyUser = other.proxyUser;
+            proxyPassword = other.proxyPassword;
+            noProxy = other.noProxy;
+            environmentProxy = other.environmentProxy;
+        }
+        return *this;
+    }
+    ~UserAgentOptions() { StringUtil::SecureWipe(proxyPassword); }
+
+    // An "http://host:port" proxy every request tunnels through (HTTP CONNECT, for plain HTTP
+    // too); empty: none.
+    std::string proxyUrl;
+    // Basic credentials for the proxy; none when proxyUser is empty. The password is wiped from
+    // every copy the foundation makes.
+    std::string proxyUser;
+    std::string proxyPassword;
+    // Comma-separated hosts reached directly, a leading dot or none matching subdomains too, "*"
+    // every host.
+    std::string noProxy;
+    // With no proxyUrl: take the proxy from the http_proxy / https_proxy / no_proxy environment
+    // variables. Off by default: configuration comes from the caller only.
+    bool environmentProxy = false;
+};
+
+// As above, with options. Throws InvalidArgumentException for a proxyUrl that is not an http URL
+// of host and port.
+BASALT_API void CreateHttpUserAgent(ConnectionSpec* spec, CookieStore* cookies,
+                                    HttpConnectionPool* pool, const UserAgentOptions& options,
+                                    Ref<HttpUserAgent>& agent);
+
+// Why a request failed, for callers that decide whether another try is safe.
+enum class FailureKind : long {
+    Other = 0,             // anything else, including failures after the reply began
+    Refused = 1,           // no connection: refused or unreachable; nothing was sent
+    ConnectTimeout = 2,    // SetConnectTimeout ran out; nothing was sent
+    TlsInterrupted = 3,    // the TLS handshake broke off without an alert or failed verification
+    ResetBeforeReply = 4,  // the connection closed or reset before any byte of a reply
+    TimedOut = 5,          // SetTimeout or the wait ran out
+};
+
+// How a request fails (Wait rethrows it; a completion receives it); its error code is the
+// FailureKind.
+BASALT_DECLARE_EXCEPTION(BASALT_API, TransferException, Exception);
+
+// The kind of a TransferException; Other for any other exception.
+BASALT_API FailureKind GetFailureKind(const Exception& error);
 
 // Largest response body accepted; a longer reply fails the request.
 constexpr size_t kMaxResponseBodySize = 64u * 1024 * 1024;

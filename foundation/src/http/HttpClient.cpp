@@ -12,6 +12,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include <basalt/DateTime.h>
 #include <basalt/Net.h>
 #include "internal/crypto/CryptoInternal.h"
 #include "internal/http/HttpInternal.h"
@@ -25,6 +26,16 @@ namespace Http {
 namespace {
 
 thread_local bool t_onHttpThread = false;
+
+// libcurl makes an SSL_CTX per connection; this slot of it names the transfer.
+int TransferIndex() {
+    static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    return index;
+}
+
+long Millis(int64_t microseconds) {
+    return static_cast<long>(std::max<int64_t>(1, (microseconds + 999) / 1000));
+}
 
 std::string BracketIfIpv6(const std::string& host) {
     return host.find(':') != std::string::npos ? "[" + host + "]" : host;
@@ -58,9 +69,30 @@ struct Endpoint {
     std::string baseUrl;    // scheme://name:port
     std::string connectTo;  // libcurl CONNECT_TO entry when the TLS name is not the host
     std::string peer;       // how messages name the server
+    std::string hostPort;   // host:port, for the connect timeout's message
+    UserAgentOptions options;
 };
 
-Endpoint MakeEndpoint(ConnectionSpec* spec) {
+// An http proxy given as scheme, host and port only: credentials have their own fields, and a
+// path would mean nothing.
+void CheckProxyUrl(const std::string& url) {
+    bool secure = false;
+    std::string host;
+    int port = 0;
+    std::string path;
+    try {
+        ParseHttpURL(url, secure, host, port, path);
+    } catch (const Exception& error) {
+        throw InvalidArgumentException(std::string("CreateHttpUserAgent: invalid proxy URL: ") +
+                                       error.what());
+    }
+    if (secure || path != "/") {
+        throw InvalidArgumentException(
+            "CreateHttpUserAgent: the proxy URL must be http://host:port");
+    }
+}
+
+Endpoint MakeEndpoint(ConnectionSpec* spec, const UserAgentOptions& options) {
     if (!spec) {
         throw InvalidArgumentException("CreateHttpUserAgent: a connection spec is required");
     }
@@ -94,6 +126,11 @@ Endpoint MakeEndpoint(ConnectionSpec* spec) {
     const std::string urlHost = BracketIfIpv6(serverName.empty() ? host : serverName);
     endpoint.baseUrl = scheme + urlHost + portText;
     endpoint.peer = scheme + BracketIfIpv6(host) + portText;
+    endpoint.hostPort = BracketIfIpv6(host) + portText;
+    if (!options.proxyUrl.empty()) {
+        CheckProxyUrl(options.proxyUrl);
+    }
+    endpoint.options = options;
     if (!serverName.empty()) {
         endpoint.connectTo = urlHost + portText + ":" + BracketIfIpv6(host) + portText;
         endpoint.peer += " (TLS name " + serverName + ")";
@@ -133,7 +170,9 @@ class Transfer final : public ObjectImpl, public PendingRequestItem {
     void SetupHeaders();
     void SetupCookies();
     void SetupConnection();
+    void SetupProxy(const UserAgentOptions& options);
     void SetupTls();
+    FailureKind Classify(CURLcode code) const;
     void SaveCookies();
     std::string ErrorText(CURLcode code) const;
     void CleanupEasy();
@@ -142,6 +181,7 @@ class Transfer final : public ObjectImpl, public PendingRequestItem {
     static size_t OnBody(char* data, size_t size, size_t count, void* self);
     static CURLcode OnSslContext(CURL*, void* sslContext, void* self);
     static int OnVerifyChain(X509_STORE_CTX* store, void* self);
+    static void OnTlsInfo(const SSL* ssl, int where, int value);
 
     const Ref<UserAgentImpl> m_agent;
     const RequestData m_request;
@@ -160,6 +200,7 @@ class Transfer final : public ObjectImpl, public PendingRequestItem {
     bool m_undefinedInterim = false;
     std::string m_tlsSetupError;
     std::string m_handshakeError;
+    bool m_tlsAlert = false;  // the peer refused the handshake with an alert
 
     mutable std::mutex m_mutex;
     mutable std::condition_variable m_doneSignal;
@@ -170,8 +211,9 @@ class Transfer final : public ObjectImpl, public PendingRequestItem {
 
 class UserAgentImpl final : public ObjectImpl, public HttpUserAgent {
   public:
-    UserAgentImpl(ConnectionSpec* spec, CookieStore* cookies, HttpConnectionPool* pool)
-        : m_endpoint(MakeEndpoint(spec)), m_cookies(cookies), m_pool(pool) {
+    UserAgentImpl(ConnectionSpec* spec, CookieStore* cookies, HttpConnectionPool* pool,
+                  const UserAgentOptions& options)
+        : m_endpoint(MakeEndpoint(spec, options)), m_cookies(cookies), m_pool(pool) {
         if (!m_cookies) {
             CreateCookieStore("", m_cookies);
         }
@@ -455,16 +497,16 @@ CURL* Transfer::Setup() {
     SetOption(CURLOPT_NOSIGNAL, 1L);
     SetOption(CURLOPT_PROTOCOLS_STR, "http,https");
     SetOption(CURLOPT_FOLLOWLOCATION, 0L);
-    // Configuration comes from the caller only: no proxy taken from the environment.
-    SetOption(CURLOPT_PROXY, "");
     SetOption(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     SetOption(CURLOPT_HEADERFUNCTION, &Transfer::OnHeader);
     SetOption(CURLOPT_HEADERDATA, static_cast<void*>(this));
     SetOption(CURLOPT_WRITEFUNCTION, &Transfer::OnBody);
     SetOption(CURLOPT_WRITEDATA, static_cast<void*>(this));
     if (m_request.timeoutMicroseconds > 0) {
-        SetOption(CURLOPT_TIMEOUT_MS, static_cast<long>(std::max<int64_t>(
-                                          1, (m_request.timeoutMicroseconds + 999) / 1000)));
+        SetOption(CURLOPT_TIMEOUT_MS, Millis(m_request.timeoutMicroseconds));
+    }
+    if (m_request.connectTimeoutMicroseconds > 0) {
+        SetOption(CURLOPT_CONNECTTIMEOUT_MS, Millis(m_request.connectTimeoutMicroseconds));
     }
     SetupMethodAndBody();
     SetupHeaders();
@@ -521,11 +563,31 @@ void Transfer::SetupCookies() {
 
 void Transfer::SetupConnection() {
     const Endpoint& endpoint = m_agent->GetEndpoint();
+    SetupProxy(endpoint.options);
     if (!endpoint.connectTo.empty()) {
         Append(m_connectTo, endpoint.connectTo.c_str());
         SetOption(CURLOPT_CONNECT_TO, m_connectTo.get());
     }
     SetOption(CURLOPT_SHARE, m_agent->GetShare());
+}
+
+void Transfer::SetupProxy(const UserAgentOptions& options) {
+    if (options.proxyUrl.empty()) {
+        // Configuration comes from the caller only: the environment's proxy on request alone.
+        if (!options.environmentProxy) {
+            SetOption(CURLOPT_PROXY, "");
+        }
+        return;
+    }
+    SetOption(CURLOPT_PROXY, options.proxyUrl.c_str());
+    // A tunnel for plain HTTP too: the proxy never sees a request, nor its password.
+    SetOption(CURLOPT_HTTPPROXYTUNNEL, 1L);
+    SetOption(CURLOPT_NOPROXY, options.noProxy.c_str());
+    if (!options.proxyUser.empty()) {
+        SetOption(CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_BASIC));
+        SetOption(CURLOPT_PROXYUSERNAME, options.proxyUser.c_str());
+        SetOption(CURLOPT_PROXYPASSWORD, options.proxyPassword.c_str());
+    }
 }
 
 void Transfer::SetupTls() {
@@ -564,7 +626,20 @@ CURLcode Transfer::OnSslContext(CURL*, void* sslContext, void* self) {
     if (endpoint.custom && endpoint.context->GetOptions().verifyPeer) {
         SSL_CTX_set_cert_verify_callback(ctx, &Transfer::OnVerifyChain, transfer);
     }
+    SSL_CTX_set_ex_data(ctx, TransferIndex(), transfer);
+    SSL_CTX_set_info_callback(ctx, &Transfer::OnTlsInfo);
     return CURLE_OK;
+}
+
+void Transfer::OnTlsInfo(const SSL* ssl, int where, int) {
+    SSL_CTX* ctx = SSL_get_SSL_CTX(ssl);
+    auto* transfer = static_cast<Transfer*>(SSL_CTX_get_ex_data(ctx, TransferIndex()));
+    if (where & SSL_CB_HANDSHAKE_DONE) {
+        // A kept-alive connection outlives its first transfer.
+        SSL_CTX_set_ex_data(ctx, TransferIndex(), nullptr);
+    } else if ((where & SSL_CB_READ_ALERT) && transfer) {
+        transfer->m_tlsAlert = true;
+    }
 }
 
 int Transfer::OnVerifyChain(X509_STORE_CTX* store, void* self) {
@@ -682,6 +757,11 @@ std::string Transfer::ErrorText(CURLcode code) const {
         return "TLS handshake rejected by the connection spec for " + peer + ": " +
                m_handshakeError;
     }
+    if (Classify(code) == FailureKind::ConnectTimeout) {
+        return "connect timeout of " +
+               System::DescribeDuration(m_request.connectTimeoutMicroseconds) +
+               " exceeded connecting to " + m_agent->GetEndpoint().hostPort;
+    }
     const char* cause = "HTTP transfer failed with ";
     for (const Cause& candidate : kCauses) {
         if (candidate.code == code) {
@@ -690,6 +770,34 @@ std::string Transfer::ErrorText(CURLcode code) const {
     }
     const std::string detail = m_errorBuffer[0] ? m_errorBuffer : curl_easy_strerror(code);
     return cause + peer + ": " + detail;
+}
+
+FailureKind Transfer::Classify(CURLcode code) const {
+    curl_off_t connected = 0;
+    const bool tls = m_agent->GetEndpoint().context.Get() != nullptr;
+    curl_easy_getinfo(m_easy.get(), tls ? CURLINFO_APPCONNECT_TIME_T : CURLINFO_CONNECT_TIME_T,
+                      &connected);
+    switch (code) {
+        case CURLE_COULDNT_CONNECT:
+            return FailureKind::Refused;
+        case CURLE_OPERATION_TIMEDOUT:
+            // Whichever limit is shorter ends the connection phase.
+            return connected == 0 && m_request.connectTimeoutMicroseconds > 0 &&
+                           (m_request.timeoutMicroseconds == 0 ||
+                            m_request.connectTimeoutMicroseconds <= m_request.timeoutMicroseconds)
+                       ? FailureKind::ConnectTimeout
+                       : FailureKind::TimedOut;
+        case CURLE_SSL_CONNECT_ERROR:
+            return m_tlsAlert || !m_tlsSetupError.empty() || !m_handshakeError.empty()
+                       ? FailureKind::Other
+                       : FailureKind::TlsInterrupted;
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+        case CURLE_GOT_NOTHING:
+            return m_status == 0 ? FailureKind::ResetBeforeReply : FailureKind::Other;
+        default:
+            return FailureKind::Other;
+    }
 }
 
 void Transfer::Finish(CURLcode code) {
@@ -704,8 +812,8 @@ void Transfer::Finish(CURLcode code) {
         CreateClientResponse(static_cast<int>(status), std::move(m_reason), std::move(m_headers),
                              std::move(m_body), response);
     } else {
-        error = std::make_unique<Exception>(ErrorText(code));
-        error->SetErrorCode(code);
+        error = std::make_unique<TransferException>(ErrorText(code));
+        error->SetErrorCode(static_cast<long>(Classify(code)));
     }
     CleanupEasy();
     Complete(std::move(error), std::move(response));
@@ -762,8 +870,10 @@ void UserAgentImpl::Wait(PendingRequestItem* pending, int64_t timeout,
     }
     if (!transfer->WaitFor(timeout)) {
         transfer->Cancel();
-        throw Exception("Timed out after " + std::to_string(timeout / 1000) +
-                        " ms waiting for the reply from " + transfer->ToString());
+        TransferException timedOut("Timed out after " + std::to_string(timeout / 1000) +
+                                   " ms waiting for the reply from " + transfer->ToString());
+        timedOut.SetErrorCode(static_cast<long>(FailureKind::TimedOut));
+        throw timedOut;
     }
     transfer->TakeOutcome(response);
 }
@@ -778,7 +888,18 @@ void HttpUserAgent::Send(ClientRequest* request, int64_t timeout, Ref<ClientResp
 
 void CreateHttpUserAgent(ConnectionSpec* spec, CookieStore* cookies, HttpConnectionPool* pool,
                          Ref<HttpUserAgent>& agent) {
-    agent = new UserAgentImpl(spec, cookies, pool);
+    CreateHttpUserAgent(spec, cookies, pool, UserAgentOptions(), agent);
+}
+
+void CreateHttpUserAgent(ConnectionSpec* spec, CookieStore* cookies, HttpConnectionPool* pool,
+                         const UserAgentOptions& options, Ref<HttpUserAgent>& agent) {
+    agent = new UserAgentImpl(spec, cookies, pool, options);
+}
+
+FailureKind GetFailureKind(const Exception& error) {
+    return dynamic_cast<const TransferException*>(&error)
+               ? static_cast<FailureKind>(error.GetErrorCode())
+               : FailureKind::Other;
 }
 
 }  // namespace Http

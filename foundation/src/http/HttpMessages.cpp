@@ -25,6 +25,7 @@ ClientRequest::~ClientRequest() = default;
 ClientResponse::~ClientResponse() = default;
 PendingRequestItem::~PendingRequestItem() = default;
 HttpUserAgent::~HttpUserAgent() = default;
+BASALT_DEFINE_EXCEPTION(TransferException, Exception)
 
 namespace {
 
@@ -192,6 +193,12 @@ class ClientRequestImpl final : public ObjectImpl, public ClientRequest {
             throw InvalidArgumentException("ClientRequest::SetTimeout: negative timeout");
         }
         m_data.timeoutMicroseconds = microseconds;
+    }
+    void SetConnectTimeout(int64_t microseconds) override {
+        if (microseconds < 0) {
+            throw InvalidArgumentException("ClientRequest::SetConnectTimeout: negative timeout");
+        }
+        m_data.connectTimeoutMicroseconds = microseconds;
     }
     std::string ToString() const override { return "ClientRequest(" + m_data.path + ")"; }
 

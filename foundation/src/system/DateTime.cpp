@@ -204,6 +204,13 @@ class WallClock final : public Clock {
 };
 }  // namespace
 
+std::string DescribeDuration(int64_t microseconds) {
+    if (microseconds % 1000000 == 0) {
+        return std::to_string(microseconds / 1000000) + " s";
+    }
+    return std::to_string((microseconds + 999) / 1000) + " ms";
+}
+
 const Clock& SystemClock() {
     static const Immortal<WallClock> clock;  // read by work that may run during exit
     return *clock;

@@ -14,6 +14,8 @@
 
 #include "TestData.h"
 #include "internal/saml/Descriptions.h"
+#include "internal/service/SecurityTokenServiceImpl.h"
+#include "internal/transport/LimitedTransport.h"
 #include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
 #include "support/TestCredentials.h"
@@ -161,6 +163,30 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
     EXPECT_EQ(handler.serverLegs[0], "");
     EXPECT_EQ(handler.serverLegs[3], "WELCOME alice@example.test");
     EXPECT_EQ(m_sts.Stats()["requests"], 3);
+}
+
+// One deadline over all legs of a negotiation: a clock two seconds later at each reading (when the
+// session opens, then before each leg) leaves no time for a third leg within five seconds.
+TEST_F(SecurityTokenServiceTest, GssNegotiationHasOneDeadlineOverAllLegs) {
+    struct SteppingClock : Basalt::System::Clock {
+        Basalt::System::DateTime Now() const override {
+            return Basalt::System::DateTimeFromUtc(readings++ * 2000000, false);
+        }
+        mutable long readings = 0;
+    } clock;
+    SessionLimits limits;
+    limits.deadline = 5000000;
+    auto client =
+        std::make_shared<HttpsClient>(m_sts.Url(), Trust().sslContext.Get(), "", 240000000, false);
+    SecurityTokenServiceImpl service(std::make_shared<RequestBuilderImpl>(boost::none),
+                                     std::make_shared<LimitedTransport>(client, limits, clock),
+                                     std::make_shared<ResponseHandlerImpl>(),
+                                     CreateSamlTokenFactory(Trust().resolver.Get()));
+    TestGssHandler handler("alice@example.test", "alice-password", 3);
+    EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
+        [&] { service.AcquireTokenByGSS(Spec(), handler); },
+        "deadline of 5 s exceeded after 2 legs"));
+    EXPECT_EQ(m_sts.Stats()["requests"], 2);
 }
 
 // A service made from a caller-supplied user agent: the STS's GSS session cookie lands in the

@@ -15,6 +15,7 @@
 #include "internal/service/SecurityTokenServiceImpl.h"
 #include "support/ExpectThrow.h"
 #include "support/FakeTransport.h"
+#include "support/LogCapture.h"
 #include "support/SamlAssertionGenerator.h"
 #include "support/TestCredentials.h"
 
@@ -81,35 +82,6 @@ class ScriptedHandler : public NegotiationHandler {
 
   private:
     std::vector<const char*> m_answers;
-};
-
-// Captures the "SsoClient" logger's lines as "<level> <message>", the logger at level meanwhile.
-class LogCapture {
-  public:
-    explicit LogCapture(int level) : m_previous(Logger()->GetLevel()) {
-        Logger()->SetLevel(level);
-        Basalt::Service::SetLogSink(
-            [this](const Level& logger, int lineLevel, std::string_view line) {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                if (&logger == Logger()) {
-                    m_lines.push_back(std::to_string(lineLevel) + " " + std::string(line));
-                }
-            });
-    }
-    ~LogCapture() {
-        Basalt::Service::SetLogSink({});
-        Logger()->SetLevel(m_previous);
-    }
-    std::vector<std::string> Take() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return std::exchange(m_lines, {});
-    }
-
-  private:
-    static Level* Logger() { return Basalt::Service::FindLogger("SsoClient"); }
-    const int m_previous;
-    std::mutex m_mutex;
-    std::vector<std::string> m_lines;
 };
 
 std::string Describe(const std::shared_ptr<const SamlToken>& token) {
@@ -379,8 +351,12 @@ TEST_F(ServiceLogicTest, GssNegotiationsAndTheirContractViolations) {
             negotiate();
         }
         EXPECT_EQ(handler.seen, c.seen) << c.message;
-        const bool warns = !c.check && !c.message.empty();
-        EXPECT_EQ(log.Take(), warns ? std::vector{c.message} : std::vector<std::string>());
+        const std::string failure =
+            std::string("4 SecurityTokenServiceImpl::AcquireTokenByGSS failed (") +
+            (c.check == invalid ? "Basalt::InvalidArgumentException)"
+                                : "SsoClient::CommunicationException)");
+        const std::string line = c.check ? failure : c.message;
+        EXPECT_EQ(log.Take(), line.empty() ? std::vector<std::string>() : std::vector{line});
         // One session; each leg carries the handler's answer and the last reply's context.
         EXPECT_EQ(m_transport->Sessions(), 1);
         const std::vector<SoapRequest> requests = m_transport->Requests();
@@ -428,12 +404,15 @@ TEST_F(ServiceLogicTest, TraceLinesOnlyWhenTheLevelAdmitsThem) {
                   "7 SecurityTokenServiceImpl::AcquireToken processing response",
                   "5 Successfully acquired token: " + CreateSamlTokenDescription(*issued),
                   "7 END operation SecurityTokenServiceImpl::AcquireToken"}));
-    // A failed operation writes no END line.
+    // A failed operation writes no END line, but its failure.
     EXPECT_THROW(Service(Unavailable)->AcquireToken("alice", "secret", Spec()),
                  CommunicationException);
     const std::vector<std::string> lines = log.Take();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines.back(), "7 SecurityTokenServiceImpl::AcquireToken sending request");
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[2], "7 SecurityTokenServiceImpl::AcquireToken sending request");
+    EXPECT_EQ(
+        lines[3],
+        "4 SecurityTokenServiceImpl::AcquireToken failed (SsoClient::CommunicationException)");
 }
 
 }  // namespace

@@ -69,6 +69,7 @@ struct RequestData {
     HeaderList headers;
     std::string body;
     int64_t timeoutMicroseconds = 0;
+    int64_t connectTimeoutMicroseconds = 0;
 };
 
 // Copies a request made by CreateHttpRequest; throws InvalidArgumentException for others.
