@@ -477,18 +477,17 @@ std::vector<AttributeRecord> ReadAttributeStatement(const Ref<Node>& node) {
 }
 
 void ReadSignature(const Ref<ElementNode>& assertion, const Ref<Node>& node,
-                   ParsedAssertion& parsed) {
+                   Ref<Basalt::Xml::Security::Signature>& signature) {
     const Ref<ElementNode> element = AsElement(node);
     if (!element) {
         Fail("Expected element ds:Signature not found");
     }
     try {
-        Basalt::Xml::Security::CreateSignatureFromDom(assertion.Get(), element.Get(),
-                                                      parsed.signature);
+        Basalt::Xml::Security::CreateSignatureFromDom(assertion.Get(), element.Get(), signature);
     } catch (const Basalt::Xml::Security::SignatureSyntaxException& e) {
         Fail(std::string("Signature syntax error: ") + e.what());
     }
-    CheckSignatureCoverage(*assertion, *parsed.signature);
+    CheckSignatureCoverage(*assertion, *signature);
 }
 
 }  // namespace
@@ -504,7 +503,7 @@ void WalkAssertion(const Ref<ElementNode>& assertion, ParsedAssertion& parsed) {
     ChildCursor cursor(*element);
     parsed.issuer = ReadNameId(*ExpectElement(cursor.Current(), "Issuer", Xmlns::kSamlAssertion));
     cursor.Advance();
-    ReadSignature(element, cursor.Current(), parsed);
+    ReadSignature(element, cursor.Current(), parsed.signature);
     cursor.Advance();
     ReadSubject(cursor.Current(), parsed.subject);
     cursor.Advance();
@@ -521,6 +520,13 @@ void WalkAssertion(const Ref<ElementNode>& assertion, ParsedAssertion& parsed) {
         cursor.Advance();
     }
     ExpectNoMoreChildren(cursor, "Unexpected elements under Assertion");
+}
+
+void ReadAssertionSignature(const Ref<ElementNode>& assertion,
+                            Ref<Basalt::Xml::Security::Signature>& signature) {
+    ChildCursor cursor(*assertion);
+    cursor.Advance();  // past the Issuer
+    ReadSignature(assertion, cursor.Current(), signature);
 }
 
 }  // namespace Saml
