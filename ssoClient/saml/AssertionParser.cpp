@@ -85,19 +85,18 @@ Ref<ElementNode> AsElement(const Ref<Node>& node) {
 Ref<ElementNode> ExpectElement(const Ref<Node>& node, std::string_view localName,
                                std::string_view ns) {
     Ref<ElementNode> element = AsElement(node);
+    if (element && element->HasName(ns, localName)) {
+        return element;
+    }
     if (!element || element->GetLocalName() != localName) {
         Fail("Expected element '" + std::string(localName) + "' not found.");
     }
-    if (element->GetNamespaceUri() != ns) {
-        Fail("Element '" + NameOf(*element) + "' has unexpected namespace");
-    }
-    return element;
+    Fail("Element '" + NameOf(*element) + "' has unexpected namespace");
 }
 
 bool IsElement(const Ref<Node>& node, std::string_view localName) {
     const Ref<ElementNode> element = AsElement(node);
-    return element && element->GetLocalName() == localName &&
-           element->GetNamespaceUri() == Xmlns::kSamlAssertion;
+    return element && element->HasName(Xmlns::kSamlAssertion, localName);
 }
 
 bool IsNamespaceDeclaration(const Basalt::Xml::Attribute& attribute) {
