@@ -156,14 +156,13 @@ class PrivateKeyImpl final : public ObjectImpl, public PrivateKey {
 using Sha256 = std::array<unsigned char, 32>;
 
 // SHA-256 with an implementation fetched once: the implicit fetch behind EVP_sha256() takes a
-// lock shared by every thread.
-Sha256 Sha256Of(const unsigned char* data, size_t size) {
+// lock shared by every thread. False if the digest is not available.
+bool Sha256Of(const unsigned char* data, size_t size, Sha256& digest) {
     static const Immortal<UniquePtr<EVP_MD>> sha256(EVP_MD_fetch(nullptr, "SHA256", nullptr));
-    Sha256 digest{};
-    if (!*sha256 || EVP_Digest(data, size, digest.data(), nullptr, sha256->get(), nullptr) != 1) {
-        throw Exception(TakeOpenSslErrors("Digest failed"));
-    }
-    return digest;
+    const bool done =
+        *sha256 && EVP_Digest(data, size, digest.data(), nullptr, sha256->get(), nullptr) == 1;
+    ERR_clear_error();
+    return done;
 }
 
 // Decoded certificates by the SHA-256 of their DER. Decoding costs more than a signature check
@@ -302,9 +301,10 @@ void CreateCertificate(const unsigned char* der, size_t size, Ref<Certificate>& 
     if (der == nullptr || size == 0 || size > LONG_MAX) {
         throw InvalidArgumentException("Invalid certificate: no DER data");
     }
-    const Sha256 digest = Sha256Of(der, size);
+    Sha256 digest{};
+    const bool cacheable = Sha256Of(der, size, digest);  // else decoded on every call, as before
     CertificateCache& cache = DecodedCertificates();
-    if (Ref<Certificate> known = cache.Find(digest)) {
+    if (Ref<Certificate> known = cacheable ? cache.Find(digest) : nullptr) {
         certificate = std::move(known);
         return;
     }
@@ -318,7 +318,9 @@ void CreateCertificate(const unsigned char* der, size_t size, Ref<Certificate>& 
             "Invalid DER certificate: trailing data after the certificate");
     }
     Ref<Certificate> decoded(new CertificateImpl(std::move(x509), {der, der + size}));
-    cache.Add(digest, decoded);
+    if (cacheable) {
+        cache.Add(digest, decoded);
+    }
     certificate = std::move(decoded);
 }
 
