@@ -45,7 +45,9 @@ class SSOCLIENT_API SamlToken {
     virtual Basalt::Crypto::Certificate* GetHolderOfKeyCertificate() const = 0;
     // The text of the Issuer element.
     virtual const std::string& GetIssuer() const = 0;
-    // The assertion's signature (owned by the token).
+    // The assertion's signature, owned by the token and alive as long as it is. A token made
+    // from text keeps no DOM: the first call builds the signature object from the text again
+    // (about the cost of a parse), later calls return the same object.
     virtual Basalt::Xml::Security::Signature* GetSignature() const = 0;
     // The token's XML: the text it was created from byte for byte, or the canonical form of
     // the element it was created from.

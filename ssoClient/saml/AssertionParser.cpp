@@ -85,19 +85,18 @@ Ref<ElementNode> AsElement(const Ref<Node>& node) {
 Ref<ElementNode> ExpectElement(const Ref<Node>& node, std::string_view localName,
                                std::string_view ns) {
     Ref<ElementNode> element = AsElement(node);
+    if (element && element->HasName(ns, localName)) {
+        return element;
+    }
     if (!element || element->GetLocalName() != localName) {
         Fail("Expected element '" + std::string(localName) + "' not found.");
     }
-    if (element->GetNamespaceUri() != ns) {
-        Fail("Element '" + NameOf(*element) + "' has unexpected namespace");
-    }
-    return element;
+    Fail("Element '" + NameOf(*element) + "' has unexpected namespace");
 }
 
 bool IsElement(const Ref<Node>& node, std::string_view localName) {
     const Ref<ElementNode> element = AsElement(node);
-    return element && element->GetLocalName() == localName &&
-           element->GetNamespaceUri() == Xmlns::kSamlAssertion;
+    return element && element->HasName(Xmlns::kSamlAssertion, localName);
 }
 
 bool IsNamespaceDeclaration(const Basalt::Xml::Attribute& attribute) {
@@ -477,18 +476,17 @@ std::vector<AttributeRecord> ReadAttributeStatement(const Ref<Node>& node) {
 }
 
 void ReadSignature(const Ref<ElementNode>& assertion, const Ref<Node>& node,
-                   ParsedAssertion& parsed) {
+                   Ref<Basalt::Xml::Security::Signature>& signature) {
     const Ref<ElementNode> element = AsElement(node);
     if (!element) {
         Fail("Expected element ds:Signature not found");
     }
     try {
-        Basalt::Xml::Security::CreateSignatureFromDom(assertion.Get(), element.Get(),
-                                                      parsed.signature);
+        Basalt::Xml::Security::CreateSignatureFromDom(assertion.Get(), element.Get(), signature);
     } catch (const Basalt::Xml::Security::SignatureSyntaxException& e) {
         Fail(std::string("Signature syntax error: ") + e.what());
     }
-    CheckSignatureCoverage(*assertion, *parsed.signature);
+    CheckSignatureCoverage(*assertion, *signature);
 }
 
 }  // namespace
@@ -504,7 +502,7 @@ void WalkAssertion(const Ref<ElementNode>& assertion, ParsedAssertion& parsed) {
     ChildCursor cursor(*element);
     parsed.issuer = ReadNameId(*ExpectElement(cursor.Current(), "Issuer", Xmlns::kSamlAssertion));
     cursor.Advance();
-    ReadSignature(element, cursor.Current(), parsed);
+    ReadSignature(element, cursor.Current(), parsed.signature);
     cursor.Advance();
     ReadSubject(cursor.Current(), parsed.subject);
     cursor.Advance();
@@ -521,6 +519,13 @@ void WalkAssertion(const Ref<ElementNode>& assertion, ParsedAssertion& parsed) {
         cursor.Advance();
     }
     ExpectNoMoreChildren(cursor, "Unexpected elements under Assertion");
+}
+
+void ReadAssertionSignature(const Ref<ElementNode>& assertion,
+                            Ref<Basalt::Xml::Security::Signature>& signature) {
+    ChildCursor cursor(*assertion);
+    cursor.Advance();  // past the Issuer
+    ReadSignature(assertion, cursor.Current(), signature);
 }
 
 }  // namespace Saml

@@ -78,6 +78,7 @@ SamlTokenImpl::SamlTokenImpl(std::string_view xml, bool verify,
         root = document->GetDocumentElement();
     }
     Initialize(root, verify, clock, resolver);
+    m_signature = nullptr;  // and with it the DOM; GetSignature builds it again when asked
 }
 
 SamlTokenImpl::SamlTokenImpl(Basalt::Xml::ElementNode& assertion, bool verify,
@@ -92,6 +93,8 @@ SamlTokenImpl::SamlTokenImpl(Basalt::Xml::ElementNode& assertion, bool verify,
     canonicalizer->Canonicalize(&assertion, writer.Get());
     m_xml = writer->TakeString();
     Initialize(Basalt::Ref<Basalt::Xml::ElementNode>(&assertion), verify, clock, resolver);
+    // The caller's element stays the signature's: its canonical text need not verify alike.
+    std::call_once(m_signatureBuilt, [] {});
 }
 
 SamlTokenImpl::~SamlTokenImpl() = default;
@@ -161,6 +164,15 @@ void SamlTokenImpl::InterpretAttributes(const Saml::ParsedAssertion& parsed) {
             m_surname = firstValue(attribute);
         }
     }
+}
+
+Basalt::Xml::Security::Signature* SamlTokenImpl::GetSignature() const {
+    std::call_once(m_signatureBuilt, [this] {
+        Basalt::Ref<Basalt::Xml::Document> document;
+        ParseXmlText(m_xml, document);
+        Saml::ReadAssertionSignature(document->GetDocumentElement(), m_signature);
+    });
+    return m_signature.Get();
 }
 
 Basalt::System::DateTime SamlTokenImpl::GetExpirationTimeWithTolerance() const {

@@ -41,6 +41,17 @@ TEST(CertificateTest, PemAndDerGiveTheSameCertificate) {
     EXPECT_EQ(fromPem->GetPublicKeyPem().rfind("-----BEGIN PUBLIC KEY-----", 0), 0u);
 }
 
+TEST(CertificateTest, DecodedCertificatesAreSharedByTheirBytesOnly) {
+    const std::string sts = TestData::Read("certs/sts-rsa.der");
+    const std::vector<unsigned char> otherDer = FromPem("certs/other-rsa.pem")->GetDer();
+    const auto first = FromDer(sts);
+    const auto other = FromDer(std::string(otherDer.begin(), otherDer.end()));
+    EXPECT_EQ(FromDer(sts).Get(), first.Get());
+    EXPECT_NE(other.Get(), first.Get());
+    EXPECT_EQ(other->GetDer(), otherDer);
+    EXPECT_THROW(FromDer(sts + "x"), InvalidArgumentException);  // a known prefix is no match
+}
+
 TEST(CertificateTest, MalformedInputIsRejected) {
     const std::string der = TestData::Read("certs/sts-rsa.der");
     std::string flipped = der, damagedPem = TestData::Read("certs/sts-rsa.pem");

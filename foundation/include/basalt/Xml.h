@@ -78,6 +78,9 @@ class BASALT_API ElementNode : public virtual Node {
     virtual std::string GetLocalName() const = 0;
     // The namespace URI of the element, empty when it has none.
     virtual std::string GetNamespaceUri() const = 0;
+    // True if the element has that namespace URI (empty for none) and local name; copies
+    // nothing, for walks that check every element they pass.
+    virtual bool HasName(std::string_view namespaceUri, std::string_view localName) const = 0;
     // The prefix as written, empty when unprefixed.
     virtual std::string GetPrefix() const = 0;
     // "prefix:local" or "local".

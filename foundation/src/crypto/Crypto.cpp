@@ -1,10 +1,15 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <array>
 #include <climits>
+#include <cstring>
+#include <mutex>
 
-#include "internal/crypto/CryptoInternal.h"
+#include "internal/system/Immortal.h"
+
 #include <basalt/Exception.h>
+#include "internal/crypto/CryptoInternal.h"
 
 namespace Basalt {
 namespace Crypto {
@@ -45,6 +50,9 @@ System::DateTime AsnTime(const ASN1_TIME* time) {
 
 class CertificateImpl final : public ObjectImpl, public Certificate {
   public:
+    // From the DER it was decoded from: no need to encode it again.
+    CertificateImpl(UniquePtr<X509> x509, std::vector<unsigned char> der)
+        : m_x509(std::move(x509)), m_der(std::move(der)) {}
     explicit CertificateImpl(UniquePtr<X509> x509) : m_x509(std::move(x509)) {
         int size = i2d_X509(m_x509.get(), nullptr);
         if (size <= 0) {
@@ -145,6 +153,70 @@ class PrivateKeyImpl final : public ObjectImpl, public PrivateKey {
     UniquePtr<EVP_PKEY> m_key;
 };
 
+using Sha256 = std::array<unsigned char, 32>;
+
+// SHA-256 with an implementation fetched once: the implicit fetch behind EVP_sha256() takes a
+// lock shared by every thread. False if the digest is not available.
+bool Sha256Of(const unsigned char* data, size_t size, Sha256& digest) {
+    static const Immortal<UniquePtr<EVP_MD>> sha256(EVP_MD_fetch(nullptr, "SHA256", nullptr));
+    const bool done =
+        *sha256 && EVP_Digest(data, size, digest.data(), nullptr, sha256->get(), nullptr) == 1;
+    ERR_clear_error();
+    return done;
+}
+
+// Decoded certificates by the SHA-256 of their DER. Decoding costs more than a signature check
+// (OpenSSL builds a decoder for every public key it reads), and a holder-of-key token carries
+// the same confirmation certificate every time its holder gets one. Certificates are immutable,
+// so every caller can share one object. Bounded: each shard replaces its entries in turn; the
+// shards have locks of their own so that threads decoding different certificates rarely meet.
+class CertificateCache {
+  public:
+    Ref<Certificate> Find(const Sha256& digest) {
+        Shard& shard = ShardOf(digest);
+        std::lock_guard<std::mutex> lock(shard.mutex);
+        for (const Entry& entry : shard.entries) {
+            if (entry.certificate && entry.digest == digest) {
+                return entry.certificate;
+            }
+        }
+        return nullptr;
+    }
+
+    void Add(const Sha256& digest, const Ref<Certificate>& certificate) {
+        Shard& shard = ShardOf(digest);
+        std::lock_guard<std::mutex> lock(shard.mutex);
+        Entry& entry = shard.entries[shard.next];
+        shard.next = (shard.next + 1) % kEntriesPerShard;
+        entry.digest = digest;
+        entry.certificate = certificate;
+    }
+
+  private:
+    static constexpr size_t kShards = 16;
+    static constexpr size_t kEntriesPerShard = 16;
+
+    struct Entry {
+        Sha256 digest{};
+        Ref<Certificate> certificate;
+    };
+    struct alignas(64) Shard {  // one cache line per lock
+        std::mutex mutex;
+        std::array<Entry, kEntriesPerShard> entries;
+        size_t next = 0;
+    };
+
+    Shard& ShardOf(const Sha256& digest) { return m_shards[digest[0] % kShards]; }
+
+    std::array<Shard, kShards> m_shards;
+};
+
+CertificateCache& DecodedCertificates() {
+    // Immortal: certificates may be decoded by work that runs while the process exits.
+    static Immortal<CertificateCache> cache;
+    return *cache;
+}
+
 // Passphrase callback for PEM_read_bio_PrivateKey; never prompts on a terminal.
 int PassphraseCallback(char* buffer, int size, int, void* userData) {
     const auto* passphrase = static_cast<const std::string_view*>(userData);
@@ -229,6 +301,13 @@ void CreateCertificate(const unsigned char* der, size_t size, Ref<Certificate>& 
     if (der == nullptr || size == 0 || size > LONG_MAX) {
         throw InvalidArgumentException("Invalid certificate: no DER data");
     }
+    Sha256 digest{};
+    const bool cacheable = Sha256Of(der, size, digest);  // else decoded on every call, as before
+    CertificateCache& cache = DecodedCertificates();
+    if (Ref<Certificate> known = cacheable ? cache.Find(digest) : nullptr) {
+        certificate = std::move(known);
+        return;
+    }
     const unsigned char* cursor = der;
     UniquePtr<X509> x509(d2i_X509(nullptr, &cursor, static_cast<long>(size)));
     if (!x509) {
@@ -238,7 +317,11 @@ void CreateCertificate(const unsigned char* der, size_t size, Ref<Certificate>& 
         throw InvalidArgumentException(
             "Invalid DER certificate: trailing data after the certificate");
     }
-    WrapCertificate(std::move(x509), certificate);
+    Ref<Certificate> decoded(new CertificateImpl(std::move(x509), {der, der + size}));
+    if (cacheable) {
+        cache.Add(digest, decoded);
+    }
+    certificate = std::move(decoded);
 }
 
 void CreateCertificatesFromPem(std::string_view pem, std::vector<Ref<Certificate>>& certificates) {

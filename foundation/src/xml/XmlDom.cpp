@@ -581,6 +581,15 @@ class NodeBase : public ObjectImpl, public Interface, public NodeCore {
     Ref<Document> GetOwnerDocument() const override { return WrapDocument(m_node->doc); }
 
     std::string GetTextContent() const override {
+        switch (m_node->type) {
+            case XML_TEXT_NODE:
+            case XML_CDATA_SECTION_NODE:
+            case XML_COMMENT_NODE:
+            case XML_PI_NODE:
+                return Str(m_node->content);  // no descendants to join, no copy to free
+            default:
+                break;
+        }
         UniquePtr<XmlString> content(xmlNodeGetContent(m_node));
         return Str(content.get());
     }
@@ -660,6 +669,15 @@ class ElementNodeImpl final : public NodeBase<ElementNode> {
     using NodeBase::NodeBase;
 
     std::string GetLocalName() const override { return Str(m_node->name); }
+    bool HasName(std::string_view namespaceUri, std::string_view localName) const override {
+        if (localName != AsChars(m_node->name)) {
+            return false;
+        }
+        if (m_node->ns) {
+            return namespaceUri == AsChars(m_node->ns->href ? m_node->ns->href : AsXmlChars(""));
+        }
+        return GetNamespaceUri() == namespaceUri;
+    }
     std::string GetNamespaceUri() const override {
         if (m_node->ns) {
             return Str(m_node->ns->href);
@@ -679,6 +697,11 @@ class ElementNodeImpl final : public NodeBase<ElementNode> {
 
     void GetAttributes(std::vector<Attribute>& attributes) const override {
         attributes.clear();
+        size_t count = 0;
+        for (xmlAttr* attr = m_node->properties; attr; attr = attr->next) {
+            ++count;
+        }
+        attributes.reserve(count);
         for (xmlAttr* attr = m_node->properties; attr; attr = attr->next) {
             Attribute out;
             out.prefix = AttrPrefix(attr);

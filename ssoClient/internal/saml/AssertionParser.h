@@ -13,5 +13,10 @@ namespace Saml {
 // failures of certificate creation and Base64 decoding pass through.
 void WalkAssertion(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion, ParsedAssertion& parsed);
 
+// The signature object of an assertion the walk has accepted before (the ds:Signature after its
+// Issuer), for a token that rebuilds it from its text. Throws ParseException as the walk does.
+void ReadAssertionSignature(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion,
+                            Basalt::Ref<Basalt::Xml::Security::Signature>& signature);
+
 }  // namespace Saml
 }  // namespace SsoClient

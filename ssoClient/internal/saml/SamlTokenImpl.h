@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -57,7 +58,9 @@ class SamlTokenImpl final : public SamlToken {
         return m_holderOfKeyCertificate.Get();
     }
     const std::string& GetIssuer() const override { return m_issuer; }
-    Basalt::Xml::Security::Signature* GetSignature() const override { return m_signature.Get(); }
+    // A token made from text keeps no DOM: the signature object is built again from the text
+    // on the first call, once, whichever thread makes it.
+    Basalt::Xml::Security::Signature* GetSignature() const override;
     const std::string& GetXml() const override { return m_xml; }
     [[noreturn]] const std::string& GetUnsupportedInfo() const override;
 
@@ -85,7 +88,8 @@ class SamlTokenImpl final : public SamlToken {
     TokenType m_tokenType = Saml_Bearer;
     Basalt::Ref<Basalt::Crypto::Certificate> m_holderOfKeyCertificate;
     std::string m_issuer;
-    Basalt::Ref<Basalt::Xml::Security::Signature> m_signature;
+    mutable std::once_flag m_signatureBuilt;
+    mutable Basalt::Ref<Basalt::Xml::Security::Signature> m_signature;
 };
 
 namespace Saml {
