@@ -3,8 +3,8 @@
 
 #include <climits>
 
-#include "internal/crypto/CryptoInternal.h"
 #include <basalt/Exception.h>
+#include "internal/crypto/CryptoInternal.h"
 
 namespace Basalt {
 namespace Crypto {
@@ -28,10 +28,12 @@ std::string NameText(const X509_NAME* name) {
     return BioText(bio.get());
 }
 
+// A validity time; OpenSSL parses certificates without reading them, so a malformed one is only
+// noticed here, and makes the certificate malformed.
 System::DateTime AsnTime(const ASN1_TIME* time) {
     struct tm broken {};
     if (ASN1_TIME_to_tm(time, &broken) != 1) {
-        throw Exception(TakeOpenSslErrors("Invalid certificate time"));
+        throw InvalidArgumentException(TakeOpenSslErrors("Invalid certificate time"));
     }
     System::DateTimeFields f;
     f.year = broken.tm_year + 1900;
@@ -40,12 +42,19 @@ System::DateTime AsnTime(const ASN1_TIME* time) {
     f.hour = broken.tm_hour;
     f.minute = broken.tm_min;
     f.second = broken.tm_sec;
-    return System::DateTimeFromFields(f);
+    try {
+        return System::DateTimeFromFields(f);
+    } catch (const DateTimeFormatException& e) {
+        throw InvalidArgumentException(std::string("Invalid certificate time: ") + e.what());
+    }
 }
 
 class CertificateImpl final : public ObjectImpl, public Certificate {
   public:
-    explicit CertificateImpl(UniquePtr<X509> x509) : m_x509(std::move(x509)) {
+    explicit CertificateImpl(UniquePtr<X509> x509)
+        : m_x509(std::move(x509)),
+          m_notBefore(AsnTime(X509_get0_notBefore(m_x509.get()))),
+          m_notAfter(AsnTime(X509_get0_notAfter(m_x509.get()))) {
         int size = i2d_X509(m_x509.get(), nullptr);
         if (size <= 0) {
             throw InvalidArgumentException(TakeOpenSslErrors("Cannot encode the certificate"));
@@ -75,12 +84,8 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
     std::vector<unsigned char> GetThumbprintSha256() const override {
         return Digest(DigestAlgorithm::Sha256, m_der.data(), m_der.size());
     }
-    System::DateTime GetNotBefore() const override {
-        return AsnTime(X509_get0_notBefore(m_x509.get()));
-    }
-    System::DateTime GetNotAfter() const override {
-        return AsnTime(X509_get0_notAfter(m_x509.get()));
-    }
+    System::DateTime GetNotBefore() const override { return m_notBefore; }
+    System::DateTime GetNotAfter() const override { return m_notAfter; }
     std::string GetPublicKeyPem() const override {
         UniquePtr<BIO> bio(BIO_new(BIO_s_mem()));
         if (!bio || PEM_write_bio_PUBKEY(bio.get(), X509_get0_pubkey(m_x509.get())) != 1) {
@@ -104,6 +109,8 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
 
   private:
     UniquePtr<X509> m_x509;
+    const System::DateTime m_notBefore;
+    const System::DateTime m_notAfter;
     std::vector<unsigned char> m_der;
 };
 
