@@ -24,3 +24,4 @@ envelope 2 "$(rstr '' "$(status ' http://docs.oasis-open.org/ws-sx/ws-trust/2005
 envelope 3 "$(collection "$(rstr '' "<wst:TokenType>urn:other</wst:TokenType>$token")")" reject-spnego-token-type.xml
 envelope 1 "$(fault wst:FailedAuthentication 'Password of the user logging on is expired.')" reject-password-expired.xml
 envelope 3 "$(fault soapenv:Server 'Internal error')" reject-server-fault.xml
+envelope 0 "$(collection "$(rstr '' '<wst:RequestedSecurityToken><saml2:Assertion xmlns:saml2="urn:oasis:names:tc:SAML:2.0:assertion" xmlns:xs="relative"/></wst:RequestedSecurityToken>')")" reject-issue-relative-namespace.xml
