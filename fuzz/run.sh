@@ -34,10 +34,10 @@ fuzz_one() {
         -artifact_prefix="$build/crashes/$name/" "$build/corpus/$name" "$root/fuzz/corpus/$name" \
         >"$log" 2>&1 || status="FAILED (see $log)"
     local last execs
-    last=$(grep -E '^#[0-9]+' "$log" | tail -n 1 | grep -oE 'cov: [0-9]+ ft: [0-9]+' || true)
+    last=$(grep -E '^#[0-9]+' "$log" | tail -n 1 | grep -oE 'cov: [0-9]+ ft: [0-9]+ corp: [^ ]+' ||
+        true)
     execs=$(grep -oE 'stat::average_exec_per_sec: *[0-9]+' "$log" | grep -oE '[0-9]+$' || true)
-    printf '%-22s %8s execs/s  %-22s corpus %5s  %s\n' "$name" "${execs:-?}" "${last:-?}" \
-        "$(ls "$build/corpus/$name" | wc -l)" "$status"
+    printf '%-22s %8s execs/s  %-36s %s\n' "$name" "${execs:-?}" "${last:-?}" "$status"
 }
 
 # Two at a time: the machine has two cores.
