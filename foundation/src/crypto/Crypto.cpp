@@ -62,6 +62,10 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
         m_der.resize(static_cast<size_t>(size));
         unsigned char* out = m_der.data();
         i2d_X509(m_x509.get(), &out);
+        // Decoded lazily by OpenSSL too: a key it cannot read makes the certificate malformed.
+        if (X509_get0_pubkey(m_x509.get()) == nullptr) {
+            throw InvalidArgumentException(TakeOpenSslErrors("Invalid certificate public key"));
+        }
     }
 
     X509* Native() const { return m_x509.get(); }
