@@ -294,6 +294,12 @@ void CreatePrivateKeyFromPem(std::string_view pem, Ref<PrivateKey>& key,
         throw InvalidArgumentException(
             "Unsupported private key type: only RSA and EC keys are accepted");
     }
+    // The halves are not checked against each other when read; a key whose private half does not
+    // fit its public one would sign what nothing verifies.
+    UniquePtr<EVP_PKEY_CTX> check(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey.get(), nullptr));
+    if (!check || EVP_PKEY_pairwise_check(check.get()) != 1) {
+        throw InvalidArgumentException(TakeOpenSslErrors("Inconsistent PEM private key"));
+    }
     key = new PrivateKeyImpl(std::move(pkey));
 }
 
