@@ -143,7 +143,12 @@ std::string CanonicalAssertion(const ElementNode& assertion) {
     Basalt::Xml::Security::CreateCanonicalizer(kInclusiveC14n, canonicalizer);
     Ref<Basalt::StringWriter> writer;
     Basalt::CreateStringWriter(writer);
-    canonicalizer->Canonicalize(&assertion, writer.Get());
+    try {
+        canonicalizer->Canonicalize(&assertion, writer.Get());
+    } catch (const Basalt::Xml::Security::XmlSecurityException& e) {
+        // e.g. a relative namespace URI, which has no canonical form: a malformed reply
+        throw SsoException(std::string(kUnexpectedFormat) + ": " + e.what());
+    }
     return writer->TakeString();
 }
 

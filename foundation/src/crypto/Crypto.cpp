@@ -33,10 +33,12 @@ std::string NameText(const X509_NAME* name) {
     return BioText(bio.get());
 }
 
+// A validity time; OpenSSL parses certificates without reading them, so a malformed one is only
+// noticed here, and makes the certificate malformed.
 System::DateTime AsnTime(const ASN1_TIME* time) {
     struct tm broken {};
     if (ASN1_TIME_to_tm(time, &broken) != 1) {
-        throw Exception(TakeOpenSslErrors("Invalid certificate time"));
+        throw InvalidArgumentException(TakeOpenSslErrors("Invalid certificate time"));
     }
     System::DateTimeFields f;
     f.year = broken.tm_year + 1900;
@@ -45,15 +47,27 @@ System::DateTime AsnTime(const ASN1_TIME* time) {
     f.hour = broken.tm_hour;
     f.minute = broken.tm_min;
     f.second = broken.tm_sec;
-    return System::DateTimeFromFields(f);
+    try {
+        return System::DateTimeFromFields(f);
+    } catch (const DateTimeFormatException& e) {
+        throw InvalidArgumentException(std::string("Invalid certificate time: ") + e.what());
+    }
 }
 
 class CertificateImpl final : public ObjectImpl, public Certificate {
   public:
     // From the DER it was decoded from: no need to encode it again.
     CertificateImpl(UniquePtr<X509> x509, std::vector<unsigned char> der)
-        : m_x509(std::move(x509)), m_der(std::move(der)) {}
-    explicit CertificateImpl(UniquePtr<X509> x509) : m_x509(std::move(x509)) {
+        : m_x509(std::move(x509)),
+          m_notBefore(AsnTime(X509_get0_notBefore(m_x509.get()))),
+          m_notAfter(AsnTime(X509_get0_notAfter(m_x509.get()))),
+          m_der(std::move(der)) {
+        CheckPublicKey();
+    }
+    explicit CertificateImpl(UniquePtr<X509> x509)
+        : m_x509(std::move(x509)),
+          m_notBefore(AsnTime(X509_get0_notBefore(m_x509.get()))),
+          m_notAfter(AsnTime(X509_get0_notAfter(m_x509.get()))) {
         int size = i2d_X509(m_x509.get(), nullptr);
         if (size <= 0) {
             throw InvalidArgumentException(TakeOpenSslErrors("Cannot encode the certificate"));
@@ -61,6 +75,7 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
         m_der.resize(static_cast<size_t>(size));
         unsigned char* out = m_der.data();
         i2d_X509(m_x509.get(), &out);
+        CheckPublicKey();
     }
 
     X509* Native() const { return m_x509.get(); }
@@ -83,12 +98,8 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
     std::vector<unsigned char> GetThumbprintSha256() const override {
         return Digest(DigestAlgorithm::Sha256, m_der.data(), m_der.size());
     }
-    System::DateTime GetNotBefore() const override {
-        return AsnTime(X509_get0_notBefore(m_x509.get()));
-    }
-    System::DateTime GetNotAfter() const override {
-        return AsnTime(X509_get0_notAfter(m_x509.get()));
-    }
+    System::DateTime GetNotBefore() const override { return m_notBefore; }
+    System::DateTime GetNotAfter() const override { return m_notAfter; }
     std::string GetPublicKeyPem() const override {
         UniquePtr<BIO> bio(BIO_new(BIO_s_mem()));
         if (!bio || PEM_write_bio_PUBKEY(bio.get(), X509_get0_pubkey(m_x509.get())) != 1) {
@@ -111,7 +122,16 @@ class CertificateImpl final : public ObjectImpl, public Certificate {
     bool Equals(const Certificate& other) const override { return m_der == other.GetDer(); }
 
   private:
+    // Decoded lazily by OpenSSL too: a key it cannot read makes the certificate malformed.
+    void CheckPublicKey() const {
+        if (X509_get0_pubkey(m_x509.get()) == nullptr) {
+            throw InvalidArgumentException(TakeOpenSslErrors("Invalid certificate public key"));
+        }
+    }
+
     UniquePtr<X509> m_x509;
+    const System::DateTime m_notBefore;
+    const System::DateTime m_notAfter;
     std::vector<unsigned char> m_der;
 };
 
@@ -365,6 +385,12 @@ void CreatePrivateKeyFromPem(std::string_view pem, Ref<PrivateKey>& key,
     if (type != EVP_PKEY_RSA && type != EVP_PKEY_EC) {
         throw InvalidArgumentException(
             "Unsupported private key type: only RSA and EC keys are accepted");
+    }
+    // The halves are not checked against each other when read; a key whose private half does not
+    // fit its public one would sign what nothing verifies.
+    UniquePtr<EVP_PKEY_CTX> check(EVP_PKEY_CTX_new_from_pkey(nullptr, pkey.get(), nullptr));
+    if (!check || EVP_PKEY_pairwise_check(check.get()) != 1) {
+        throw InvalidArgumentException(TakeOpenSslErrors("Inconsistent PEM private key"));
     }
     key = new PrivateKeyImpl(std::move(pkey));
 }

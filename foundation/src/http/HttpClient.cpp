@@ -192,12 +192,7 @@ class Transfer final : public ObjectImpl, public PendingRequestItem {
     UniquePtr<curl_slist> m_headerList;
     UniquePtr<curl_slist> m_connectTo;
     char m_errorBuffer[CURL_ERROR_SIZE] = {};
-    int m_status = 0;
-    std::string m_reason;
-    HeaderList m_headers;
-    std::string m_body;
-    bool m_bodyTooLarge = false;
-    bool m_undefinedInterim = false;
+    ReplyAccumulator m_reply;
     std::string m_tlsSetupError;
     std::string m_handshakeError;
     bool m_tlsAlert = false;  // the peer refused the handshake with an alert
@@ -668,49 +663,13 @@ int Transfer::OnVerifyChain(X509_STORE_CTX* store, void* self) {
 }
 
 size_t Transfer::OnHeader(char* data, size_t size, size_t count, void* self) {
-    auto* transfer = static_cast<Transfer*>(self);
-    std::string line(data, size * count);
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
-        line.pop_back();
-    }
-    if (line.compare(0, 5, "HTTP/") == 0) {
-        // A new status line (after an interim reply) starts the header set again.
-        transfer->m_headers.clear();
-        transfer->m_reason.clear();
-        const size_t codeStart = line.find(' ');
-        const size_t reasonStart =
-            codeStart == std::string::npos ? codeStart : line.find(' ', codeStart + 1);
-        if (reasonStart != std::string::npos) {
-            transfer->m_reason = line.substr(reasonStart + 1);
-        }
-        transfer->m_status =
-            codeStart == std::string::npos ? 0 : std::atoi(line.c_str() + codeStart);
-    } else if (line.empty() && transfer->m_status >= 104 && transfer->m_status <= 199) {
-        // libcurl reads every 1xx as an interim reply and waits for another status line. Codes
-        // without a defined meaning come only from broken servers that never send one, so the
-        // reply ends here and is reported with its own status.
-        transfer->m_undefinedInterim = true;
-        return 0;
-    } else if (const size_t colon = line.find(':'); colon != std::string::npos && colon > 0) {
-        const size_t valueStart = line.find_first_not_of(" \t", colon + 1);
-        const size_t valueEnd = line.find_last_not_of(" \t");
-        transfer->m_headers.emplace_back(line.substr(0, colon),
-                                         valueStart == std::string::npos
-                                             ? ""
-                                             : line.substr(valueStart, valueEnd - valueStart + 1));
-    }
-    return size * count;
+    const size_t bytes = size * count;
+    return static_cast<Transfer*>(self)->m_reply.AddHeaderLine({data, bytes}) ? bytes : 0;
 }
 
 size_t Transfer::OnBody(char* data, size_t size, size_t count, void* self) {
-    auto* transfer = static_cast<Transfer*>(self);
     const size_t bytes = size * count;
-    if (transfer->m_body.size() + bytes > kMaxResponseBodySize) {
-        transfer->m_bodyTooLarge = true;
-        return 0;  // aborts the transfer
-    }
-    transfer->m_body.append(data, bytes);
-    return bytes;
+    return static_cast<Transfer*>(self)->m_reply.AddBody({data, bytes}) ? bytes : 0;
 }
 
 void Transfer::SaveCookies() {
@@ -746,7 +705,7 @@ std::string Transfer::ErrorText(CURLcode code) const {
         {CURLE_WEIRD_SERVER_REPLY, "Malformed HTTP reply from "},
     };
     const std::string& peer = m_agent->GetEndpoint().peer + m_request.path;
-    if (m_bodyTooLarge) {
+    if (m_reply.bodyTooLarge) {
         return "Reply body larger than " + std::to_string(kMaxResponseBodySize) + " bytes from " +
                peer;
     }
@@ -794,7 +753,7 @@ FailureKind Transfer::Classify(CURLcode code) const {
         case CURLE_SEND_ERROR:
         case CURLE_RECV_ERROR:
         case CURLE_GOT_NOTHING:
-            return m_status == 0 ? FailureKind::ResetBeforeReply : FailureKind::Other;
+            return m_reply.status == 0 ? FailureKind::ResetBeforeReply : FailureKind::Other;
         default:
             return FailureKind::Other;
     }
@@ -803,14 +762,14 @@ FailureKind Transfer::Classify(CURLcode code) const {
 void Transfer::Finish(CURLcode code) {
     std::unique_ptr<Exception> error;
     Ref<ClientResponse> response;
-    if (code == CURLE_OK || m_undefinedInterim) {
-        long status = m_status;
+    if (code == CURLE_OK || m_reply.undefinedInterim) {
+        long status = m_reply.status;
         if (code == CURLE_OK) {
             curl_easy_getinfo(m_easy.get(), CURLINFO_RESPONSE_CODE, &status);
         }
         SaveCookies();
-        CreateClientResponse(static_cast<int>(status), std::move(m_reason), std::move(m_headers),
-                             std::move(m_body), response);
+        CreateClientResponse(static_cast<int>(status), std::move(m_reply.reason),
+                             std::move(m_reply.headers), std::move(m_reply.body), response);
     } else {
         error = std::make_unique<TransferException>(ErrorText(code));
         error->SetErrorCode(static_cast<long>(Classify(code)));

@@ -43,6 +43,7 @@ class CurlShare {
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -70,6 +71,22 @@ struct RequestData {
     std::string body;
     int64_t timeoutMicroseconds = 0;
     int64_t connectTimeoutMicroseconds = 0;
+};
+
+// A reply as libcurl hands it over: header lines one at a time (status lines included, line ends
+// kept), then pieces of the body. An interim (1xx) reply's headers are dropped when the next status
+// line comes.
+struct ReplyAccumulator {
+    int status = 0;
+    std::string reason;
+    HeaderList headers;
+    std::string body;
+    bool undefinedInterim = false;  // a 1xx without defined meaning ended the reply
+    bool bodyTooLarge = false;      // the body outgrew kMaxResponseBodySize
+
+    // Take one header line or body piece; false ends the transfer (one of the flags above is set).
+    bool AddHeaderLine(std::string_view line);
+    bool AddBody(std::string_view piece);
 };
 
 // Copies a request made by CreateHttpRequest; throws InvalidArgumentException for others.
