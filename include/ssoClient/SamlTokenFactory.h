@@ -40,7 +40,9 @@ class SSOCLIENT_API SamlTokenFactory {
     ~SamlTokenFactory() = default;
 };
 
-// The clock tolerance, in seconds, of the overloads that take none: ten minutes.
+// The clock tolerance, in seconds, of the overloads that take none: ten minutes. Any value is
+// accepted: a negative one narrows the validity window, and the time arithmetic saturates at the
+// ends of the representable range instead of overflowing.
 inline constexpr long kDefaultClockToleranceSec = 600;
 
 // Token from assertion text, signature verified with resolver (keys come only from it). The token
