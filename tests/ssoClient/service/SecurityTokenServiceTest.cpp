@@ -8,7 +8,9 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/SecurityTokenService.h>
 
+#include <condition_variable>
 #include <future>
+#include <mutex>
 
 #include "TestData.h"
 #include "internal/service/SecurityTokenServiceImpl.h"
@@ -226,6 +228,48 @@ TEST_F(SecurityTokenServiceTest, FailuresReachTheCaller) {
         Service(false, StsTrust("tls/ca.pem"))->AcquireToken("alice", "alice-password", Spec()),
         CommunicationException);
     EXPECT_EQ(m_sts.Stats()["requests"], 1);
+}
+
+// Calls waiting on a server that never answers hold no thread: with 64 of them connected, a call
+// to the STS completes at once. Cancelled, each ends exactly once, promptly, however often it is
+// cancelled.
+TEST_F(SecurityTokenServiceTest, HungCallsHoldNoThreadAndEndOnceWhenCancelled) {
+    using namespace std::chrono_literals;
+    constexpr int kHung = 64;
+    TestSts::TestServer silent({"--silent"});
+    auto hung = CreateSecurityTokenService(TestSupport::LoopbackStsConfig(
+        "http://127.0.0.1:" + std::to_string(silent.Port()) + "/sts"));
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> outcomes;
+    std::vector<std::shared_ptr<AsyncOperation>> calls;
+    for (int i = 0; i < kHung; ++i) {
+        calls.push_back(hung->AcquireTokenAsync(
+            "alice", "alice-password", Spec(), [&](const auto& token, const Basalt::Exception* e) {
+                std::lock_guard<std::mutex> lock(mutex);
+                outcomes.push_back(std::string(token ? "token " : "") +
+                                   (e ? Basalt::DemangledName(typeid(*e)) + ": " + e->what() : ""));
+                changed.notify_all();
+            }));
+    }
+    for (int polls = 0; silent.Stats()["connections"] < kHung && polls < 100000; ++polls) {
+    }
+    ASSERT_EQ(silent.Stats()["connections"], kHung);
+    std::promise<bool> good;
+    const auto start = std::chrono::steady_clock::now();
+    Service(false)->AcquireTokenAsync("alice", "alice-password", Spec(),
+                                      [&](const auto& token, auto*) { good.set_value(!!token); });
+    EXPECT_TRUE(good.get_future().get());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    for (int round = 0; round < 2; ++round) {
+        for (const auto& call : calls) {
+            call->Cancel();
+        }
+    }
+    std::unique_lock<std::mutex> lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, 5s, [&] { return outcomes.size() >= kHung; }));
+    EXPECT_EQ(outcomes, std::vector<std::string>(
+                            kHung, "SsoClient::OperationCancelledException: Operation cancelled"));
 }
 
 }  // namespace
