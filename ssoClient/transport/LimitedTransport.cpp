@@ -103,7 +103,7 @@ class LimitedSession::AsyncExchange : public Basalt::ObjectImpl,
         try {
             timeout = m_session->TimeLeft();
         } catch (const CommunicationException& deadline) {
-            return Complete(&deadline, nullptr, FailureNotes(), attempt - 1);
+            return Complete(&deadline, nullptr, m_lastNotes, attempt - 1);
         }
         Basalt::Ref<AsyncExchange> self(this);
         Basalt::Ref<Basalt::Http::PendingRequestItem> pending =
@@ -152,6 +152,7 @@ class LimitedSession::AsyncExchange : public Basalt::ObjectImpl,
         if (pause < 0 || Cancelled()) {
             return Complete(outcome.failure.get(), nullptr, notes, attempt);
         }
+        m_lastNotes = notes;  // read by the next try, which the timer sends after this
         Basalt::Ref<AsyncExchange> self(this);
         Basalt::System::GetThreadPool()->GetWorkQueue()->PostAfter(pause, [self, attempt] {
             self->Cancelled() ? self->Abandon() : self->Send(attempt + 1);
@@ -165,7 +166,7 @@ class LimitedSession::AsyncExchange : public Basalt::ObjectImpl,
 
     void Abandon() {
         const CommunicationException cancelled("Request cancelled");
-        Complete(&cancelled, nullptr, FailureNotes(), 0);
+        Complete(&cancelled, nullptr, m_lastNotes, 0);
     }
 
     void Complete(const Basalt::Exception* error, Basalt::Reader* body, FailureNotes notes,
@@ -183,6 +184,7 @@ class LimitedSession::AsyncExchange : public Basalt::ObjectImpl,
     bool m_cancelled = false;
     Basalt::Ref<Basalt::Http::PendingRequestItem> m_current;
     std::atomic<bool> m_done{false};
+    FailureNotes m_lastNotes;  // of the last try
 };
 
 Basalt::Ref<Basalt::Http::PendingRequestItem> LimitedSession::SendAsync(
