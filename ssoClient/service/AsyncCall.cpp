@@ -21,7 +21,14 @@ void OnPool(std::function<void()> work) {
     }
 }
 
+// Whether the step running on this thread has produced its operation's result.
+thread_local bool t_stepSucceeded = false;
+
 }  // namespace
+
+void AsyncCallBase::SetSucceeded() {
+    t_stepSucceeded = true;
+}
 
 void LogFailure(const char* label, const Basalt::Exception& error) {
     using Level = Basalt::Service::Logger;
@@ -92,6 +99,7 @@ void AsyncCallBase::Run(std::function<void()> step, FailureNotes notes) {
             return;  // cancelled
         }
         ThreadFailureNotes() = notes;
+        t_stepSucceeded = false;
         std::exception_ptr failure;
         try {
             step();
@@ -101,7 +109,7 @@ void AsyncCallBase::Run(std::function<void()> step, FailureNotes notes) {
         // Outside the try: what the callback throws is the pool's to handle, as a work item's.
         if (failure) {
             self->Fail(failure);
-        } else if (self->m_succeeded && self->Claim()) {
+        } else if (t_stepSucceeded && self->Claim()) {
             self->DeliverResult();
         }
     });

@@ -68,8 +68,9 @@ class AsyncCallBase : public AsyncOperation, public std::enable_shared_from_this
 
   protected:
     ~AsyncCallBase() override;
-    // Called on the pool by the step that produced the result.
-    void SetSucceeded() { m_succeeded = true; }
+    // Called by the step that produced the result, on its thread (the next step may already
+    // run on another).
+    static void SetSucceeded();
 
   private:
     virtual void DeliverResult() = 0;
@@ -80,7 +81,6 @@ class AsyncCallBase : public AsyncOperation, public std::enable_shared_from_this
 
     const char* const m_label;
     const Observation m_observation;
-    bool m_succeeded = false;  // only touched by the step running
     mutable std::mutex m_mutex;
     bool m_claimed = false;
     Basalt::Ref<Basalt::Http::PendingRequestItem> m_pending;

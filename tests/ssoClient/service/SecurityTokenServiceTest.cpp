@@ -156,16 +156,26 @@ TEST_F(SecurityTokenServiceTest, ActingForAnotherExtendsTheDelegationChain) {
     EXPECT_EQ(chain[0].principal, (PrincipalId{"alice", "example.test"}));
 }
 
+// Waiting, and asynchronously (each leg sent from the pool, in the same session).
 TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
-    TestGssHandler handler("alice@example.test", "alice-password", 2);
-    auto token = Service(false)->AcquireTokenByGSS(Spec(), handler);
-    ASSERT_TRUE(token);
-    EXPECT_EQ(token->GetSubject()->name, "alice");
-    // Empty first leg, two challenges, then the final WELCOME handed to the handler once more.
-    ASSERT_EQ(handler.serverLegs.size(), 4u);
-    EXPECT_EQ(handler.serverLegs[0], "");
-    EXPECT_EQ(handler.serverLegs[3], "WELCOME alice@example.test");
-    EXPECT_EQ(m_sts.Stats()["requests"], 3);
+    for (bool async : {false, true}) {
+        auto handler = std::make_shared<TestGssHandler>("alice@example.test", "alice-password", 2);
+        std::promise<std::shared_ptr<const SamlToken>> issued;
+        if (async) {
+            Service(false)->AcquireTokenByGSSAsync(
+                Spec(), handler, [&](const auto& token, auto*) { issued.set_value(token); });
+        } else {
+            issued.set_value(Service(false)->AcquireTokenByGSS(Spec(), *handler));
+        }
+        auto token = issued.get_future().get();
+        ASSERT_TRUE(token);
+        EXPECT_EQ(token->GetSubject()->name, "alice");
+        // Empty first leg, two challenges, then the final WELCOME handed to the handler again.
+        ASSERT_EQ(handler->serverLegs.size(), 4u);
+        EXPECT_EQ(handler->serverLegs[0], "");
+        EXPECT_EQ(handler->serverLegs[3], "WELCOME alice@example.test");
+        EXPECT_EQ(m_sts.Stats()["requests"], async ? 6 : 3);
+    }
 }
 
 // One deadline over all legs of a negotiation: a clock two seconds later at each reading (when the
