@@ -14,6 +14,9 @@ namespace SsoClient {
 BASALT_DECLARE_EXCEPTION(SSOCLIENT_API, SsoException, Basalt::Exception);
 // The exchange with the server could not be carried out (connection, TLS, HTTP, negotiation).
 BASALT_DECLARE_EXCEPTION(SSOCLIENT_API, CommunicationException, SsoException);
+// The caller cancelled an asynchronous operation ("Operation cancelled"); a communication failure
+// too, so that hosts treating those alike need no new case.
+BASALT_DECLARE_EXCEPTION(SSOCLIENT_API, OperationCancelledException, CommunicationException);
 // The server rejected the credentials.
 BASALT_DECLARE_EXCEPTION(SSOCLIENT_API, InvalidCredentialsException, SsoException);
 // The server reports that the user's password has expired.

@@ -11,10 +11,12 @@
 #include <basalt/XmlSecurity.h>
 #include <boost/optional.hpp>
 
+#include <ssoClient/AsyncOperation.h>
 #include <ssoClient/Export.h>
 #include <ssoClient/HolderOfKeyConfig.h>
 #include <ssoClient/SamlToken.h>
 #include <ssoClient/SamlTokenFactory.h>
+#include <ssoClient/ServiceObserver.h>
 #include <ssoClient/ServiceOptions.h>
 #include <ssoClient/Types.h>
 
@@ -70,22 +72,33 @@ class SSOCLIENT_API SecurityTokenService {
     virtual std::shared_ptr<const SamlToken> RenewToken(const SamlToken& token,
                                                         long seconds) const = 0;
 
-    // The same operations run on the foundation's thread pool; each returns at once and calls
-    // the callback exactly once. Failures to queue are thrown to the caller.
-    virtual void AcquireTokenAsync(const std::string& user, const std::string& password,
-                                   const TokenSpec& spec, const TokenCallback& callback) const = 0;
-    virtual void AcquireTokenByGSSAsync(const TokenSpec& spec,
-                                        const std::shared_ptr<NegotiationHandler>& handler,
-                                        const TokenCallback& callback) const = 0;
-    virtual void AcquireTokenByCertificateAsync(const TokenSpec& spec,
-                                                const TokenCallback& callback) const = 0;
-    virtual void AcquireTokenByTokenAsync(const std::shared_ptr<const SamlToken>& token,
-                                          const TokenSpec& spec,
-                                          const TokenCallback& callback) const = 0;
-    virtual void ValidateTokenAsync(const std::shared_ptr<const SamlToken>& token,
-                                    const ValidationCallback& callback) const = 0;
-    virtual void RenewTokenAsync(const std::shared_ptr<const SamlToken>& token, long seconds,
-                                 const TokenCallback& callback) const = 0;
+    // The same operations, returning at once. Each builds its request and handles the reply on
+    // the foundation's thread pool, and no thread waits while the request is on the network, so
+    // any number may be in flight and a server that never answers delays only its own calls;
+    // the service's limits and retries apply as to the synchronous ones (a retry's pause holds
+    // no thread either). The callback is called exactly once, on a pool thread, with the outcome
+    // the synchronous operation would return or throw; a null token or handler is refused at
+    // once with Basalt::InvalidArgumentException, and failures to queue are thrown to the caller.
+    // The returned handle cancels the operation (see AsyncOperation). An operation holds what it
+    // needs: the caller may drop the service, the token and the handler at once.
+    virtual std::shared_ptr<AsyncOperation> AcquireTokenAsync(
+        const std::string& user, const std::string& password, const TokenSpec& spec,
+        const TokenCallback& callback) const = 0;
+    // The handler is called on pool threads, one leg at a time; it may block.
+    virtual std::shared_ptr<AsyncOperation> AcquireTokenByGSSAsync(
+        const TokenSpec& spec, const std::shared_ptr<NegotiationHandler>& handler,
+        const TokenCallback& callback) const = 0;
+    virtual std::shared_ptr<AsyncOperation> AcquireTokenByCertificateAsync(
+        const TokenSpec& spec, const TokenCallback& callback) const = 0;
+    virtual std::shared_ptr<AsyncOperation> AcquireTokenByTokenAsync(
+        const std::shared_ptr<const SamlToken>& token, const TokenSpec& spec,
+        const TokenCallback& callback) const = 0;
+    virtual std::shared_ptr<AsyncOperation> ValidateTokenAsync(
+        const std::shared_ptr<const SamlToken>& token,
+        const ValidationCallback& callback) const = 0;
+    virtual std::shared_ptr<AsyncOperation> RenewTokenAsync(
+        const std::shared_ptr<const SamlToken>& token, long seconds,
+        const TokenCallback& callback) const = 0;
 };
 
 // Connect by URL: the library makes its own HTTP(S) connections.
@@ -113,6 +126,8 @@ struct SecurityTokenServiceConfig {
     // With no proxy set: take one from the http_proxy / https_proxy / no_proxy environment
     // variables. Off by default, so that configuration comes from this record only.
     bool environmentProxy = false;
+    // Told of every operation, retry and issued token (see ServiceObserver); none by default.
+    std::shared_ptr<ServiceObserver> observer;
 };
 
 // Connect through the caller's own HTTP user agent (connections, TLS and cookies are the
@@ -128,6 +143,8 @@ struct SecurityTokenServiceConfigEx {
     // Time limits and retries (see ServiceLimits); unset: 240 s per request, one try each. The
     // proxy is the user agent's business.
     boost::optional<ServiceLimits> limits;
+    // Told of every operation, retry and issued token (see ServiceObserver); none by default.
+    std::shared_ptr<ServiceObserver> observer;
 };
 
 // Assembles a service; the configuration is checked first, so a mistake surfaces here rather

@@ -55,6 +55,8 @@ struct TokenProviderOptions {
     int64_t maxBackoffSec = 60;
     // Where "now" comes from; null means the system clock.
     std::shared_ptr<const Basalt::System::Clock> clock;
+    // Told of each cache hit and each refresh (see ServiceObserver); none by default.
+    std::shared_ptr<ServiceObserver> observer;
 };
 
 // Hands out a valid token for as long as the process lives: acquires it once, keeps it, renews

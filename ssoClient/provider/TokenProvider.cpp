@@ -65,6 +65,7 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
         }
         if (plan.token) {
             Queue(plan);
+            CacheHit();
             return plan.token;
         }
         if (plan.run) {
@@ -76,6 +77,9 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
     void GetAsync(const TokenCallback& callback) {
         const Plan plan = Decide(&callback);
         Queue(plan);
+        if (plan.token) {
+            CacheHit();
+        }
         if (plan.token || plan.failure) {
             Deliver(callback, plan.token, plan.failure);
         }
@@ -161,12 +165,21 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
         }
     }
 
-    Token Fetch(const Token& current) const {
-        if (current && current->IsRenewable() && current->GetTokenType() == Saml_HOK &&
-            Now() < current->GetExpirationTime().GetUtcTime()) {
-            return m_service->RenewToken(*current, static_cast<long>(m_spec.tokenLifetimeSec));
+    void CacheHit() const {
+        if (m_options.observer) {
+            m_options.observer->ProviderCacheHit();
         }
-        return m_recipe.Get()(*m_service, m_spec);
+    }
+
+    Token Fetch(const Token& current) const {
+        const bool renewal = current && current->IsRenewable() &&
+                             current->GetTokenType() == Saml_HOK &&
+                             Now() < current->GetExpirationTime().GetUtcTime();
+        if (m_options.observer) {
+            m_options.observer->ProviderRefresh(renewal);
+        }
+        return renewal ? m_service->RenewToken(*current, static_cast<long>(m_spec.tokenLifetimeSec))
+                       : m_recipe.Get()(*m_service, m_spec);
     }
 
     void Run(const std::shared_ptr<Flight>& flight) {

@@ -14,12 +14,13 @@ constexpr int64_t kWaitTimeoutMicros = 240000000;
 std::shared_ptr<SecurityTokenService> Assemble(
     const boost::optional<HolderOfKeyConfig>& holderOfKey,
     const std::function<std::shared_ptr<Transport>()>& makeTransport,
-    const std::shared_ptr<SamlTokenFactory>& tokenFactory) {
+    const std::shared_ptr<SamlTokenFactory>& tokenFactory,
+    const std::shared_ptr<ServiceObserver>& observer) {
     auto requestBuilder = std::make_shared<RequestBuilderImpl>(holderOfKey);
     std::shared_ptr<Transport> transport = makeTransport();
     auto responseHandler = std::make_shared<ResponseHandlerImpl>();
     return std::make_shared<SecurityTokenServiceImpl>(requestBuilder, transport, responseHandler,
-                                                      tokenFactory);
+                                                      tokenFactory, observer);
 }
 
 // The factory that makes tokens of the service's replies: the configured one, or one over the
@@ -69,12 +70,14 @@ SessionLimits ToSessionLimits(const char* record, const ServiceLimits& limits) {
 
 // No limits: the client itself, whose sessions try once and wait up to 240 s.
 std::shared_ptr<Transport> Limit(const char* record, std::shared_ptr<HttpsClient> client,
-                                 const boost::optional<ServiceLimits>& limits) {
+                                 const boost::optional<ServiceLimits>& limits,
+                                 const std::shared_ptr<ServiceObserver>& observer) {
     if (!limits) {
         return client;
     }
-    return std::make_shared<LimitedTransport>(client, ToSessionLimits(record, *limits),
-                                              Basalt::System::SystemClock());
+    SessionLimits session = ToSessionLimits(record, *limits);
+    session.observer = observer;
+    return std::make_shared<LimitedTransport>(client, session, Basalt::System::SystemClock());
 }
 
 Basalt::Http::UserAgentOptions AgentOptions(const SecurityTokenServiceConfig& config) {
@@ -109,9 +112,9 @@ std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
                          std::make_shared<HttpsClient>(config.url, config.sslContext,
                                                        config.sslParameter, kWaitTimeoutMicros,
                                                        config.connectionFlag, AgentOptions(config)),
-                         config.limits);
+                         config.limits, config.observer);
         },
-        tokenFactory);
+        tokenFactory, config.observer);
 }
 
 std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
@@ -127,9 +130,9 @@ std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
             return Limit(
                 "SecurityTokenServiceConfigEx",
                 std::make_shared<HttpsClient>(config.userAgent, config.url, kWaitTimeoutMicros),
-                config.limits);
+                config.limits, config.observer);
         },
-        tokenFactory);
+        tokenFactory, config.observer);
 }
 
 }  // namespace SsoClient

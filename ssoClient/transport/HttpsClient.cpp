@@ -90,45 +90,74 @@ Basalt::Ref<Basalt::Reader> HttpsSession::SendAndWait(const SoapRequest& request
     return attempt.body;
 }
 
-Attempt HttpsSession::Try(const SoapRequest& request, int64_t timeout, int64_t connectTimeout) {
-    FailureNotes& notes = ThreadFailureNotes();
-    notes.url = m_url;
+namespace {
+
+// The outcome of one try, noted for the failure line too.
+Attempt Conclude(const Basalt::Exception* error, Basalt::Http::ClientResponse* response,
+                 FailureNotes& notes) {
+    Attempt attempt;
+    attempt.body = ConvertReply(error, response, attempt.failure);
+    if (error) {
+        attempt.kind = Basalt::Http::GetFailureKind(*error);
+        return attempt;
+    }
+    attempt.status = notes.status = response->GetStatusCode();
+    if (attempt.failure) {
+        Basalt::Ref<Basalt::Reader> refused;
+        response->GetBodyReader(refused);
+        char start[200];
+        notes.excerpt = Excerpt(std::string(start, refused->Read(start, sizeof start)));
+    }
+    return attempt;
+}
+
+void StartNotes(FailureNotes& notes, const std::string& url) {
+    notes.url = url;
     notes.status = 0;
     notes.excerpt.clear();
-    Attempt attempt;
+}
+
+}  // namespace
+
+Attempt HttpsSession::Try(const SoapRequest& request, int64_t timeout, int64_t connectTimeout) {
+    FailureNotes& notes = ThreadFailureNotes();
+    StartNotes(notes, m_url);
     Basalt::Ref<Basalt::Http::PendingRequestItem> pending =
         Start(request, nullptr, timeout, connectTimeout);
     try {
         Basalt::Ref<Basalt::Http::ClientResponse> response;
         m_userAgent->Wait(pending.Get(), timeout, response);
-        attempt.body = ConvertReply(nullptr, response.Get(), attempt.failure);
-        attempt.status = notes.status = response->GetStatusCode();
-        if (attempt.failure) {
-            Basalt::Ref<Basalt::Reader> refused;
-            response->GetBodyReader(refused);
-            char start[200];
-            notes.excerpt = Excerpt(std::string(start, refused->Read(start, sizeof start)));
-        }
+        return Conclude(nullptr, response.Get(), notes);
     } catch (const Basalt::Exception& error) {
-        attempt.kind = Basalt::Http::GetFailureKind(error);
-        attempt.body = ConvertReply(&error, nullptr, attempt.failure);
+        return Conclude(&error, nullptr, notes);
     }
-    return attempt;
+}
+
+Basalt::Ref<Basalt::Http::PendingRequestItem> HttpsSession::TryAsync(
+    const SoapRequest& request, int64_t timeout, int64_t connectTimeout,
+    std::function<void(Attempt&)> done) {
+    // The completion outlives the session if need be: it holds nothing of it.
+    return Start(
+        request,
+        [done = std::move(done), url = m_url](const Basalt::Exception* error,
+                                              Basalt::Http::ClientResponse* response,
+                                              Basalt::Http::PendingRequestItem*) {
+            FailureNotes& notes = ThreadFailureNotes();
+            notes = FailureNotes();
+            StartNotes(notes, url);
+            Attempt attempt = Conclude(error, response, notes);
+            done(attempt);
+        },
+        timeout, connectTimeout);
 }
 
 Basalt::Ref<Basalt::Http::PendingRequestItem> HttpsSession::SendAsync(
     const SoapRequest& request, TransportCompletion completion) {
-    // The completion outlives the session if need be: it holds nothing of it.
-    return Start(
-        request,
-        [completion = std::move(completion)](const Basalt::Exception* error,
-                                             Basalt::Http::ClientResponse* response,
-                                             Basalt::Http::PendingRequestItem*) {
-            std::shared_ptr<CommunicationException> failure;
-            Basalt::Ref<Basalt::Reader> body = ConvertReply(error, response, failure);
-            completion(failure.get(), body.Get());
-        },
-        m_waitTimeout, 0);
+    return TryAsync(request, m_waitTimeout, 0,
+                    [completion = std::move(completion)](Attempt& attempt) {
+                        ThreadFailureNotes().attempts = 1;
+                        completion(attempt.failure.get(), attempt.body.Get());
+                    });
 }
 
 Basalt::Ref<Basalt::Reader> ConvertReply(const Basalt::Exception* error,

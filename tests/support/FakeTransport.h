@@ -7,12 +7,12 @@
 #include <basalt/Http.h>
 #include <basalt/IO.h>
 #include <basalt/StringUtil.h>
+#include <basalt/Thread.h>
 
 #include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -43,10 +43,20 @@ class FakeTransport : public SsoClient::Transport,
         Basalt::CreateStringReader(m_responder(request), reply);
         return reply;
     }
-    // The service runs its asynchronous calls on the thread pool over SendAndWait.
+    // Answers on a pool thread, as the HTTP thread would, and cannot be cancelled.
     Basalt::Ref<Basalt::Http::PendingRequestItem> SendAsync(
-        const SsoClient::SoapRequest&, SsoClient::TransportCompletion) override {
-        throw std::logic_error("not used by the service");
+        const SsoClient::SoapRequest& request, SsoClient::TransportCompletion completion) override {
+        auto self = shared_from_this();
+        Basalt::System::GetThreadPool()->GetWorkQueue()->Post([self, request, completion] {
+            Basalt::Ref<Basalt::Reader> reply;
+            try {
+                reply = self->SendAndWait(request);
+            } catch (const Basalt::Exception& failure) {
+                return completion(&failure, nullptr);
+            }
+            completion(nullptr, reply.Get());
+        });
+        return nullptr;
     }
     std::vector<SsoClient::SoapRequest> Requests() const {
         std::lock_guard<std::mutex> lock(m_mutex);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
@@ -72,6 +73,9 @@ class BASALT_API WorkQueue : public virtual Object {
     // Queues a callable. An exception escaping it goes to the pool's unhandled-exception
     // handler (by default logged on the "Basalt" logger at error level); the pool carries on.
     virtual void Post(std::function<void()> work) = 0;
+    // Queues a callable to run once delay microseconds have passed. No thread waits meanwhile:
+    // the pool's timer holds it. Shutdown waits for it to come due and run.
+    virtual void PostAfter(int64_t delay, std::function<void()> work) = 0;
 
     // Queues a callable and returns a future for its result; an exception from the callable
     // is delivered through the future.

@@ -1,9 +1,11 @@
 #include <basalt/Thread.h>
 
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/thread_pool.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -73,6 +75,21 @@ class ThreadPoolImpl final : public ObjectImpl, public ThreadPool, public WorkQu
         }
         // The pool object outlives its queued work: Shutdown() joins before it goes.
         boost::asio::post(m_pool, [this, work = std::move(work)] { RunGuarded(work); });
+    }
+
+    void PostAfter(int64_t delay, std::function<void()> work) override {
+        if (!work) {
+            throw InvalidArgumentException("WorkQueue::PostAfter: empty callable");
+        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_stopped) {
+            throw InvalidStateException("The thread pool has been shut down");
+        }
+        auto timer = std::make_shared<boost::asio::steady_timer>(
+            m_pool, std::chrono::microseconds(std::max<int64_t>(delay, 0)));
+        timer->async_wait([this, timer, work = std::move(work)](const boost::system::error_code&) {
+            RunGuarded(work);
+        });
     }
 
     void Shutdown() override {

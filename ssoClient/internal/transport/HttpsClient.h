@@ -4,6 +4,7 @@
 #include <basalt/Ssl.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -63,6 +64,12 @@ class HttpsSession : public TransportSession {
     // Sends once, waiting up to timeout; connectTimeout 0 leaves the foundation's. Notes the URL
     // and the reply's status (and the start of a refused reply) in ThreadFailureNotes.
     Attempt Try(const SoapRequest& request, int64_t timeout, int64_t connectTimeout);
+    // Sends once without waiting; done runs on the HTTP thread with the outcome, the notes in
+    // ThreadFailureNotes() there.
+    Basalt::Ref<Basalt::Http::PendingRequestItem> TryAsync(const SoapRequest& request,
+                                                           int64_t timeout, int64_t connectTimeout,
+                                                           std::function<void(Attempt&)> done);
+    int64_t GetWaitTimeout() const { return m_waitTimeout; }
 
   private:
     Basalt::Ref<Basalt::Http::PendingRequestItem> Start(const SoapRequest& request,

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <memory>
 
+#include <ssoClient/ServiceObserver.h>
+
 #include "internal/transport/HttpsClient.h"
 
 namespace SsoClient {
@@ -20,6 +22,8 @@ struct SessionLimits {
     int maxAttempts = 1;
     int64_t baseDelay = 0;
     int64_t maxDelay = 0;
+    // Told of each retry; may be null.
+    std::shared_ptr<ServiceObserver> observer;
 };
 
 class LimitedTransport : public Transport {
@@ -37,7 +41,8 @@ class LimitedTransport : public Transport {
 };
 
 // A session whose deadline started when it was made.
-class LimitedSession : public TransportSession {
+class LimitedSession : public TransportSession,
+                       public std::enable_shared_from_this<LimitedSession> {
   public:
     LimitedSession(std::shared_ptr<HttpsSession> session, int64_t waitTimeout,
                    const SessionLimits& limits, const Basalt::System::Clock& clock);
@@ -45,16 +50,24 @@ class LimitedSession : public TransportSession {
     // Throws CommunicationException "deadline of <d> exceeded[ after <n> legs]" when the deadline
     // passes, or the last try's failure.
     Basalt::Ref<Basalt::Reader> SendAndWait(const SoapRequest& request) override;
-    // Unlimited: nobody waits on it.
+    // The same limits without a waiting thread: a retry is sent again by the pool's timer once
+    // its pause has passed. The handle cancels whichever try or pause is current.
     Basalt::Ref<Basalt::Http::PendingRequestItem> SendAsync(
         const SoapRequest& request, TransportCompletion completion) override;
 
   private:
+    class AsyncExchange;
+
+    // How many tries the next request gets.
+    int Tries() const;
+    // The pause before another try after outcome of try number attempt (which waited timeout),
+    // or -1 when outcome is final; throws the deadline's failure when it was the shorter limit.
+    int64_t NextPause(const Attempt& outcome, int attempt, int64_t timeout) const;
+    CommunicationException DeadlineError() const;
     // Of the deadline; negative once passed.
     int64_t Remaining() const;
     // How long the next try may wait; throws once the deadline has passed.
     int64_t TimeLeft() const;
-    [[noreturn]] void ThrowDeadline() const;
     // The pause before try number attempt + 1.
     int64_t Pause(int attempt) const;
 

@@ -10,7 +10,9 @@
 #include <ssoClient/SecurityTokenService.h>
 #include <ssoClient/TokenProvider.h>
 
+#include <condition_variable>
 #include <future>
+#include <mutex>
 
 #include "TestData.h"
 #include "internal/saml/Descriptions.h"
@@ -153,16 +155,26 @@ TEST_F(SecurityTokenServiceTest, ActingForAnotherExtendsTheDelegationChain) {
     EXPECT_EQ(chain[0].principal, (PrincipalId{"alice", "example.test"}));
 }
 
+// Waiting, and asynchronously (each leg sent from the pool, in the same session).
 TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
-    TestGssHandler handler("alice@example.test", "alice-password", 2);
-    auto token = Service(false)->AcquireTokenByGSS(Spec(), handler);
-    ASSERT_TRUE(token);
-    EXPECT_EQ(token->GetSubject()->name, "alice");
-    // Empty first leg, two challenges, then the final WELCOME handed to the handler once more.
-    ASSERT_EQ(handler.serverLegs.size(), 4u);
-    EXPECT_EQ(handler.serverLegs[0], "");
-    EXPECT_EQ(handler.serverLegs[3], "WELCOME alice@example.test");
-    EXPECT_EQ(m_sts.Stats()["requests"], 3);
+    for (bool async : {false, true}) {
+        auto handler = std::make_shared<TestGssHandler>("alice@example.test", "alice-password", 2);
+        std::promise<std::shared_ptr<const SamlToken>> issued;
+        if (async) {
+            Service(false)->AcquireTokenByGSSAsync(
+                Spec(), handler, [&](const auto& token, auto*) { issued.set_value(token); });
+        } else {
+            issued.set_value(Service(false)->AcquireTokenByGSS(Spec(), *handler));
+        }
+        auto token = issued.get_future().get();
+        ASSERT_TRUE(token);
+        EXPECT_EQ(token->GetSubject()->name, "alice");
+        // Empty first leg, two challenges, then the final WELCOME handed to the handler again.
+        ASSERT_EQ(handler->serverLegs.size(), 4u);
+        EXPECT_EQ(handler->serverLegs[0], "");
+        EXPECT_EQ(handler->serverLegs[3], "WELCOME alice@example.test");
+        EXPECT_EQ(m_sts.Stats()["requests"], async ? 6 : 3);
+    }
 }
 
 // One deadline over all legs of a negotiation: a clock two seconds later at each reading (when the
@@ -240,6 +252,48 @@ TEST_F(SecurityTokenServiceTest, ManyConcurrentProviderCallersCauseOneRequest) {
         EXPECT_EQ(caller.get(), token);
     }
     EXPECT_EQ(m_sts.Stats()["requests"], 1);
+}
+
+// Calls waiting on a server that never answers hold no thread: with 64 of them connected, a call
+// to the STS completes at once. Cancelled, each ends exactly once, promptly, however often it is
+// cancelled.
+TEST_F(SecurityTokenServiceTest, HungCallsHoldNoThreadAndEndOnceWhenCancelled) {
+    using namespace std::chrono_literals;
+    constexpr int kHung = 64;
+    TestSts::TestServer silent({"--silent"});
+    auto hung = CreateSecurityTokenService(TestSupport::LoopbackStsConfig(
+        "http://127.0.0.1:" + std::to_string(silent.Port()) + "/sts"));
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> outcomes;
+    std::vector<std::shared_ptr<AsyncOperation>> calls;
+    for (int i = 0; i < kHung; ++i) {
+        calls.push_back(hung->AcquireTokenAsync(
+            "alice", "alice-password", Spec(), [&](const auto& token, const Basalt::Exception* e) {
+                std::lock_guard<std::mutex> lock(mutex);
+                outcomes.push_back(std::string(token ? "token " : "") +
+                                   (e ? Basalt::DemangledName(typeid(*e)) + ": " + e->what() : ""));
+                changed.notify_all();
+            }));
+    }
+    for (int polls = 0; silent.Stats()["connections"] < kHung && polls < 100000; ++polls) {
+    }
+    ASSERT_EQ(silent.Stats()["connections"], kHung);
+    std::promise<bool> good;
+    const auto start = std::chrono::steady_clock::now();
+    Service(false)->AcquireTokenAsync("alice", "alice-password", Spec(),
+                                      [&](const auto& token, auto*) { good.set_value(!!token); });
+    EXPECT_TRUE(good.get_future().get());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    for (int round = 0; round < 2; ++round) {
+        for (const auto& call : calls) {
+            call->Cancel();
+        }
+    }
+    std::unique_lock<std::mutex> lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, 5s, [&] { return outcomes.size() >= kHung; }));
+    EXPECT_EQ(outcomes, std::vector<std::string>(
+                            kHung, "SsoClient::OperationCancelledException: Operation cancelled"));
 }
 
 }  // namespace

@@ -120,11 +120,13 @@ struct Outcomes {
 
 class ServiceLogicTest : public ::testing::Test {
   protected:
-    std::shared_ptr<SecurityTokenService> Service(Responder responder = Answer) {
+    std::shared_ptr<SecurityTokenService> Service(
+        Responder responder = Answer, std::shared_ptr<ServiceObserver> observer = nullptr) {
         m_transport = std::make_shared<FakeTransport>(std::move(responder));
         return std::make_shared<SecurityTokenServiceImpl>(
             std::make_shared<RequestBuilderImpl>(LoadHolderOfKey()), m_transport,
-            std::make_shared<ResponseHandlerImpl>(), CreateSamlTokenFactory(m_resolver.Get()));
+            std::make_shared<ResponseHandlerImpl>(), CreateSamlTokenFactory(m_resolver.Get()),
+            std::move(observer));
     }
 
     Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> m_resolver = StsResolver();
@@ -390,6 +392,10 @@ TEST_F(ServiceLogicTest, TraceLinesOnlyWhenTheLevelAdmitsThem) {
         ASSERT_GE(lines.size(), 2u) << op.name;
         EXPECT_EQ(lines.front(), "7 START operation SecurityTokenServiceImpl::" + op.name);
         EXPECT_EQ(lines.back(), "7 END operation SecurityTokenServiceImpl::" + op.name);
+        Outcomes outcomes;  // the asynchronous operation writes the same lines
+        op.start(*service, token, outcomes.For(op.name));
+        outcomes.Wait(1);
+        EXPECT_EQ(log.Take(), lines) << op.name;
     }
     EXPECT_TRUE(service->ValidateToken(*token));
     auto issued = service->AcquireToken("alice", "secret", Spec());
@@ -413,6 +419,66 @@ TEST_F(ServiceLogicTest, TraceLinesOnlyWhenTheLevelAdmitsThem) {
     EXPECT_EQ(
         lines[3],
         "4 SecurityTokenServiceImpl::AcquireToken failed (SsoClient::CommunicationException)");
+}
+
+// What an observer hears of a call, in order, before the caller hears of its end.
+TEST_F(ServiceLogicTest, ObserverHearsEachCallInOrder) {
+    struct Recorder : ServiceObserver {
+        void OperationStarted(const char* op) override { Add("started " + std::string(op)); }
+        void OperationFinished(const char* op, std::chrono::microseconds took,
+                               Outcome outcome) override {
+            const char* names[] = {"Success",   "Rejected", "Communication",
+                                   "Cancelled", "Failed",   "Misuse"};
+            Add("finished " + std::string(op) + " " + names[static_cast<int>(outcome)] +
+                (took.count() >= 0 ? "" : " in negative time"));
+        }
+        void TokenIssued(const char* op, std::chrono::seconds left) override {
+            Add("issued " + std::string(op) + (left.count() > 0 ? "" : " expired"));
+        }
+        void Add(const std::string& event) {
+            std::lock_guard<std::mutex> lock(mutex);
+            events.push_back(event);
+        }
+        std::mutex mutex;
+        std::vector<std::string> events;
+    };
+    const Responder rejected = [](auto&) { return SoapFault("wst:FailedAuthentication", ""); };
+    const Responder odd = [](auto&) { return SoapEnvelope("<soapenv:Fault/>"); };
+    const struct {
+        Responder responder;
+        std::vector<std::string> events;
+    } cases[] = {
+        {Answer, {"issued AcquireToken", "finished AcquireToken Success"}},
+        {Unavailable, {"finished AcquireToken Communication"}},
+        {rejected, {"finished AcquireToken Rejected"}},
+        {odd, {"finished AcquireToken Failed"}},
+    };
+    for (bool async : {false, true}) {
+        for (const auto& c : cases) {
+            auto recorder = std::make_shared<Recorder>();
+            auto service = Service(c.responder, recorder);
+            std::promise<void> done;
+            if (async) {
+                service->AcquireTokenAsync("alice", "secret", Spec(), [&](auto&, auto*) {
+                    recorder->Add("done");
+                    done.set_value();
+                });
+            } else {
+                try {
+                    service->AcquireToken("alice", "secret", Spec());
+                } catch (const SsoException&) {
+                }
+                done.set_value();
+                recorder->Add("done");
+            }
+            done.get_future().wait();
+            std::vector<std::string> expected = {"started AcquireToken"};
+            expected.insert(expected.end(), c.events.begin(), c.events.end());
+            expected.push_back("done");
+            std::lock_guard<std::mutex> lock(recorder->mutex);
+            EXPECT_EQ(recorder->events, expected) << async;
+        }
+    }
 }
 
 }  // namespace
