@@ -113,6 +113,11 @@ struct SecurityTokenServiceConfig {
     // With no proxy set: take one from the http_proxy / https_proxy / no_proxy environment
     // variables. Off by default, so that configuration comes from this record only.
     bool environmentProxy = false;
+    // Passwords, GSS legs, tokens and holder-of-key requests are refused over a plain http://
+    // url unless this is set (a warning is logged once when it is used): with it unset, a
+    // holderOfKey makes the factory throw, and every operation throws
+    // Basalt::InvalidArgumentException before anything is sent.
+    bool allowPlainHttp = false;
 };
 
 // Connect through the caller's own HTTP user agent (connections, TLS and cookies are the
