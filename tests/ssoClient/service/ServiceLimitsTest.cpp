@@ -91,6 +91,8 @@ TEST(ServiceLimits, RetriesWhatIsSafeAndLogsWhatTheExceptionDoesNotCarry) {
     };
     ServiceLimits limits;
     limits.retry = RetryPolicy{3, 10ms, 20ms};
+    // The plain-HTTP opt-in warns once per process: before the capture.
+    CreateSecurityTokenService(TestSupport::LoopbackStsConfig(refusedUrl));
     TestSupport::LogCapture log(Basalt::Service::Logger::LL_Warning);
     for (const Case& c : cases) {
         server.Command("reset");
