@@ -85,6 +85,7 @@ std::shared_ptr<SecurityTokenService> MakeService(bool reuse, bool holderOfKey) 
     config.tokenFactory = CreateSamlTokenFactory(resolver.Get());
     config.sslContext = ssl.Get();
     config.connectionFlag = reuse;
+    config.allowPlainHttp = true;  // the loopback STS
     if (holderOfKey) {
         HolderOfKeyConfig client;
         Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/client.pem"),

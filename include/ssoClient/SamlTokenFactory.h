@@ -87,6 +87,21 @@ inline std::shared_ptr<const SamlToken> CreateSamlTokenFromDom(Basalt::Xml::Elem
     return CreateSamlTokenFromDom(assertion, static_cast<long>(clockToleranceSec));
 }
 
+// Chooses, for this process, the scheme and host of the vendor-extension URIs, replacing those set
+// when the library was built: namespaceBase for the advice namespaces
+// (<namespaceBase>/names/2009/12/std-ext/...), attributeNameBase for the group-identity and
+// isSolution attribute names (<attributeNameBase>/schemas/attr-names/...), each e.g.
+// "https://sts.corp.example" without a trailing slash. Call it once at start-up:
+//
+//   SsoClient::SetSamlExtensionHosts("https://sts.corp.example", "https://sts.corp.example");
+//
+// Throws Basalt::InvalidStateException "SAML extension hosts must be set before the first token
+// is parsed or requested" once a token has been parsed or a request with advice built. A token
+// whose group-identity or isSolution attribute differs from the names in effect only in its host
+// is read without it; the first such attribute logs a warning on the "SsoClient" logger.
+SSOCLIENT_API void SetSamlExtensionHosts(const std::string& namespaceBase,
+                                         const std::string& attributeNameBase);
+
 // A factory that always verifies with resolver (a reference is kept; may be null, in which case
 // every verification fails).
 SSOCLIENT_API std::shared_ptr<SamlTokenFactory> CreateSamlTokenFactory(

@@ -128,6 +128,11 @@ struct SecurityTokenServiceConfig {
     bool environmentProxy = false;
     // Told of every operation, retry and issued token (see ServiceObserver); none by default.
     std::shared_ptr<ServiceObserver> observer;
+    // Passwords, GSS legs, tokens and holder-of-key requests are refused over a plain http://
+    // url unless this is set (a warning is logged once when it is used): with it unset, a
+    // holderOfKey makes the factory throw, and every operation throws
+    // Basalt::InvalidArgumentException before anything is sent.
+    bool allowPlainHttp = false;
 };
 
 // Connect through the caller's own HTTP user agent (connections, TLS and cookies are the

@@ -78,6 +78,9 @@ struct TokenSpec {
     boost::optional<std::shared_ptr<const SamlToken>> actAsToken;
     bool renewable = false;
     ConfirmationType confirmation = CONFIRMATION_DEFAULT;
+    // The endpoint address of the relying party the token is for, sent as wsp:AppliesTo in issue
+    // requests (after wst:RequestType); absent, no AppliesTo is sent.
+    boost::optional<std::string> appliesTo;
 };
 
 // A person's name as a token states it.

@@ -4,6 +4,7 @@
 
 #include "internal/gss/GssNegotiationContextImpl.h"
 #include "internal/transport/HttpsClient.h"
+#include "internal/transport/PlainHttpGuard.h"
 
 namespace SsoClient {
 namespace InternalApi {
@@ -49,8 +50,9 @@ std::shared_ptr<GssNegotiationContext> CreateGssNegotiationContext(
     const SecurityTokenServiceConfig& config, const TokenSpec& spec) {
     auto requestBuilder = std::make_shared<RequestBuilderImpl>(config.holderOfKey);
     // Deliberately without connection reuse, whatever config.connectionFlag says.
-    auto client = std::make_shared<HttpsClient>(config.url, config.sslContext, config.sslParameter,
-                                                kWaitTimeoutMicros, false);
+    auto client = GuardPlainHttp(
+        config, std::make_shared<HttpsClient>(config.url, config.sslContext, config.sslParameter,
+                                              kWaitTimeoutMicros, false));
     auto responseHandler = std::make_shared<ResponseHandlerImpl>();
     std::shared_ptr<TransportSession> session = client->CreateSession();
     return std::make_shared<GssNegotiationContextImpl>(spec, requestBuilder, session,

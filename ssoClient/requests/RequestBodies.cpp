@@ -4,6 +4,7 @@
 #include <basalt/StringUtil.h>
 
 #include "internal/requests/WsTrustNames.h"
+#include "internal/saml/ExtensionNames.h"
 #include "internal/xml/XmlUtils.h"
 
 namespace SsoClient {
@@ -41,12 +42,22 @@ std::shared_ptr<XMLCompositeBuilder> TokenRequest(const char* tokenType, const c
     return request;
 }
 
+// wsp:AppliesTo naming the relying party's endpoint, as WS-Policy defines it.
+XMLBuilderPtr BuildAppliesTo(const std::string& address) {
+    auto reference = Composite("wsa", "EndpointReference", {{"xmlns:wsa", Xmlns::kWsa}});
+    reference->Add(Text("wsa", "Address", address));
+    auto appliesTo = Composite("wsp", "AppliesTo", {{"xmlns:wsp", Xmlns::kWsPolicy}});
+    appliesTo->Add(reference);
+    return appliesTo;
+}
+
 XMLBuilderPtr BuildAdviceSet(const std::vector<Advice>& adviceList) {
-    auto adviceSet = Composite("rsa-advice", "AdviceSet",
-                               {{"xmlns:rsa-advice", Xmlns::kWsTrustAdvice},
-                                {"xmlns:saml", Xmlns::kSamlAssertion},
-                                {"xmlns:xs", Xmlns::kXs},
-                                {"xmlns:xsi", Xmlns::kXsi}});
+    auto adviceSet =
+        Composite("rsa-advice", "AdviceSet",
+                  {{"xmlns:rsa-advice", Saml::CurrentExtensionNames().wsTrustAdvice.c_str()},
+                   {"xmlns:saml", Xmlns::kSamlAssertion},
+                   {"xmlns:xs", Xmlns::kXs},
+                   {"xmlns:xsi", Xmlns::kXsi}});
     for (const Advice& advice : adviceList) {
         adviceSet->Add(BuildAdvice(advice));
     }
@@ -59,8 +70,12 @@ std::shared_ptr<XMLCompositeBuilder> BuildIssueRequest(bool holderOfKey, const T
     auto request = Composite("wst", "RequestSecurityToken",
                              {{"xmlns:wst", Xmlns::kWsTrust}, {"xmlns:wst14", Xmlns::kWsTrust14}});
     request->Add(Text("wst", "TokenType", kSamlTokenType))
-        .Add(Text("wst", "RequestType", kIssueRequest))
-        .Add(Text("wst", "KeyType", holderOfKey ? kPublicKeyKeyType : kBearerKeyType))
+        .Add(Text("wst", "RequestType", kIssueRequest));
+    // The relying party follows the request type, where WS-Trust's examples put it.
+    if (spec.appliesTo) {
+        request->Add(BuildAppliesTo(*spec.appliesTo));
+    }
+    request->Add(Text("wst", "KeyType", holderOfKey ? kPublicKeyKeyType : kBearerKeyType))
         .Add(BuildLifetime(spec.tokenLifetimeSec))
         .Add(CreateElementBuilder(
             "wst", "Renewing",

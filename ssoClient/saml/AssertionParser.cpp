@@ -12,6 +12,7 @@
 #include <basalt/StringUtil.h>
 
 #include <ssoClient/Exceptions.h>
+#include "internal/saml/ExtensionNames.h"
 #include "internal/saml/SamlNames.h"
 #include "internal/saml/Validation.h"
 #include "internal/xml/XmlUtils.h"
@@ -39,10 +40,14 @@ const QName kPostdatableAttr{"", "Postdatable", "Postdatable"};
 const QName kRenewExpiredAttr{"", "RenewExpired", "RenewExpired"};
 const QName kKeyInfoConfirmationType{Xmlns::kSamlAssertion, "KeyInfoConfirmationDataType", ""};
 const QName kDelegationRestrictionType{Xmlns::kSamlDelegation, "DelegationRestrictionType", ""};
-const QName kRenewRestrictionType{Xmlns::kSamlAdviceExtension, "RenewRestrictionType", ""};
 constexpr std::string_view kXmlnsPrefix = "xmlns:";
 
 const SkipWsAndCommentsFilter kFilter;
+
+// Its namespace host is fixed at first use, not at load.
+QName RenewRestrictionType() {
+    return {CurrentExtensionNames().samlAdviceExtension, "RenewRestrictionType", ""};
+}
 
 // Element names in messages are local names, as the DOM reports them.
 std::string NameOf(const ElementNode& element) {
@@ -407,7 +412,7 @@ bool ReadRestriction(const Ref<Node>& node, ConditionsRecord& conditions) {
         conditions.audienceRestriction = ReadAudienceRestriction(*element);
     } else if (!conditions.proxyRestriction && localName == "ProxyRestriction") {
         conditions.proxyRestriction = ReadProxyRestriction(*element);
-    } else if (!conditions.renewRestriction && isCondition(kRenewRestrictionType)) {
+    } else if (!conditions.renewRestriction && isCondition(RenewRestrictionType())) {
         conditions.renewRestriction = ReadRenewRestriction(*element);
     } else {
         return false;
@@ -433,8 +438,8 @@ std::vector<Advice> ReadAdvice(const ElementNode& element) {
     ExpectNoAttributes(element);
     std::vector<Advice> adviceList;
     for (ChildCursor cursor(element); !cursor.AtEnd(); cursor.Advance()) {
-        const Ref<ElementNode> rsaAdvice =
-            ExpectElement(cursor.Current(), "RSAAdvice", Xmlns::kSamlAdviceExtension);
+        const Ref<ElementNode> rsaAdvice = ExpectElement(
+            cursor.Current(), "RSAAdvice", CurrentExtensionNames().samlAdviceExtension);
         const Attributes attributes(*rsaAdvice, {"AdviceSource"}, {});
         Advice advice{attributes.Text("AdviceSource"), {}};
         for (ChildCursor children(*rsaAdvice); !children.AtEnd(); children.Advance()) {

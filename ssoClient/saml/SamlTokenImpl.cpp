@@ -9,6 +9,7 @@
 
 #include <ssoClient/Exceptions.h>
 #include "internal/saml/AssertionParser.h"
+#include "internal/saml/ExtensionNames.h"
 #include "internal/saml/ParsedAssertion.h"
 #include "internal/saml/SamlNames.h"
 #include "internal/saml/Validation.h"
@@ -102,6 +103,7 @@ SamlTokenImpl::~SamlTokenImpl() = default;
 void SamlTokenImpl::Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& assertion, bool verify,
                                const Basalt::System::Clock& clock,
                                const Basalt::Xml::Security::KeyInfoResolver* resolver) {
+    Saml::CurrentExtensionNames();  // the first token fixes the extension hosts
     Saml::ParsedAssertion parsed;
     Saml::WalkAssertion(assertion, parsed);
     Saml::ValidateAssertion(parsed, m_clockToleranceSec, clock);
@@ -151,17 +153,20 @@ void SamlTokenImpl::InterpretAttributes(const Saml::ParsedAssertion& parsed) {
     const auto firstValue = [](const Saml::AttributeRecord& attribute) {
         return attribute.values.empty() ? std::string() : attribute.values.front();
     };
+    const Saml::ExtensionNames& names = Saml::CurrentExtensionNames();
     for (const auto& attribute : *parsed.attributes) {
-        if (attribute.name == Saml::kGroupIdentityAttribute) {
+        if (attribute.name == names.groupIdentity) {
             for (const auto& value : attribute.values) {
                 m_groups.push_back(Saml::ParseGroupIdentity(value));
             }
-        } else if (attribute.name == Saml::kIsSolutionAttribute) {
+        } else if (attribute.name == names.isSolution) {
             m_isSolution = Saml::ParseIsSolution(attribute.values);
         } else if (attribute.name == Saml::kGivenNameAttribute) {
             m_givenName = firstValue(attribute);
         } else if (attribute.name == Saml::kSurnameAttribute) {
             m_surname = firstValue(attribute);
+        } else {
+            Saml::WarnOnNearMissAttribute(attribute.name);
         }
     }
 }

@@ -3,6 +3,7 @@
 #include "internal/service/SecurityTokenServiceImpl.h"
 #include "internal/transport/HttpsClient.h"
 #include "internal/transport/LimitedTransport.h"
+#include "internal/transport/PlainHttpGuard.h"
 
 namespace SsoClient {
 
@@ -108,11 +109,12 @@ std::shared_ptr<SecurityTokenService> CreateSecurityTokenService(
     return Assemble(
         config.holderOfKey,
         [&] {
-            return Limit("SecurityTokenServiceConfig",
-                         std::make_shared<HttpsClient>(config.url, config.sslContext,
-                                                       config.sslParameter, kWaitTimeoutMicros,
-                                                       config.connectionFlag, AgentOptions(config)),
-                         config.limits, config.observer);
+            return GuardPlainHttp(
+                config, Limit("SecurityTokenServiceConfig",
+                              std::make_shared<HttpsClient>(
+                                  config.url, config.sslContext, config.sslParameter,
+                                  kWaitTimeoutMicros, config.connectionFlag, AgentOptions(config)),
+                              config.limits, config.observer));
         },
         tokenFactory, config.observer);
 }

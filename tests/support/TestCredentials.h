@@ -55,6 +55,7 @@ inline SsoClient::SecurityTokenServiceConfig LoopbackStsConfig(const std::string
     config.tokenFactory = SsoClient::CreateSamlTokenFactory(trust.resolver.Get());
     config.keyInfoResolver = trust.resolver;
     config.sslContext = trust.sslContext.Get();
+    config.allowPlainHttp = true;  // the loopback STS may speak plain HTTP
     return config;
 }
 

@@ -2,7 +2,8 @@
 
 // Confirmation methods, formats and attribute names the assertion walk and the token rely on
 // (namespaces: internal/xml/Namespaces.h). The vendor attribute names share a configurable scheme
-// and host (see README.md, "SAML extension URIs"), set at configure time.
+// and host (see README.md, "SAML extension URIs"): these are the configure-time defaults; the
+// library reads the names in effect from internal/saml/ExtensionNames.h.
 
 #include "internal/xml/Namespaces.h"
 

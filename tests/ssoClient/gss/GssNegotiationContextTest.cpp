@@ -39,6 +39,7 @@ TEST(GssNegotiationContextTest, NegotiatesWithTheServiceLegByLeg) {
     config.url = sts.Url();
     config.sslContext = trust.sslContext.Get();
     config.keyInfoResolver = trust.resolver;
+    config.allowPlainHttp = true;
     auto context = CreateGssNegotiationContext(config, Spec());
     TestGssMechanism alice("alice@example.test", "alice-password", 2);
     GssLegResult result;

@@ -52,6 +52,7 @@ TEST(RequestBodiesTest, EveryBodyKindHasItsElementsInOrderAndTheirValues) {
     full.actAsToken = std::make_shared<const TextToken>(token);
     full.audienceRestriction = {"urn:b", "urn:a"};
     full.advice = {{"urn:source", {{"colour", {"red", "green"}}, {"empty", {}}}}};
+    full.appliesTo = std::string("https://api.example.test/orders");
     const std::vector<unsigned char> leg{0x60, 0x82, 0x00, 0xff};
     const std::string rst = "wst:RequestSecurityToken ",
                       issue = rst +
@@ -65,7 +66,8 @@ TEST(RequestBodiesTest, EveryBodyKindHasItsElementsInOrderAndTheirValues) {
         {BuildIssueRequestWithUseKey(true, delegated), issue + " wst:DelegateTo"},
         {BuildIssueRequestWithUseKey(false, delegated), issue + " wst:DelegateTo"},
         {BuildIssueRequest(false, full),
-         issue + " wst:DelegateTo wst14:ActAs wst:Participants rsa-advice:AdviceSet"},
+         rst + "wst:TokenType wst:RequestType wsp:AppliesTo wst:KeyType wst:Lifetime wst:Renewing "
+               "wst:Delegatable wst:DelegateTo wst14:ActAs wst:Participants rsa-advice:AdviceSet"},
         {BuildRenewRequest(token, 3600),
          rst + "wst:TokenType wst:RequestType wst:Lifetime wst:RenewTarget"},
         {BuildValidateRequest(token), rst + "wst:TokenType wst:RequestType wst:ValidateTarget"},
@@ -101,6 +103,7 @@ TEST(RequestBodiesTest, EveryBodyKindHasItsElementsInOrderAndTheirValues) {
         {hok, "Delegatable", "true"},
         {hok, "DelegateTo/UsernameToken/Username", "bob@EXAMPLE.TEST"},
         {hok, "AdviceSet/Advice/@AdviceSource", "urn:source"},
+        {hok, "AppliesTo/EndpointReference/Address", "https://api.example.test/orders"},
         {renew, "TokenType", saml2},
         {renew, "RequestType", kTrust + "/Renew"},
         {validate, "TokenType", kTrust + "/RSTR/Status"},

@@ -15,6 +15,7 @@
 #include "internal/xml/XmlUtils.h"
 #include "ssoClient/requests/RequestTestSupport.h"
 #include "support/ExpectThrow.h"
+#include "support/LogCapture.h"
 #include "support/SamlAssertionGenerator.h"
 #include "support/TestCredentials.h"
 
@@ -276,6 +277,54 @@ TEST(DescriptionTest, DescribesTokenSpecsAndATokenWithoutSubjectOrKnownType) {
               "SamlToken [subject=(null), groups=[], delegationChain=[], "
               "startTime=1970-01-01T00:00:00.000000Z, endTime=1970-01-01T00:00:00.000000Z, "
               "renewCount=0, delegableCount=0, isSolution=false, type=]");
+}
+
+// Another STS's attribute host, chosen before first use, yields the groups; the build-time host
+// then becomes a near miss, ignored with one warning. The hosts are fixed for the process, so
+// this runs in a fresh one, which exits 0 only if every check held (failures on stderr).
+std::string AnotherHost() {
+    const std::string other = "https://sts.other.example", path = "/schemas/attr-names/";
+    std::string failures;
+    const auto check = [&](bool held, const std::string& what) {
+        failures += held ? "" : what + "\n";
+    };
+    const auto groupsOf = [&](const std::string& host) {
+        AssertionSpec spec;
+        spec.attributes = {{host + path + "2009/01/GroupIdentity", {"other\\Admins"}}};
+        std::vector<PrincipalId> groups;
+        CreateSamlToken(MakeSignedAssertion(spec))->GetGroups(groups);
+        return groups.size();
+    };
+    SetSamlExtensionHosts(SSOCLIENT_SAML_EXTENSION_NS_BASE, other);
+    LogCapture log(4);
+    check(groupsOf(other) == 1, "the other host's groups were not read");
+    check(groupsOf(SSOCLIENT_SAML_ATTRIBUTE_NAME_BASE) + groupsOf("http://x") == 0,
+          "a near-miss host's groups were read");
+    const std::vector<std::string> lines = log.Take();
+    check(lines == std::vector<std::string>{"4 Ignoring SAML attribute '" +
+                                            std::string(SSOCLIENT_SAML_ATTRIBUTE_NAME_BASE) + path +
+                                            "2009/01/GroupIdentity', which differs from "
+                                            "the configured '" +
+                                            other + path +
+                                            "2009/01/GroupIdentity' only in its host (see "
+                                            "SetSamlExtensionHosts)"},
+          "not one warning: " + ::testing::PrintToString(lines));
+    check(Throws<Basalt::InvalidStateException>(
+              [&] { SetSamlExtensionHosts(other, other); },
+              "SAML extension hosts must be set before the first token is parsed or requested"),
+          "the hosts could be changed after first use");
+    return failures;
+}
+
+TEST(SamlTokenTest, ExtensionHostsChosenAtRunTimeBeforeFirstUse) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            const std::string failures = AnotherHost();
+            std::cerr << failures;
+            std::_Exit(failures.empty() ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -60,6 +60,7 @@ class SecurityTokenServiceTest : public ::testing::Test {
         config.keyInfoResolver = trust.resolver;
         config.tokenFactory = CreateSamlTokenFactory(trust.resolver.Get());
         config.sslContext = trust.sslContext.Get();
+        config.allowPlainHttp = true;
         if (withHolderOfKey) {
             config.holderOfKey = trust.client;
         }

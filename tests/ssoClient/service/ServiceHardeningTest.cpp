@@ -67,6 +67,7 @@ TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
     plain.url = "http://127.0.0.1:" + std::to_string(port) + "/sts";
     plain.tokenFactory = CreateSamlTokenFactory(StsResolver().Get());
     plain.holderOfKey = LoadHolderOfKey();
+    plain.allowPlainHttp = true;
     auto with = [&](auto change) {
         SecurityTokenServiceConfig config = plain;
         change(config);
@@ -101,6 +102,17 @@ TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
          "HolderOfKeyConfig.privateKey does not match HolderOfKeyConfig.certificate"},
         {with([](auto& c) { c.url = "https://127.0.0.1/sts"; }),
          "HTTPS connection requested but no SSLContext provided."},
+        {with([](auto& c) { c.allowPlainHttp = false; }),
+         "SecurityTokenServiceConfig.holderOfKey needs an https:// url unless "
+         "SecurityTokenServiceConfig.allowPlainHttp is set"},
+        {[&] {
+             SecurityTokenServiceConfig config = plain;
+             config.allowPlainHttp = false;
+             config.holderOfKey = boost::none;
+             CreateSecurityTokenService(config)->AcquireToken("u", "p", Lifetime(600));
+         },
+         "Credentials and tokens are not sent over plain http:// unless "
+         "SecurityTokenServiceConfig.allowPlainHttp is set"},
         {[&] { CreateSecurityTokenService(plain)->AcquireToken("u", "p", Lifetime(0)); },
          "Token lifetime must be positive"},
         {[&] {
@@ -176,6 +188,7 @@ void ExitWithWorkInFlight() {
     SilentListener(port);
     SecurityTokenServiceConfig config;
     config.url = "http://127.0.0.1:" + std::to_string(port) + "/sts";
+    config.allowPlainHttp = true;
     config.tokenFactory = CreateSamlTokenFactory(StsResolver().Get());
     auto hanging = CreateSecurityTokenService(config);
     // The first call starts the pool and builds the tables on it, after the pool.

@@ -123,6 +123,8 @@ TEST(ServiceLimits, RetriesWhatIsSafeAndLogsWhatTheExceptionDoesNotCarry) {
     };
     ServiceLimits limits;
     limits.retry = RetryPolicy{3, 10ms, 20ms};
+    // The plain-HTTP opt-in warns once per process: before the capture.
+    CreateSecurityTokenService(TestSupport::LoopbackStsConfig(refusedUrl));
     TestSupport::LogCapture log(Basalt::Service::Logger::LL_Warning);
     // The asynchronous call sends its retries from the pool's timer, with the same outcome.
     for (async = false;; async = true) {
