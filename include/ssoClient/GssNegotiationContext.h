@@ -53,9 +53,9 @@ class SSOCLIENT_API GssNegotiationContext : public virtual Basalt::Object {
 };
 
 // A context for the service of config (url, sslContext, sslParameter, holderOfKey and
-// keyInfoResolver are used; connections are not kept alive) asking for the token that spec describes.
-// Throws Basalt::InvalidArgumentException for an https URL without an SSL context; URL parse
-// errors pass through.
+// keyInfoResolver are used; connections are not kept alive) asking for the token that spec
+// describes. Throws Basalt::InvalidArgumentException for an https URL without an SSL context; URL
+// parse errors pass through.
 SSOCLIENT_API std::shared_ptr<GssNegotiationContext> CreateGssNegotiationContext(
     const SecurityTokenServiceConfig& config, const TokenSpec& spec);
 
