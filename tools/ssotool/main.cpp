@@ -284,8 +284,11 @@ void AddStsOptions(CLI::App& command, Options& options) {
                     "CA certificates (PEM) trusted for the STS's TLS; "
                     "default: the system's")
         ->check(CLI::ExistingFile);
-    command.add_option("--trust", options.trust, "the STS's token-signing certificates (PEM)")
+    command
+        .add_option("--trust", options.trust,
+                    "a token-signing certificate of the STS (PEM; repeatable)")
         ->required()
+        ->allow_extra_args(false)
         ->check(CLI::ExistingFile);
     command.add_option("--lifetime", options.lifetime, "token lifetime in seconds (default 3600)")
         ->check(CLI::Range(1L, static_cast<long>(SsoClient::kMaxTokenLifetimeSec)));
@@ -335,11 +338,18 @@ int Run(int argc, char** argv) {
 
     CLI::App* validate = app.add_subcommand("validate", "Check a token's signature and validity");
     validate->add_option("file", options.file, "the token, or -")->required()->check(kFileOrStdin);
-    auto* trust = validate->add_option("--trust", options.trust, "SAML: signing certificates (PEM)")
-                      ->check(CLI::ExistingFile);
+    auto* trust =
+        validate
+            ->add_option("--trust", options.trust, "SAML: a signing certificate (PEM; repeatable)")
+            ->allow_extra_args(false)
+            ->check(CLI::ExistingFile);
     auto* jwt = validate->add_flag("--jwt", options.jwt, "the token is a JWT")->excludes(trust);
-    validate->add_option("--audience", options.audiences, "JWT: an accepted audience")->needs(jwt);
-    validate->add_option("--key", options.keys, "JWT: signing keys or certificates (PEM)")
+    validate->add_option("--audience", options.audiences, "JWT: an accepted audience (repeatable)")
+        ->allow_extra_args(false)
+        ->needs(jwt);
+    validate
+        ->add_option("--key", options.keys, "JWT: a signing key or certificate (PEM; repeatable)")
+        ->allow_extra_args(false)
         ->check(CLI::ExistingFile)
         ->needs(jwt);
     AddToleranceOption(*validate, options);
