@@ -5,7 +5,7 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config git
     libxml2-dev libxmlsec1-dev libssl-dev libcurl4-openssl-dev uuid-dev libboost-dev
-    libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
+    libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev libcli11-dev
     openssl xmlsec1 xml-security-c-utils
     python3 python3-lxml python3-xmlsec python3-cryptography python3-jwt python3-jwcrypto
     libkrb5-dev krb5-user krb5-kdc krb5-admin-server python3-gssapi

@@ -12,7 +12,7 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 foreach(file lib/libbasalt.so lib/libssoclient.so lib/cmake/SsoClient/SsoClientConfig.cmake
-             lib/pkgconfig/ssoclient.pc include/ssoClient/Types.h include/basalt/Object.h)
+             lib/pkgconfig/ssoclient.pc include/ssoClient/Types.h include/basalt/Object.h bin/ssotool)
     if(NOT EXISTS ${prefix}/${file})
         message(FATAL_ERROR "not installed: ${file}")
     endif()
