@@ -14,11 +14,17 @@
 
 namespace SsoClient {
 
-// How a provider obtains a new token from its service: one of the service's acquisitions.
+// How a provider obtains a new token from its service: one of the service's acquisitions, in its
+// blocking form (for a GetToken caller that has to wait anyway) and its asynchronous one (for
+// background refreshes and GetTokenAsync, so that no pool thread waits on the network).
 class SSOCLIENT_API TokenRecipe {
   public:
     using Acquire = std::function<std::shared_ptr<const SamlToken>(const SecurityTokenService&,
                                                                    const TokenSpec&)>;
+    // Starts the acquisition and returns its handle; calls back exactly once, as the service's
+    // asynchronous operations do.
+    using AcquireAsync = std::function<std::shared_ptr<AsyncOperation>(
+        const SecurityTokenService&, const TokenSpec&, const TokenCallback&)>;
     // AcquireToken(user, password, spec).
     static TokenRecipe ByPassword(std::string user, std::string password);
     // AcquireTokenByCertificate(spec); the service needs a HolderOfKeyConfig.
@@ -29,13 +35,17 @@ class SSOCLIENT_API TokenRecipe {
     // a negotiation cannot be replayed. No factory throws Basalt::InvalidArgumentException at
     // once; a factory that returns no handler makes that acquisition throw it.
     static TokenRecipe ByGss(std::function<std::shared_ptr<NegotiationHandler>()> handlerFactory);
-    // Any other acquisition.
-    explicit TokenRecipe(Acquire acquire);
+    // Any other acquisition. Without an asynchronous form, background acquisitions run acquire
+    // on a pool thread, which it holds for as long as it blocks.
+    explicit TokenRecipe(Acquire acquire, AcquireAsync acquireAsync = nullptr);
 
     const Acquire& Get() const { return m_acquire; }
+    // Empty for a recipe that has no asynchronous form.
+    const AcquireAsync& GetAsync() const { return m_acquireAsync; }
 
   private:
     Acquire m_acquire;
+    AcquireAsync m_acquireAsync;
 };
 
 // When a provider refreshes and how it backs off. The defaults suit tokens of minutes to hours.
@@ -72,10 +82,12 @@ struct TokenProviderOptions {
 // Single flight: any number of callers that find no usable token during an acquisition (or a
 // refresh) share that one service call and all get its token or its exception. The provider
 // holds no lock while the service works. A refresh renews a renewable holder-of-key token
-// (RenewToken for spec.tokenLifetimeSec) and re-acquires any other; it runs on the foundation's
-// thread pool while callers keep getting the current token. A failed call is not retried before
-// its back-off has passed. The provider is thread-safe; destroying it while a refresh is in
-// flight is safe (the refresh completes on the pool and its result is dropped).
+// (RenewToken for spec.tokenLifetimeSec) and re-acquires any other; it runs as the service's
+// asynchronous operation, holding no thread while the request is on the network, and callers keep
+// getting the current token meanwhile. A failed call is not retried before its back-off has
+// passed (nothing waits for it to pass: the next call after it tries again). The provider is
+// thread-safe. Destroying it with a call in flight is safe: a refresh nobody waits for is
+// cancelled; one that GetTokenAsync callers wait for completes for them and its token is dropped.
 class SSOCLIENT_API TokenProvider {
   public:
     virtual ~TokenProvider();
@@ -88,7 +100,8 @@ class SSOCLIENT_API TokenProvider {
     // InvalidCredentialsException, ...).
     virtual std::shared_ptr<const SamlToken> GetToken() = 0;
     // As GetToken, but calls callback exactly once: at once on the caller's thread when a token
-    // or a back-off failure is at hand, otherwise on a pool thread when the acquisition ends.
+    // or a back-off failure is at hand, otherwise on a pool thread when the acquisition ends
+    // (an acquisition it starts is the service's asynchronous operation).
     // A failure that is not a Basalt::Exception reaches the callback as an SsoException.
     virtual void GetTokenAsync(const TokenCallback& callback) = 0;
     // Forgets the token and any back-off: the next call acquires a new one. Callers of an

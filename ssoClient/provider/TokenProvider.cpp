@@ -5,13 +5,13 @@
 
 #include <basalt/Exception.h>
 #include <basalt/StringUtil.h>
-#include <basalt/Thread.h>
 
 #include <algorithm>
 #include <future>
 #include <limits>
 #include <mutex>
 #include <random>
+#include <utility>
 #include <vector>
 
 namespace SsoClient {
@@ -24,8 +24,11 @@ constexpr int64_t kMicrosPerSec = 1000000;
 struct Flight {
     std::promise<Token> promise;
     std::shared_future<Token> result = promise.get_future().share();
-    std::vector<TokenCallback> callbacks;  // guarded by the state's mutex
-    Token current;                         // the token to renew, if any
+    Token current;  // the token to renew, if any
+    // Guarded by the state's mutex.
+    std::vector<TokenCallback> callbacks;
+    std::shared_ptr<AsyncOperation> operation;  // while it runs asynchronously
+    bool done = false;
 };
 
 // What a caller does after looking at the state: use token, rethrow failure, or join flight
@@ -69,7 +72,12 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
             return plan.token;
         }
         if (plan.run) {
-            Run(plan.flight);  // an acquisition the caller waits for runs on its thread
+            // An acquisition the caller waits for runs on its thread.
+            const std::shared_ptr<Flight>& flight = plan.flight;
+            Finish(flight, [&] {
+                return Renews(flight->current) ? m_service->RenewToken(*flight->current, Lifetime())
+                                               : m_recipe.Get()(*m_service, m_spec);
+            });
         }
         return plan.flight->result.get();
     }
@@ -92,6 +100,21 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
         m_failure = nullptr;
         m_failures = 0;
         m_retryAt = std::numeric_limits<int64_t>::min();
+    }
+
+    // The provider is going: a refresh nobody waits for is cancelled, so that it keeps neither
+    // this state nor a connection to a service that does not answer.
+    void Abandon() {
+        std::shared_ptr<AsyncOperation> operation;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_flight && m_flight->callbacks.empty()) {
+                operation = m_flight->operation;
+            }
+        }
+        if (operation) {
+            operation->Cancel();
+        }
     }
 
   private:
@@ -150,19 +173,47 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
         return plan;
     }
 
-    // Queues the flight of plan on the pool if this caller is to run it.
+    // Starts the flight of plan as an asynchronous operation if this caller is to run it.
     void Queue(const Plan& plan) {
         if (!plan.run) {
             return;
         }
-        auto self = shared_from_this();
-        const std::shared_ptr<Flight> flight = plan.flight;
+        const std::shared_ptr<Flight>& flight = plan.flight;
         try {
-            Basalt::System::GetThreadPool()->GetWorkQueue()->Post(
-                [self, flight] { self->Run(flight); });
+            std::shared_ptr<AsyncOperation> operation = Start(flight);
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!flight->done) {
+                flight->operation = std::move(operation);
+            }
         } catch (...) {
             Complete(flight, nullptr, std::current_exception());
         }
+    }
+
+    // The operation renewing or acquiring the flight's token; its callback completes the flight
+    // (and keeps this state until then).
+    std::shared_ptr<AsyncOperation> Start(const std::shared_ptr<Flight>& flight) {
+        TokenCallback done = [self = shared_from_this(), flight](const Token& token,
+                                                                 const Basalt::Exception* e) {
+            self->Finish(flight, [&] {
+                if (e) {
+                    e->Throw();
+                }
+                return token;
+            });
+        };
+        if (Renews(flight->current)) {
+            return m_service->RenewTokenAsync(flight->current, Lifetime(), done);
+        }
+        if (m_recipe.GetAsync()) {
+            return m_recipe.GetAsync()(*m_service, m_spec, done);
+        }
+        return RunBlocking(
+            "TokenRecipe",
+            [service = m_service, acquire = m_recipe.Get(), spec = m_spec] {
+                return acquire(*service, spec);
+            },
+            done);
     }
 
     void CacheHit() const {
@@ -171,20 +222,25 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
         }
     }
 
-    Token Fetch(const Token& current) const {
+    // Whether a flight renews current rather than acquiring anew; tells the observer of the
+    // refresh about to start.
+    bool Renews(const Token& current) const {
         const bool renewal = current && current->IsRenewable() &&
                              current->GetTokenType() == Saml_HOK &&
                              Now() < current->GetExpirationTime().GetUtcTime();
         if (m_options.observer) {
             m_options.observer->ProviderRefresh(renewal);
         }
-        return renewal ? m_service->RenewToken(*current, static_cast<long>(m_spec.tokenLifetimeSec))
-                       : m_recipe.Get()(*m_service, m_spec);
+        return renewal;
     }
 
-    void Run(const std::shared_ptr<Flight>& flight) {
+    long Lifetime() const { return static_cast<long>(m_spec.tokenLifetimeSec); }
+
+    // Completes flight with the token fetch returns, or with what it or the check throws.
+    template <class Fetch>
+    void Finish(const std::shared_ptr<Flight>& flight, const Fetch& fetch) {
         try {
-            Token token = Fetch(flight->current);
+            Token token = fetch();
             if (!token) {
                 throw SsoException("The token service returned no token");
             }
@@ -197,12 +253,18 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
         }
     }
 
+    // Hands the outcome to the flight's callers; only its first call does anything.
     void Complete(const std::shared_ptr<Flight>& flight, const Token& token,
                   const std::exception_ptr& failure) {
         std::vector<TokenCallback> callbacks;
+        std::shared_ptr<AsyncOperation> operation;  // holds its callback, which holds the flight
         {
             std::lock_guard<std::mutex> lock(m_mutex);
+            if (std::exchange(flight->done, true)) {
+                return;
+            }
             callbacks.swap(flight->callbacks);
+            operation = std::move(flight->operation);
             if (m_flight == flight) {
                 m_flight.reset();
                 Record(token, failure);
@@ -251,6 +313,7 @@ class ProviderState : public std::enable_shared_from_this<ProviderState> {
 class TokenProviderImpl final : public TokenProvider {
   public:
     explicit TokenProviderImpl(std::shared_ptr<ProviderState> state) : m_state(std::move(state)) {}
+    ~TokenProviderImpl() override { m_state->Abandon(); }
     Token GetToken() override { return m_state->Get(); }
     void GetTokenAsync(const TokenCallback& callback) override { m_state->GetAsync(callback); }
     void Invalidate() override { m_state->Invalidate(); }
@@ -271,42 +334,66 @@ void CheckOptions(const TokenProviderOptions& options) {
 
 }  // namespace
 
-TokenRecipe::TokenRecipe(Acquire acquire) : m_acquire(std::move(acquire)) {}
+TokenRecipe::TokenRecipe(Acquire acquire, AcquireAsync acquireAsync)
+    : m_acquire(std::move(acquire)), m_acquireAsync(std::move(acquireAsync)) {}
 
 TokenRecipe TokenRecipe::ByPassword(std::string user, std::string password) {
-    return TokenRecipe([user, secret = Basalt::StringUtil::SecretText(std::move(password))](
-                           const SecurityTokenService& service, const TokenSpec& spec) {
-        return service.AcquireToken(user, secret.Get(), spec);
-    });
+    const auto secret = std::make_shared<const Basalt::StringUtil::SecretText>(std::move(password));
+    return TokenRecipe(
+        [user, secret](const SecurityTokenService& service, const TokenSpec& spec) {
+            return service.AcquireToken(user, secret->Get(), spec);
+        },
+        [user, secret](const SecurityTokenService& service, const TokenSpec& spec,
+                       const TokenCallback& callback) {
+            return service.AcquireTokenAsync(user, secret->Get(), spec, callback);
+        });
 }
 
 TokenRecipe TokenRecipe::ByCertificate() {
-    return TokenRecipe([](const SecurityTokenService& service, const TokenSpec& spec) {
-        return service.AcquireTokenByCertificate(spec);
-    });
+    return TokenRecipe(
+        [](const SecurityTokenService& service, const TokenSpec& spec) {
+            return service.AcquireTokenByCertificate(spec);
+        },
+        [](const SecurityTokenService& service, const TokenSpec& spec,
+           const TokenCallback& callback) {
+            return service.AcquireTokenByCertificateAsync(spec, callback);
+        });
 }
 
 TokenRecipe TokenRecipe::ByToken(std::shared_ptr<const SamlToken> token) {
     if (!token) {
         throw Basalt::InvalidArgumentException("TokenRecipe::ByToken: the token may not be null");
     }
-    return TokenRecipe([token](const SecurityTokenService& service, const TokenSpec& spec) {
-        return service.AcquireTokenByToken(*token, spec);
-    });
+    return TokenRecipe(
+        [token](const SecurityTokenService& service, const TokenSpec& spec) {
+            return service.AcquireTokenByToken(*token, spec);
+        },
+        [token](const SecurityTokenService& service, const TokenSpec& spec,
+                const TokenCallback& callback) {
+            return service.AcquireTokenByTokenAsync(token, spec, callback);
+        });
 }
 
 TokenRecipe TokenRecipe::ByGss(std::function<std::shared_ptr<NegotiationHandler>()> factory) {
     if (!factory) {
         throw Basalt::InvalidArgumentException("TokenRecipe::ByGss: no handler factory");
     }
-    return TokenRecipe([factory](const SecurityTokenService& service, const TokenSpec& spec) {
-        const std::shared_ptr<NegotiationHandler> handler = factory();
-        if (!handler) {
+    const auto handler = [factory] {
+        std::shared_ptr<NegotiationHandler> made = factory();
+        if (!made) {
             throw Basalt::InvalidArgumentException(
                 "TokenRecipe::ByGss: the factory returned no handler");
         }
-        return service.AcquireTokenByGSS(spec, *handler);
-    });
+        return made;
+    };
+    return TokenRecipe(
+        [handler](const SecurityTokenService& service, const TokenSpec& spec) {
+            return service.AcquireTokenByGSS(spec, *handler());
+        },
+        [handler](const SecurityTokenService& service, const TokenSpec& spec,
+                  const TokenCallback& callback) {
+            return service.AcquireTokenByGSSAsync(spec, handler(), callback);
+        });
 }
 
 TokenProvider::~TokenProvider() = default;

@@ -160,4 +160,13 @@ void AsyncCallBase::Send(const std::shared_ptr<TransportSession>& session,
     }
 }
 
+std::shared_ptr<AsyncOperation> RunBlocking(
+    const char* label, std::function<std::shared_ptr<const SamlToken>()> acquire,
+    const TokenCallback& callback) {
+    auto call =
+        std::make_shared<AsyncCall<std::shared_ptr<const SamlToken>>>(label, nullptr, callback);
+    call->Run([call, acquire = std::move(acquire)] { call->Succeed(acquire()); });
+    return call;
+}
+
 }  // namespace SsoClient

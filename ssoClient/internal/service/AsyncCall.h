@@ -17,6 +17,7 @@
 
 #include <ssoClient/AsyncOperation.h>
 #include <ssoClient/Exceptions.h>
+#include <ssoClient/SecurityTokenService.h>
 
 #include "internal/FailureNotes.h"
 #include "internal/observer/Observation.h"
@@ -116,5 +117,11 @@ class AsyncCall final : public AsyncCallBase {
     const Callback m_callback;
     Result m_result = Result();
 };
+
+// An operation whose one step is the blocking acquire, for acquisitions that have no asynchronous
+// form: it holds a pool thread while acquire runs. Cancelling it drops the token acquire returns.
+std::shared_ptr<AsyncOperation> RunBlocking(
+    const char* label, std::function<std::shared_ptr<const SamlToken>()> acquire,
+    const TokenCallback& callback);
 
 }  // namespace SsoClient

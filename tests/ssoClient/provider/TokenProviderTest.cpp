@@ -51,6 +51,11 @@ struct RenewingService final : SecurityTokenServiceImpl {
     explicit RenewingService(std::function<Token(long)> answer)
         : SecurityTokenServiceImpl(nullptr, nullptr, nullptr, nullptr), renew(std::move(answer)) {}
     Token RenewToken(const SamlToken&, long seconds) const override { return renew(seconds); }
+    std::shared_ptr<AsyncOperation> RenewTokenAsync(const Token&, long seconds,
+                                                    const TokenCallback& done) const override {
+        return RunBlocking(
+            "RenewToken", [renew = renew, seconds] { return renew(seconds); }, done);
+    }
     const std::function<Token(long)> renew;
 };
 

@@ -3,6 +3,7 @@
 #include <basalt/Crypto.h>
 #include <basalt/Http.h>
 #include <basalt/Ssl.h>
+#include <basalt/Thread.h>
 #include <gtest/gtest.h>
 #include <ssoClient/ConnectionSpec.h>
 #include <ssoClient/Description.h>
@@ -295,6 +296,27 @@ TEST_F(SecurityTokenServiceTest, HungCallsHoldNoThreadAndEndOnceWhenCancelled) {
     EXPECT_TRUE(changed.wait_for(lock, 5s, [&] { return outcomes.size() >= kHung; }));
     EXPECT_EQ(outcomes, std::vector<std::string>(
                             kHung, "SsoClient::OperationCancelledException: Operation cancelled"));
+}
+
+// Providers acquiring from a server that never answers hold no pool thread: with more of them
+// waiting than the pool has threads, each has its connection and a pooled task runs at once.
+TEST_F(SecurityTokenServiceTest, HungProvidersHoldNoPoolThread) {
+    const auto pool = Basalt::System::GetThreadPool();
+    const int hung = static_cast<int>(pool->GetThreadCount()) + 4;
+    TestSts::TestServer silent({"--silent"});
+    auto service = CreateSecurityTokenService(TestSupport::LoopbackStsConfig(
+        "http://127.0.0.1:" + std::to_string(silent.Port()) + "/sts"));
+    std::vector<std::unique_ptr<TokenProvider>> providers;
+    for (int i = 0; i < hung; ++i) {
+        providers.push_back(CreateTokenProvider(
+            service, TokenRecipe::ByPassword("alice", "alice-password"), Spec()));
+        providers.back()->GetTokenAsync([](const auto&, auto*) {});
+    }
+    for (int polls = 0; silent.Stats()["connections"] < hung && polls < 100000; ++polls) {
+    }
+    EXPECT_EQ(silent.Stats()["connections"], hung);
+    auto ran = pool->GetWorkQueue()->Submit([] { return true; });
+    EXPECT_EQ(ran.wait_for(std::chrono::seconds(5)), std::future_status::ready);
 }
 
 }  // namespace
