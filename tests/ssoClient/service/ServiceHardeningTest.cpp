@@ -5,10 +5,6 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/SecurityTokenService.h>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <future>
@@ -16,6 +12,7 @@
 
 #include "internal/service/SecurityTokenServiceImpl.h"
 #include "internal/xml/XmlUtils.h"
+#include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
 #include "support/FakeTransport.h"
 #include "support/SamlAssertionGenerator.h"
@@ -40,31 +37,15 @@ std::shared_ptr<SecurityTokenService> Service(boost::optional<HolderOfKeyConfig>
         std::make_shared<ResponseHandlerImpl>(), CreateSamlTokenFactory(StsResolver().Get()));
 }
 
-// A loopback listener that completes connections and never answers (accept does not block).
-int SilentListener(int& port) {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(fd, 64) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        std::abort();
-    }
-    port = ntohs(address.sin_port);
-    return fd;
-}
-
 std::string NeverCalled(const SoapRequest&) {
     throw std::logic_error("no request may be sent");
 }
 
 // Each mistake is refused by the factory or the call, and no connection reaches the listener.
 TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
-    int port = 0;
-    const int listener = SilentListener(port);
+    TestSts::TestServer listener({"--silent"});
     SecurityTokenServiceConfig plain;
-    plain.url = "http://127.0.0.1:" + std::to_string(port) + "/sts";
+    plain.url = listener.Url("/sts");
     plain.tokenFactory = CreateSamlTokenFactory(StsResolver().Get());
     plain.holderOfKey = LoadHolderOfKey();
     plain.allowPlainHttp = true;
@@ -139,8 +120,7 @@ TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
         c.tokenFactory = nullptr;
         c.keyInfoResolver = StsResolver();
     })());
-    EXPECT_EQ(accept(listener, nullptr, nullptr), -1);  // nobody connected
-    close(listener);
+    EXPECT_EQ(listener.Stats()["connections"], 0);
 }
 
 // A negotiation handler that fails with something that is not one of the library's exceptions.
@@ -184,10 +164,9 @@ void ExitWithWorkInFlight() {
                        [&] { reply->text = IssueReply(MakeSignedAssertion(AssertionSpec{})); });
         return reply->text;
     });
-    int port = 0;
-    SilentListener(port);
+    TestSts::TestServer silent({"--silent"});  // accepts and never answers
     SecurityTokenServiceConfig config;
-    config.url = "http://127.0.0.1:" + std::to_string(port) + "/sts";
+    config.url = silent.Url("/sts");
     config.allowPlainHttp = true;
     config.tokenFactory = CreateSamlTokenFactory(StsResolver().Get());
     auto hanging = CreateSecurityTokenService(config);
