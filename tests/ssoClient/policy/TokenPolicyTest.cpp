@@ -3,109 +3,79 @@
 #include <ssoClient/TokenPolicy.h>
 
 #include <functional>
+#include <iterator>
+#include <sstream>
 
 #include "foundation/JwtTestSupport.h"
 #include "internal/jwt/JwtTokenValidator.h"
-#include "internal/saml/SamlTokenImpl.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
 
 using namespace SsoClient;
-using TestSupport::Throws;
+using Confirmation = RequiredConfirmation;
 
-namespace {
+std::set<std::string> Words(const std::string& text) {
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
 
-constexpr long kNow = 1700000100;
-constexpr long kSecond = 1000000;
-const char kAudience[] = "https://api.example.test";
-
-// Creates SAML tokens whose validity window is checked against the test's clock.
-struct ClockedFactory final : SamlTokenFactory {
-    explicit ClockedFactory(const Basalt::System::Clock& now) : clock(now) {}
-    std::shared_ptr<const SamlToken> CreateSamlToken(const std::string& xml,
-                                                     long tolerance) const override {
-        return std::make_shared<SamlTokenImpl>(xml, false, nullptr, tolerance, clock);
-    }
-    std::shared_ptr<const SamlToken> CreateSamlTokenFromDom(Basalt::Xml::ElementNode*,
-                                                            long) const override {
-        return nullptr;
-    }
-    const Basalt::System::Clock& clock;
-};
-
-}  // namespace
-
-// A SAML bearer token and a JWT that agree on issuer, audience and window [kNow, kNow + 3600),
-// each through its policy decorator after the wrapped checks (tolerance 600).
+// A SAML bearer token and a JWT that agree on issuer, audience and window [t0, t0 + 3600), each
+// through its policy decorator after the wrapped checks (tolerance 600).
 TEST(TokenPolicyTest, EachRuleAcceptsAndRejectsSamlAndJwtAlike) {
-    TestSupport::ManualClock clock(kNow * kSecond);
+    const long t0 = Basalt::System::GetUtcDateTime().GetUtcTime() / 1000000, second = 1000000;
+    const auto at = [&](long offset) {
+        return Basalt::System::DateTimeFromUtc((t0 + offset) * second, false).ToString();
+    };
+    TestSupport::ManualClock clock(t0 * second);
     TestSupport::AssertionSpec spec;
     spec.notBeforeOffsetSec = 0;
-    spec.audiences = {kAudience};
+    spec.audiences = {"https://api.example.test"};
     spec.edits = {{"https://sts.example.test/sts<", "https://sts<"}};
     spec.clock = &clock;
     const std::string saml = TestSupport::MakeSignedAssertion(spec);
     const std::string jwt = JwtTest::Sign(
         R"({"jti":"id-1","aud":"https://api.example.test","iss":"https://sts","exp":)" +
-        std::to_string(kNow + 3600) + R"(,"iat":)" + std::to_string(kNow) + R"(,"sub":"alice@x"})");
+        std::to_string(t0 + 3600) + R"(,"iat":)" + std::to_string(t0) + R"(,"sub":"alice@x"})");
     const Basalt::Ref<TokenValidator> jwtValidator =
-        new JwtTokenValidator({kAudience}, JwtTest::Keys({"rsa.pem"}), 600, clock);
+        new JwtTokenValidator(spec.audiences, JwtTest::Keys({"rsa.pem"}), 600, clock);
 
-    const std::string expiry = "2023-11-14T23:15:00.000000Z", start = "2023-11-14T22:15:00.000000Z";
-    const struct {
-        std::function<void(TokenPolicy&)> rule;
-        long now;
-        std::string rejection;  // empty: accepted
-    } cases[] = {
-        {[](auto& p) {
-             p.acceptedIssuers = {"urn:x", "https://sts"};
-         },
-         kNow, ""},
-        {[](auto& p) {
-             p.acceptedIssuers = {"urn:x", "urn:y"};
-         },
-         kNow, "Token issuer 'https://sts' is not among the accepted issuers 'urn:x', 'urn:y'"},
-        {[](auto& p) {
-             p.expectedAudiences = {"urn:b", kAudience};
-         },
-         kNow, ""},
-        {[](auto& p) {
-             p.expectedAudiences = {"urn:b", "urn:c"};
-         },
-         kNow,
+    const std::string beyond =
+        "' is beyond the maximum clock tolerance of 60 s from the current time '";
+    const Confirmation any = Confirmation::Any;
+    // Accepted issuers, expected audiences (each a list of words), confirmation, maximum tolerance
+    // (0: none), now, and the rejection (empty: accepted).
+    const std::tuple<std::string, std::string, Confirmation, int64_t, long, std::string> cases[] = {
+        {"urn:x https://sts", "", any, 0, 0, ""},
+        {"urn:x urn:y", "", any, 0, 0,
+         "Token issuer 'https://sts' is not among the accepted issuers 'urn:x', 'urn:y'"},
+        {"", "urn:b https://api.example.test", any, 0, 0, ""},
+        {"", "urn:b urn:c", any, 0, 0,
          "Token audience 'https://api.example.test' is not among the expected audiences 'urn:b', "
          "'urn:c'"},
-        {[](auto& p) { p.confirmation = RequiredConfirmation::Bearer; }, kNow, ""},
-        {[](auto& p) { p.confirmation = RequiredConfirmation::HolderOfKey; }, kNow,
-         "Token confirmation type 'bearer' is not the required confirmation type "
-         "'holder-of-key'"},
-        {[](auto& p) { p.maxClockToleranceSec = 60; }, kNow + 3659, ""},
-        {[](auto& p) { p.maxClockToleranceSec = 60; }, kNow + 3660,
-         "Token expiration time '" + expiry +
-             "' is beyond the maximum clock tolerance of 60 s from the current time "
-             "'2023-11-14T23:16:00.000000Z'"},
-        {[](auto& p) { p.maxClockToleranceSec = 60; }, kNow - 61,
-         "Token start time '" + start +
-             "' is beyond the maximum clock tolerance of 60 s from the current time "
-             "'2023-11-14T22:13:59.000000Z'"},
+        {"", "", Confirmation::Bearer, 0, 0, ""},
+        {"", "", Confirmation::HolderOfKey, 0, 0,
+         "Token confirmation type 'bearer' is not the required confirmation type 'holder-of-key'"},
+        {"", "", any, 60, 3659, ""},
+        {"", "", any, 60, 3660, "Token expiration time '" + at(3600) + beyond + at(3660) + "'"},
+        {"", "", any, 60, -61, "Token start time '" + at(0) + beyond + at(-61) + "'"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.rejection.empty() ? std::to_string(c.now) : c.rejection);
-        TokenPolicy policy;
-        c.rule(policy);
-        policy.clock.reset(&clock, [](const Basalt::System::Clock*) {});
-        clock.micros = c.now * kSecond;
+    for (const auto& [issuers, audiences, confirmation, tolerance, now, rejection] : cases) {
+        SCOPED_TRACE(rejection.empty() ? std::to_string(now) : rejection);
+        const TokenPolicy policy{
+            Words(audiences), Words(issuers), boost::make_optional(tolerance != 0, tolerance),
+            confirmation, std::shared_ptr<const Basalt::System::Clock>(&clock, [](auto*) {})};
+        clock.micros = (t0 + now) * second;
         Basalt::Ref<TokenValidator> validator;
         CreatePolicyTokenValidator(jwtValidator, policy, validator);
-        const auto factory =
-            CreatePolicyTokenFactory(std::make_shared<ClockedFactory>(clock), policy);
-        const std::vector<std::function<void()>> paths = {[&] { factory->CreateSamlToken(saml); },
-                                                          [&] { validator->Validate(jwt, ""); }};
+        const auto factory = CreatePolicyTokenFactory(
+            CreateSamlTokenFactory(TestSupport::StsResolver().Get()), policy);
+        const std::function<void()> paths[] = {[&] { factory->CreateSamlToken(saml); },
+                                               [&] { validator->Validate(jwt, ""); }};
         for (const auto& path : paths) {
-            if (c.rejection.empty()) {
+            if (rejection.empty()) {
                 EXPECT_NO_THROW(path());
             } else {
-                EXPECT_TRUE(Throws<InvalidTokenException>(path, c.rejection));
+                EXPECT_TRUE(TestSupport::Throws<InvalidTokenException>(path, rejection));
             }
         }
     }
