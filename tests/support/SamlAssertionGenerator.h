@@ -11,18 +11,13 @@
 #include <basalt/DateTime.h>
 #include <basalt/Object.h>
 #include <basalt/XmlSecurity.h>
+#include <ssoClient/Types.h>
 
 namespace TestSupport {
 
-struct SamlAttribute {
-    std::string name;
-    std::vector<std::string> values;
-};
-
-struct SamlAdvice {
-    std::string source;
-    std::vector<SamlAttribute> attributes;
-};
+// An attribute (name and values) and an advice (source and attributes), as requests carry them.
+using SamlAttribute = SsoClient::AdviceAttribute;
+using SamlAdvice = SsoClient::Advice;
 
 // A delegation-chain link: the delegate's UPN and when, in seconds relative to now.
 struct SamlDelegate {

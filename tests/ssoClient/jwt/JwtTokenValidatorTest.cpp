@@ -88,11 +88,10 @@ TEST(JwtTokenValidatorTest, IndependentProducersAreAcceptedForEveryAlgorithmOnMa
             std::vector<Advice> advice(1);
             token->GetDelegationChain(chain);
             token->GetAdvice(advice);
-            EXPECT_EQ(name + " 1 1", token->GetUnsupportedInfo() + " " +
-                                         std::to_string(chain.size()) + " " +
-                                         std::to_string(advice.size()));
-            EXPECT_EQ("jwt-0001 https://sts.example.test " + text,
-                      token->GetId() + " " + token->GetIssuer() + " " + token->GetXml());
+            EXPECT_EQ(name + " 1 1 jwt-0001 https://sts.example.test " + text,
+                      token->GetUnsupportedInfo() + " " + std::to_string(chain.size()) + " " +
+                          std::to_string(advice.size()) + " " + token->GetId() + " " +
+                          token->GetIssuer() + " " + token->GetXml());
             EXPECT_EQ(
                 "SamlToken [subject={Name: alice; Domain:example.test}, groups=[{Name: Users; "
                 "Domain:example.test}, {Name: Readers; Domain:example.test}], delegationChain=[], "
@@ -106,7 +105,7 @@ TEST(JwtTokenValidatorTest, IndependentProducersAreAcceptedForEveryAlgorithmOnMa
     validateAll();
 }
 
-TEST(JwtTokenValidatorTest, ChecksRunInOrderWithTheirMessages) {
+TEST(JwtTokenValidatorTest, ChecksRunInOrderWithTheirMessagesAndNamesSplitAtTheLastSeparator) {
     // Each row breaks its own check and every later one, so only the order gives its message.
     const std::tuple<const char*, std::string, const char*> rows[] = {
         {"jti", "", "Missing token id"},
@@ -139,6 +138,21 @@ TEST(JwtTokenValidatorTest, ChecksRunInOrderWithTheirMessages) {
         [&] { validator->Validate(Token(allBroken, "other-rsa.key"), ""); },
         "Token signature validation failed"));
     Rejects(*validator, Token(allBroken) + ".AAAA", "Token decoding failed");
+
+    // Names are split at the last separator.
+    const auto token = validator->Validate(
+        Token({{"sub", R"("a@b@c")"}, {"preferred_username", R"("Mary Ann Lee")"}}), "");
+    std::vector<PrincipalId> principals;
+    token->GetGroups(principals);
+    principals.insert(principals.begin(), *token->GetSubject());
+    EXPECT_EQ(std::vector<PrincipalId>({{"a@b", "c"}, {"U", "x"}, {"a@b", "c"}}), principals);
+    PersonName person;
+    token->GetPersonName(person);
+    EXPECT_EQ("Mary Ann|Lee", person.givenName + "|" + person.surname);
+    // A user name without an inner space is no person's name.
+    person = {"stale", "stale"};
+    validator->Validate(Token({{"preferred_username", R"("Smith ")"}}), "")->GetPersonName(person);
+    EXPECT_EQ("|", person.givenName + "|" + person.surname);
 }
 
 TEST(JwtTokenValidatorTest, TimeRulesAtTheirEdges) {
@@ -172,22 +186,4 @@ TEST(JwtTokenValidatorTest, TimeRulesAtTheirEdges) {
     // "Now" is whole seconds, truncated.
     const auto late = Clock(kNow + 3600 + 600, 999999);
     EXPECT_NO_THROW(Validator(late)->Validate(Token(), ""));
-}
-
-TEST(JwtTokenValidatorTest, NamesAreSplitAtTheLastSeparator) {
-    const auto clock = Clock(kNow);
-    const auto validator = Validator(clock);
-    const auto token = validator->Validate(
-        Token({{"sub", R"("a@b@c")"}, {"preferred_username", R"("Mary Ann Lee")"}}), "");
-    std::vector<PrincipalId> principals;
-    token->GetGroups(principals);
-    principals.insert(principals.begin(), *token->GetSubject());
-    EXPECT_EQ(std::vector<PrincipalId>({{"a@b", "c"}, {"U", "x"}, {"a@b", "c"}}), principals);
-    PersonName person;
-    token->GetPersonName(person);
-    EXPECT_EQ("Mary Ann|Lee", person.givenName + "|" + person.surname);
-    // A user name without an inner space is no person's name.
-    person = {"stale", "stale"};
-    validator->Validate(Token({{"preferred_username", R"("Smith ")"}}), "")->GetPersonName(person);
-    EXPECT_EQ("|", person.givenName + "|" + person.surname);
 }
