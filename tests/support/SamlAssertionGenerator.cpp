@@ -121,12 +121,6 @@ std::string Advice(const AssertionSpec& spec) {
     return xml.empty() ? xml : "<saml2:Advice>" + xml + "</saml2:Advice>";
 }
 
-Ref<Basalt::Xml::Document> Parse(const std::string& xml) {
-    Ref<Basalt::Xml::Document> document;
-    ParseXmlText(xml, document);
-    return document;
-}
-
 Ref<Basalt::Xml::Security::KeyInfoResolver> ResolverOf(const std::string& file) {
     Ref<Basalt::Crypto::Certificate> certificate;
     Basalt::Crypto::CreateCertificateFromPem(TestData::Read(file), certificate);
@@ -181,7 +175,8 @@ std::string SignAssertion(const std::string& unsignedXml,
         Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("certs/sts-rsa.key"), loaded);
         return loaded;
     }();
-    const auto document = Parse(unsignedXml);
+    Ref<Basalt::Xml::Document> document, keyInfo;
+    ParseXmlText(unsignedXml, document);
     const auto assertion = document->GetDocumentElement();
     std::string id;
     assertion->GetAttribute("ID", id);
@@ -200,7 +195,7 @@ std::string SignAssertion(const std::string& unsignedXml,
         referenceUri.value_or("#" + id), "http://www.w3.org/2001/04/xmlenc#sha256",
         std::vector<std::string>{"http://www.w3.org/2000/09/xmldsig#enveloped-signature",
                                  "http://www.w3.org/2001/10/xml-exc-c14n#"});
-    const auto keyInfo = Parse(X509Data(TestData::Read("certs/sts-rsa.pem"), kDsig));
+    ParseXmlText(X509Data(TestData::Read("certs/sts-rsa.pem"), kDsig), keyInfo);
     signature->AddKeyInfoContent(keyInfo->GetDocumentElement());
     signature->Sign(*key);
     Ref<Basalt::StringWriter> writer;
