@@ -293,20 +293,17 @@ TEST(SamlTokenTest, FromDomKeepsTheInclusiveCanonicalForm) {
 
 TEST(SamlTokenDeathTest, UnsupportedInfoAborts) {
     const auto token = CreateSamlToken(MakeSignedAssertion(AssertionSpec{}));
-    EXPECT_DEATH(token->GetUnsupportedInfo(), "NOT_IMPLEMENTED ssoClient/SamlTokenImpl:94");
+    EXPECT_DEATH(token->GetUnsupportedInfo(), "NOT_IMPLEMENTED ssoClient/SamlTokenImpl:[0-9]+");
 }
 
 // Plain strings keep the separator after an empty first value; descriptions get one only once the
 // text is not empty.
-TEST(DescriptionTest, SeparatorsFollowTheFirstNonEmptyText) {
+TEST(DescriptionTest, DescribesTokenSpecsAndAMissingPrincipalSeparatedOnceTextBegins) {
     EXPECT_EQ(DescribeAdviceAttribute(AdviceAttribute{"x", {"", "b"}}),
               "[source=x, attributes=[, b]]");
     EXPECT_EQ(JoinDescriptions(std::vector<std::string>{"", "x", "", "y"},
                                [](const std::string& s) { return s; }),
               "x, , y");
-}
-
-TEST(DescriptionTest, DescribesTokenSpecsAndAMissingPrincipal) {
     TokenSpec spec = Spec(7200);
     EXPECT_EQ(DescribeTokenSpec(spec),
               "TokenSpec [tokenLifetimeSec=7200, delegable=false, delegateTo=<unset>, "
