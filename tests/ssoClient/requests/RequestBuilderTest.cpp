@@ -38,16 +38,15 @@ RequestBuilderImpl Builder(bool holderOfKey) {
                                           : boost::none);
 }
 
-// The envelope as tests/data/requests/envelopes.txt shows it: one element per line; the token, its
-// ID, instants, contexts, digests and signature values masked.
+// The envelope as tests/data/requests/envelopes.txt shows it: one element per line, the token and
+// its ID named, generated identifiers numbered, instants, digests and signature values masked.
 std::string Masked(std::string text, const SamlToken& token) {
     for (const auto& [from, to] : {std::pair(token.GetXml(), "{token}"), {token.GetId(), "{id}"}}) {
         for (size_t at; (at = text.find(from)) != std::string::npos;) {
             text.replace(at, from.size(), to);
         }
     }
-    // Generated identifiers numbered by first appearance, so that references still name their
-    // targets.
+    // Numbered by first appearance, so that references still name their targets.
     std::map<std::string, size_t> numbers;
     std::string numbered;
     size_t last = 0;

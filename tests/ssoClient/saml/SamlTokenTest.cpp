@@ -63,11 +63,12 @@ std::string Report(const SamlToken& token, bool dom = false) {
                          name.surname + " " + JoinStrings(audience) + "\n" +
                          JoinDescriptions(advice, {DescribeAdvice});
     if (dom) {
+        static const auto resolver = StsResolver();  // one for every reader
         const auto* signature = token.GetSignature();
         Ref<Basalt::StringWriter> writer;
         Basalt::CreateStringWriter(writer);
         signature->GetElement()->Serialize(writer.Get());
-        report += token.GetXml() + (signature->Verify(StsResolver().Get()) ? "verified" : "NOT") +
+        report += token.GetXml() + (signature->Verify(resolver.Get()) ? "verified" : "NOT") +
                   writer->TakeString() + Walk(signature->GetElement()->GetOwnerDocument());
     }
     return report;
