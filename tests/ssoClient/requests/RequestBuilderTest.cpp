@@ -2,6 +2,7 @@
 // the wire (tests/data/requests/envelopes.txt), and its signatures checked by implementations
 // other than ours: Apache Santuario's xsec-checksig and the xmlsec1 command-line tool.
 #include <basalt/Exception.h>
+#include <basalt/StringUtil.h>
 #include <gtest/gtest.h>
 #include <ssoClient/SamlTokenFactory.h>
 
@@ -38,10 +39,15 @@ RequestBuilderImpl Builder(bool holderOfKey) {
                                           : boost::none);
 }
 
-// The envelope as tests/data/requests/envelopes.txt shows it: one element per line, the token and
-// its ID named, generated identifiers numbered, instants, digests and signature values masked.
+// The envelope as tests/data/requests/envelopes.txt shows it: one element per line, the token, its
+// ID and the signer's certificate named, generated identifiers numbered, instants, digests and
+// signature values masked.
 std::string Masked(std::string text, const SamlToken& token) {
-    for (const auto& [from, to] : {std::pair(token.GetXml(), "{token}"), {token.GetId(), "{id}"}}) {
+    const std::string certificate =
+        Basalt::StringUtil::Base64Encode(TestSupport::LoadHolderOfKey().certificate->GetDer());
+    for (const auto& [from, to] : {std::pair(token.GetXml(), "{token}"),
+                                   {token.GetId(), "{id}"},
+                                   {certificate, "{certificate}"}}) {
         for (size_t at; (at = text.find(from)) != std::string::npos;) {
             text.replace(at, from.size(), to);
         }
