@@ -84,10 +84,8 @@ TEST(CertificateTest, MalformedInputIsRejected) {
 }
 
 TEST(PrivateKeyTest, KeysSignWhatTheirCertificatesVerify) {
-    struct {
-        const char *keyFile, *certFile, *passphrase, *algorithm;
-        int bits;
-    } const cases[] = {
+    // Key, certificate, passphrase, algorithm and size.
+    const std::tuple<const char*, const char*, const char*, std::string, int> cases[] = {
         {"certs/sts-rsa.key", "certs/sts-rsa.pem", "", "RSA", 2048},
         {"certs/sts-rsa-traditional.key", "certs/sts-rsa.pem", "", "RSA", 2048},
         {"certs/sts-rsa-encrypted.key", "certs/sts-rsa.pem", "correct-horse", "RSA", 2048},
@@ -95,14 +93,14 @@ TEST(PrivateKeyTest, KeysSignWhatTheirCertificatesVerify) {
     };
     Basalt::Ref<Certificate> other = FromPem("certs/other-rsa.pem");
     const std::string data = "<SignedInfo>payload</SignedInfo>", tampered = data + " ";
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.keyFile);
+    for (const auto& [keyFile, certFile, passphrase, algorithm, bits] : cases) {
+        SCOPED_TRACE(keyFile);
         Basalt::Ref<PrivateKey> key;
-        CreatePrivateKeyFromPem(TestData::Read(c.keyFile), key, c.passphrase);
-        Basalt::Ref<Certificate> cert = FromPem(c.certFile);
+        CreatePrivateKeyFromPem(TestData::Read(keyFile), key, passphrase);
+        Basalt::Ref<Certificate> cert = FromPem(certFile);
         EXPECT_EQ(key->GetAlgorithmName() + std::to_string(key->GetBits()) +
                       std::to_string(key->Matches(*cert)) + std::to_string(key->Matches(*other)),
-                  c.algorithm + std::to_string(c.bits) + "10");
+                  algorithm + std::to_string(bits) + "10");
         for (auto digest :
              {DigestAlgorithm::Sha1, DigestAlgorithm::Sha256, DigestAlgorithm::Sha512}) {
             auto signature = key->Sign(digest, data.data(), data.size());

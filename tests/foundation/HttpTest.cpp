@@ -11,6 +11,7 @@
 #include <future>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "TestData.h"
 #include "sts/TestServer.h"
@@ -313,10 +314,9 @@ const char kHandshake[] = "TLS handshake failed with ";
 TEST(TlsConnections, FailClosedSucceedOnlyWhenTrustedAndWarnWhenTurnedOff) {
     const std::string off = " verification turned off: connections made with it can be intercepted";
     const std::string certificateOff = "SSLContext created with certificate" + off;
-    const struct {
-        const char *server, *options, *host, *serverName;
-        const char* failure;  // start of the message before the peer; "" any; null for success
-    } cases[] = {
+    // Server arguments, client options, host, TLS name, and the start of the failure before the
+    // peer ("" any, null for success).
+    const std::tuple<const char*, const char*, const char*, const char*, const char*> cases[] = {
         {"server", "ca", "127.0.0.1", "", nullptr},
         {"server", "ca", "localhost", "", nullptr},
         {"server", "objects", "127.0.0.1", "", nullptr},
@@ -349,21 +349,21 @@ TEST(TlsConnections, FailClosedSucceedOnlyWhenTrustedAndWarnWhenTurnedOff) {
             warnings.emplace_back(message);
         }
     });
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.server) + " " + c.options + " " + c.host + " " + c.serverName);
-        std::istringstream words(std::string("--tls ") + c.server);
+    for (const auto& [arguments, options, host, serverName, failure] : cases) {
+        SCOPED_TRACE(std::string(arguments) + " " + options + " " + host + " " + serverName);
+        std::istringstream words(std::string("--tls ") + arguments);
         TestSts::TestServer server({std::istream_iterator<std::string>(words), {}});
-        const std::string failure = FailureOf(
-            *MakeAgent(server.Port(), Context(c.options).Get(), false, c.host, c.serverName));
+        const std::string message =
+            FailureOf(*MakeAgent(server.Port(), Context(options).Get(), false, host, serverName));
         const std::string peer =
-            "https://" + std::string(c.host) + ":" + std::to_string(server.Port()) +
-            (*c.serverName ? std::string(" (TLS name ") + c.serverName + ")" : "") + "/echo";
-        if (!c.failure) {
-            EXPECT_EQ(failure, "(no exception)");
+            "https://" + std::string(host) + ":" + std::to_string(server.Port()) +
+            (*serverName ? std::string(" (TLS name ") + serverName + ")" : "") + "/echo";
+        if (!failure) {
+            EXPECT_EQ(message, "(no exception)");
             continue;
         }
-        EXPECT_THAT(failure, HasSubstr(peer));
-        EXPECT_THAT(failure, StartsWith(std::string(c.failure) + (*c.failure ? peer + ": " : "")));
+        EXPECT_THAT(message, HasSubstr(peer));
+        EXPECT_THAT(message, StartsWith(std::string(failure) + (*failure ? peer + ": " : "")));
         // Nothing reached the handler over a refused connection.
         EXPECT_EQ(server.Stats()["requests"], 0);
     }

@@ -252,13 +252,9 @@ const char kScoped[] =
     "<a:root xmlns:a=\"urn:a\" xmlns:b=\"urn:b\" xmlns=\"urn:d\"><a:child b:attr=\"1\"><x/>"
     "</a:child></a:root>";
 
-const struct {
-    const char* name;
-    const char* document;
-    bool child;  // the apex is the root's first child element, else the root
-    std::string algorithm;
-    const char* expected;
-} kVectors[] = {
+// Name, document, whether the apex is the root's first child element (else the root), algorithm,
+// and the canonical form.
+const std::tuple<const char*, const char*, bool, std::string, const char*> kVectors[] = {
     {"inclusive: the apex carries every namespace in scope", kScoped, true, kIncl,
      "<a:child xmlns=\"urn:d\" xmlns:a=\"urn:a\" xmlns:b=\"urn:b\" b:attr=\"1\"><x></x></a:child>"},
     {"exclusive: only visibly used namespaces, where they are used", kScoped, true, kExcC14n,
@@ -273,10 +269,10 @@ const struct {
 };
 
 TEST(XmlCanonicalizerTest, Vectors) {
-    for (const auto& v : kVectors) {
-        Ref<ElementNode> root = ParseRoot(v.document);
-        Ref<ElementNode> apex = v.child ? ChildElements(*root).at(0) : root;
-        EXPECT_EQ(v.expected, Canonical(v.algorithm, *apex)) << v.name;
+    for (const auto& [name, document, child, algorithm, expected] : kVectors) {
+        Ref<ElementNode> root = ParseRoot(document);
+        Ref<ElementNode> apex = child ? ChildElements(*root).at(0) : root;
+        EXPECT_EQ(expected, Canonical(algorithm, *apex)) << name;
     }
 }
 
@@ -353,17 +349,15 @@ std::string SignAssertion(const std::string& keyPath, const std::string& certifi
     return Serialize(*root);
 }
 
-using Select = std::function<Ref<ElementNode>(const Ref<ElementNode>&)>;
-
-// What reading and verifying the signature of the element that select picks (the root by
-// default) does: "verified", "rejected", or the class and message of the failure.
-std::string Check(const std::string& text, const KeyInfoResolver* resolver,
-                  const Select& select = nullptr) {
+// What reading and verifying the signature of the root's child element at index child (of the
+// root when negative) does: "verified", "rejected", or the class and message of the failure.
+std::string Check(const std::string& text, const KeyInfoResolver* resolver, int child = -1) {
     Ref<ElementNode> root = ParseRoot(text);
-    Ref<ElementNode> signedElement = select ? select(root) : root, signatureElement;
-    for (const auto& child : ChildElements(*signedElement)) {
-        if (!signatureElement && child->GetLocalName().rfind("Signatur", 0) == 0) {
-            signatureElement = child;
+    Ref<ElementNode> signedElement = child < 0 ? root : ChildElements(*root).at(child),
+                     signatureElement;
+    for (const auto& element : ChildElements(*signedElement)) {
+        if (!signatureElement && element->GetLocalName().rfind("Signatur", 0) == 0) {
+            signatureElement = element;
         }
     }
     try {
@@ -388,9 +382,6 @@ std::string Replace(std::string text, const std::string& from, const std::string
 
 const char kStsKey[] = "certs/sts-rsa.key";
 const char kStsCert[] = "certs/sts-rsa.pem";
-
-const Select kFirst = [](const Ref<ElementNode>& root) { return ChildElements(*root).at(0); };
-const Select kSecond = [](const Ref<ElementNode>& root) { return ChildElements(*root).at(1); };
 
 // The "<ds:Signature ...</ds:Signature>" part of a serialised signed element.
 std::string SignaturePart(const std::string& text) {
@@ -489,37 +480,33 @@ TEST_F(XmlSignatureTest, SignatureWrappingShapesAreRefused) {
     const std::string twice =
                           "security: The id '_a1' appears on more than one element of the document",
                       elsewhere = "security: The reference '#_a1' does not name the signed element";
-    const struct {
-        std::string text;
-        Select select;
-        std::string expected;
-    } cases[] = {
+    // The document, the signed element (as for Check), and the outcome.
+    const std::tuple<std::string, int, std::string> cases[] = {
         // The signed element wrapped inside a forged one with its id; a forged copy before it,
         // chosen or not; xml:id and wsu:Id shadowing the id.
         {open + " ID=\"_a1\">" + evil + signature + "<saml2:Advice>" + original +
              "</saml2:Advice>" + close,
-         nullptr, twice},
-        {"<r>" + open + " ID=\"_a1\">" + evil + signature + close + original + "</r>", kFirst,
-         twice},
-        {"<r>" + open + " ID=\"_a1\"/>" + original + "</r>", kSecond, twice},
-        {"<r><evil xml:id=\"_a1\"/>" + original + "</r>", kSecond, twice},
+         -1, twice},
+        {"<r>" + open + " ID=\"_a1\">" + evil + signature + close + original + "</r>", 0, twice},
+        {"<r>" + open + " ID=\"_a1\"/>" + original + "</r>", 1, twice},
+        {"<r><evil xml:id=\"_a1\"/>" + original + "</r>", 1, twice},
         {"<r><evil xmlns:wsu=\"http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-wssecurity-"
          "utility-1.0.xsd\" wsu:Id=\"_a1\"/>" +
              original + "</r>",
-         kSecond, twice},
+         1, twice},
         // The signed element moved under an extension element; a reference to another element.
         {open + " ID=\"_evil\">" + evil + signature + "<saml2:Advice>" +
              Replace(original, signature, "") + "</saml2:Advice>" + close,
-         nullptr, elsewhere},
-        {"<r>" + Replace(original, "ID=\"_a1\"", "ID=\"_a2\"") + "<x ID=\"_a1\"/></r>", kFirst,
+         -1, elsewhere},
+        {"<r>" + Replace(original, "ID=\"_a1\"", "ID=\"_a2\"") + "<x ID=\"_a1\"/></r>", 0,
          elsewhere},
-        {"<r>" + Replace(original, "URI=\"#_a1\"", "URI=\"\"") + "</r>", kFirst,
+        {"<r>" + Replace(original, "URI=\"#_a1\"", "URI=\"\"") + "</r>", 0,
          "security: An empty reference URI is only allowed when the signed element is the "
          "document element"},
-        {"<r>" + original + "</r>", kFirst, "verified"},
+        {"<r>" + original + "</r>", 0, "verified"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.expected, Check(c.text, m_trusted.Get(), c.select)) << c.text;
+    for (const auto& [text, child, expected] : cases) {
+        EXPECT_EQ(expected, Check(text, m_trusted.Get(), child)) << text;
     }
 }
 
