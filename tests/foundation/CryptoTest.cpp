@@ -16,27 +16,28 @@ namespace {
 
 using namespace Basalt::Crypto;
 using Basalt::InvalidArgumentException;
+using Basalt::Ref;
 using Basalt::Jwt::Decoder;
 using Basalt::StringUtil::ToHex;
 using JwtTest::Base64Url;
 using JwtTest::Fixture;
 using JwtTest::Sign;
 
-Basalt::Ref<Certificate> FromDer(const std::string& der) {
-    Basalt::Ref<Certificate> cert;
+Ref<Certificate> FromDer(const std::string& der) {
+    Ref<Certificate> cert;
     CreateCertificate(reinterpret_cast<const unsigned char*>(der.data()), der.size(), cert);
     return cert;
 }
 
-Basalt::Ref<Certificate> FromPem(const std::string& file) {
-    Basalt::Ref<Certificate> cert;
+Ref<Certificate> FromPem(const std::string& file) {
+    Ref<Certificate> cert;
     CreateCertificateFromPem(TestData::Read(file), cert);
     return cert;
 }
 
 TEST(CertificateTest, PemAndDerGiveTheSameCertificateSharedByItsBytesOnly) {
     const std::string der = TestData::Read("certs/sts-rsa.der");
-    const Basalt::Ref<Certificate> fromPem = FromPem("certs/sts-rsa.pem"), first = FromDer(der);
+    const Ref<Certificate> fromPem = FromPem("certs/sts-rsa.pem"), first = FromDer(der);
     const std::vector<unsigned char> otherDer = FromPem("certs/other-rsa.pem")->GetDer();
     const auto other = FromDer(std::string(otherDer.begin(), otherDer.end()));
     EXPECT_TRUE(fromPem->Equals(*first));
@@ -61,7 +62,7 @@ TEST(CertificateTest, MalformedInputIsRejected) {
     std::string flipped = der, damagedPem = TestData::Read("certs/sts-rsa.pem");
     flipped[4] ^= 0x55;  // breaks the DER structure
     damagedPem[damagedPem.size() / 2] = '*';
-    Basalt::Ref<Certificate> cert;
+    Ref<Certificate> cert;
     EXPECT_THROW(CreateCertificate(nullptr, 0, cert), InvalidArgumentException);
     EXPECT_THROW(FromDer(der.substr(0, der.size() - 1)), InvalidArgumentException);
     EXPECT_THROW(FromDer(der + "x"), InvalidArgumentException);  // a known prefix is no match
@@ -73,7 +74,7 @@ TEST(CertificateTest, MalformedInputIsRejected) {
     EXPECT_FALSE(cert);
     // A bundle parses every certificate or fails, leaving the output untouched.
     std::string bundle = TestData::Read("certs/sts-rsa.pem") + TestData::Read("certs/user-ec.pem");
-    std::vector<Basalt::Ref<Certificate>> certs;
+    std::vector<Ref<Certificate>> certs;
     CreateCertificatesFromPem(bundle, certs);
     ASSERT_EQ(certs.size(), 2u);
     EXPECT_EQ(certs[1]->GetSubjectName(), "CN=user@example.test");
@@ -91,13 +92,13 @@ TEST(PrivateKeyTest, KeysSignWhatTheirCertificatesVerify) {
         {"certs/sts-rsa-encrypted.key", "certs/sts-rsa.pem", "correct-horse", "RSA", 2048},
         {"certs/user-ec.key", "certs/user-ec.pem", "", "EC", 256},
     };
-    Basalt::Ref<Certificate> other = FromPem("certs/other-rsa.pem");
+    Ref<Certificate> other = FromPem("certs/other-rsa.pem");
     const std::string data = "<SignedInfo>payload</SignedInfo>", tampered = data + " ";
     for (const auto& [keyFile, certFile, passphrase, algorithm, bits] : cases) {
         SCOPED_TRACE(keyFile);
-        Basalt::Ref<PrivateKey> key;
+        Ref<PrivateKey> key;
         CreatePrivateKeyFromPem(TestData::Read(keyFile), key, passphrase);
-        Basalt::Ref<Certificate> cert = FromPem(certFile);
+        Ref<Certificate> cert = FromPem(certFile);
         EXPECT_EQ(key->GetAlgorithmName() + std::to_string(key->GetBits()) +
                       std::to_string(key->Matches(*cert)) + std::to_string(key->Matches(*other)),
                   algorithm + std::to_string(bits) + "10");
@@ -116,7 +117,7 @@ TEST(PrivateKeyTest, BadKeysAndPassphrasesAreRejected) {
     const std::string encrypted = TestData::Read("certs/sts-rsa-encrypted.key");
     std::string damaged = TestData::Read("certs/sts-rsa.key");
     damaged[damaged.size() / 2] ^= 1;
-    Basalt::Ref<PrivateKey> key;
+    Ref<PrivateKey> key;
     for (const auto& [pem, passphrase] : {std::make_pair(encrypted, ""),
                                           {encrypted, "wrong"},
                                           {TestData::Read("certs/sts-rsa.pem"), ""},

@@ -136,13 +136,12 @@ TEST(ClientRequest, RefusesHeaderInjectionAndBadPaths) {
 
 TEST(HttpExchange, CarriesHeadersAndALargeBodyBothWaysWithEveryMethod) {
     TestSts::TestServer server;
-    std::string envelope = "<Envelope>";
-    while (envelope.size() < 3 * 1024 * 1024) {
-        envelope += "<Item>0123456789abcdef</Item>";
+    std::string body;  // numbered, so that a lost or repeated piece shows
+    for (int i = 0; body.size() < 3 * 1024 * 1024; ++i) {
+        body += std::to_string(i) + ",";
     }
-    envelope += "</Envelope>";
     Ref<Http::HttpUserAgent> agent = MakeAgent(server.Port());
-    Ref<Http::ClientRequest> request = MakeRequest("/echo", envelope);
+    Ref<Http::ClientRequest> request = MakeRequest("/echo", body);
     request->SetHeader("Content-Type", "text/xml");
     request->SetHeader("SOAPAction", "\"urn:action\"");
     Ref<Http::ClientResponse> response;
@@ -151,7 +150,7 @@ TEST(HttpExchange, CarriesHeadersAndALargeBodyBothWaysWithEveryMethod) {
                   response->GetHeader("X-Seen-Content-Type") + " (" +
                   response->GetHeader("X-Seen-Expect") + ")",  // no 100-continue round trip
               "OK \"urn:action\" text/xml ()");
-    EXPECT_EQ(ReadBody(*response), envelope);
+    EXPECT_EQ(ReadBody(*response), body);
     for (auto method : {Http::HttpMethod::Get, Http::HttpMethod::Put, Http::HttpMethod::Delete,
                         Http::HttpMethod::Head}) {
         agent->Send(MakeRequest("/status?code=201", "", method).Get(), kWait, response);
@@ -222,10 +221,7 @@ TEST(HttpExchange, ManyRequestsFromManyThreads) {
 }
 
 TEST(HttpFailures, NameTheCauseAndThePeerAndRefuseMisuse) {
-    TestSts::RefusedPort refused;
-    EXPECT_THAT(FailureOf(*MakeAgent(refused.Port())),
-                StartsWith("Cannot connect to http://127.0.0.1:" + std::to_string(refused.Port()) +
-                           "/echo: "));
+    // A refused connection is checked at the service, where users meet it.
     EXPECT_THAT(
         FailureOf(*MakeAgent(80, nullptr, false, "no-such-host.invalid")),
         StartsWith("Cannot resolve the host name of http://no-such-host.invalid:80/echo: "));

@@ -94,8 +94,8 @@ TEST(StringUtilTest, UuidsWipingAndCase) {
     StringUtil::SecureWipe(secret);
     EXPECT_TRUE(secret.empty() && secret.data() == buffer);
     EXPECT_EQ(std::string(buffer, capacity), std::string(capacity, '\0'));
-    EXPECT_EQ(StringUtil::ToLower(std::string("MiXeD-Case_09@[ \xC3\x89\0Z", 19)),
-              std::string("mixed-case_09@[ \xC3\x89\0z", 19));
+    EXPECT_EQ(StringUtil::ToLower(std::string("MiXeD-Case_09@[ \xC3\x89\0Z", 20)),
+              std::string("mixed-case_09@[ \xC3\x89\0z", 20));
     EXPECT_EQ(StringUtil::ToHex({0x00, 0x9f, 0xa0, 0xff}), "009fa0ff");
 }
 
