@@ -84,7 +84,7 @@ TEST(CertificateTest, MalformedInputIsRejected) {
     EXPECT_EQ(certs.size(), 2u);
 }
 
-TEST(PrivateKeyTest, KeysSignWhatTheirCertificatesVerify) {
+TEST(PrivateKeyTest, KeysSignWhatTheirCertificatesVerifyAndBadOnesAreRejected) {
     // Key, certificate, passphrase, algorithm and size.
     const std::tuple<const char*, const char*, const char*, std::string, int> cases[] = {
         {"certs/sts-rsa.key", "certs/sts-rsa.pem", "", "RSA", 2048},
@@ -111,9 +111,7 @@ TEST(PrivateKeyTest, KeysSignWhatTheirCertificatesVerify) {
                 cert->VerifySignature(digest, tampered.data(), tampered.size(), signature));
         }
     }
-}
-
-TEST(PrivateKeyTest, BadKeysAndPassphrasesAreRejected) {
+    // Bad keys and passphrases leave the output alone.
     const std::string encrypted = TestData::Read("certs/sts-rsa-encrypted.key");
     std::string damaged = TestData::Read("certs/sts-rsa.key");
     damaged[damaged.size() / 2] ^= 1;

@@ -301,14 +301,13 @@ TEST(XmlCanonicalizerTest, RefusesUnresolvedPrefixesUnknownAlgorithmsAndRelative
 }
 
 // A small SAML-shaped assertion with the id "_a1".
-std::string AssertionText() {
-    return "<saml2:Assertion xmlns:saml2=\"urn:oasis:names:tc:SAML:2.0:assertion\" ID=\"_a1\" "
-           "IssueInstant=\"2024-01-05T03:04:05.006Z\" Version=\"2.0\">"
-           "<saml2:Issuer>https://sts.example.test</saml2:Issuer>"
-           "<saml2:Subject><saml2:NameID Format=\"urn:upn\">user@example.test</saml2:NameID>"
-           "</saml2:Subject><saml2:Conditions NotBefore=\"2024-01-05T03:04:05Z\" "
-           "NotOnOrAfter=\"2124-01-05T03:04:05Z\"/></saml2:Assertion>";
-}
+const std::string kAssertion =
+    "<saml2:Assertion xmlns:saml2=\"urn:oasis:names:tc:SAML:2.0:assertion\" ID=\"_a1\" "
+    "IssueInstant=\"2024-01-05T03:04:05.006Z\" Version=\"2.0\">"
+    "<saml2:Issuer>https://sts.example.test</saml2:Issuer>"
+    "<saml2:Subject><saml2:NameID Format=\"urn:upn\">user@example.test</saml2:NameID>"
+    "</saml2:Subject><saml2:Conditions NotBefore=\"2024-01-05T03:04:05Z\" "
+    "NotOnOrAfter=\"2124-01-05T03:04:05Z\"/></saml2:Assertion>";
 
 Ref<Crypto::Certificate> LoadCertificate(const std::string& path) {
     Ref<Crypto::Certificate> certificate;
@@ -336,7 +335,7 @@ Ref<KeyInfoResolver> TrustOnly(const std::vector<std::string>& certificatePaths)
 // the serialised result.
 std::string SignAssertion(const std::string& keyPath, const std::string& certificatePath,
                           const std::string& method = kRsaSha256) {
-    auto root = ParseRoot(AssertionText());
+    auto root = ParseRoot(kAssertion);
     Ref<Signature> signature;
     CreateBlankSignature(root.Get(), kExcC14n, method, "ds", signature);
     signature->AddReference("#_a1", kSha256, std::vector<std::string>{kEnveloped, kExcC14n});
@@ -563,7 +562,7 @@ TEST_F(XmlSignatureTest, ForbiddenReferencesTransformsAndAlgorithmsAreSyntaxErro
 }
 
 TEST_F(XmlSignatureTest, SigningRefusesWhatVerificationWould) {
-    Ref<ElementNode> root = ParseRoot(AssertionText());
+    Ref<ElementNode> root = ParseRoot(kAssertion);
     Ref<Signature> signature;
     auto blank = [&](const std::string& c14n, const std::string& method) {
         return
