@@ -1,0 +1,357 @@
+// The foundation's system layer: Base64 and string helpers, date-times, formatting and logging,
+// the thread pool, weak links and exceptions.
+
+#include <basalt/DateTime.h>
+#include <basalt/Exception.h>
+#include <basalt/Format.h>
+#include <basalt/Log.h>
+#include <basalt/Object.h>
+#include <basalt/StringUtil.h>
+#include <basalt/Thread.h>
+#include <basalt/WeakLink.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <numeric>
+#include <regex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "support/ExpectThrow.h"
+
+namespace {
+
+using namespace Basalt;
+using namespace Basalt::System;
+using Detail::ASPrintInternal;
+using StringUtil::Base64Decode;
+using StringUtil::Base64Encode;
+using TestSupport::Throws;
+
+constexpr int64_t kSecond = 1000000;
+
+std::string Decode(std::string_view text) {
+    std::vector<unsigned char> bytes;
+    Base64Decode(text, bytes);
+    return std::string(bytes.begin(), bytes.end());
+}
+
+TEST(Base64Test, Rfc4648VectorsAndEveryByteRoundTrip) {
+    // The encodings of the prefixes of "foobar".
+    const char* encoded[] = {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy"};
+    for (size_t size = 0; size < std::size(encoded); ++size) {
+        EXPECT_EQ(Base64Encode("foobar", size), encoded[size]);
+        EXPECT_EQ(Decode(encoded[size]), std::string("foobar", size));
+    }
+    std::vector<unsigned char> all(256), decoded;
+    std::iota(all.begin(), all.end(), 0);
+    Base64Decode(Base64Encode(all), decoded);
+    EXPECT_EQ(decoded, all);
+    // XML white space is skipped anywhere, even inside the padding.
+    EXPECT_EQ(Decode(" Zm9v\r\nYmFy\t") + "|" + Decode("Zm9vYg=\n=") + "|" + Decode(" \n "),
+              "foobar|foob|");
+}
+
+TEST(Base64Test, MalformedTextIsRejectedAndLeavesTheOutputAlone) {
+    const std::pair<const char*, std::vector<std::string>> malformed[] = {
+        {"length is not a multiple of four", {"Zm9", "Zm9vY", "Zg="}},
+        {"too much padding", {"Zg==="}},
+        {"misplaced padding", {"=Zg="}},
+        {"data after padding", {"Zg==Zg=="}},
+        // The URL-safe alphabet, non-ASCII, a vertical tab (not XML white space), NUL.
+        {"unexpected character",
+         {"Zm9v\x01", "Zm9-", "Zm9v\xc3\xa9", "Zg\v==", std::string("Zm9v\0Zm9v", 9)}},
+        // Bits beyond the last byte must be zero, so each byte string has one encoding.
+        {"non-zero trailing bits", {"Zh==", "Zm9="}},
+    };
+    for (const auto& [reason, texts] : malformed) {
+        for (const std::string& text : texts) {
+            std::vector<unsigned char> bytes{1, 2, 3};
+            EXPECT_TRUE(Throws<Base64FormatException>(
+                [&] { Base64Decode(text, bytes); }, std::string("Invalid Base64 text: ") + reason))
+                << text;
+            EXPECT_EQ(bytes, std::vector<unsigned char>({1, 2, 3}));
+        }
+    }
+}
+
+TEST(StringUtilTest, UuidsWipingAndCase) {
+    const std::regex form("^[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}$");
+    std::set<std::string> seen;
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(std::regex_match(*seen.insert(StringUtil::GenerateUuid()).first, form));
+    }
+    EXPECT_EQ(seen.size(), 100u);
+    // Bytes beyond the size once held the secret too.
+    std::string secret(100, 'p');
+    secret.resize(10);
+    const char* buffer = secret.data();
+    const size_t capacity = secret.capacity();
+    StringUtil::SecureWipe(secret);
+    EXPECT_TRUE(secret.empty() && secret.data() == buffer);
+    EXPECT_EQ(std::string(buffer, capacity), std::string(capacity, '\0'));
+    EXPECT_EQ(StringUtil::ToLower(std::string("MiXeD-Case_09@[ \xC3\x89\0Z", 20)),
+              std::string("mixed-case_09@[ \xC3\x89\0z", 20));
+    EXPECT_EQ(StringUtil::ToHex({0x00, 0x9f, 0xa0, 0xff}), "009fa0ff");
+}
+
+TEST(DateTimeTest, ParsesXmlSchemaForms) {
+    const std::pair<const char*, int64_t> cases[] = {
+        {"1970-01-01T00:00:00Z", 0},
+        // No zone means UTC.
+        {"1970-01-01T00:00:00", 0},
+        {"2024-01-05T03:04:05.006Z", 1704423845006000},
+        // Digits past microseconds are truncated.
+        {"2024-01-05T03:04:05.0060071234Z", 1704423845006007},
+        {"2024-01-05T03:04:05.1Z", 1704423845100000},
+        {"2024-01-05T05:04:05+02:00", 1704423845000000},
+        {"2024-01-04T22:34:05-04:30", 1704423845000000},
+        {"2024-01-05T03:04:05+00:00", 1704423845000000},
+        {"2024-01-05T03:04:05-14:00", 1704423845000000 + 14 * 3600 * kSecond},
+        {"2024-02-29T12:00:00Z", 1709208000000000},
+        {"2000-02-29T00:00:00Z", 951782400000000},
+        {"1969-12-31T23:59:59.999999Z", -1},
+        // End of day is the next midnight.
+        {"2023-12-31T24:00:00Z", 1704067200000000},
+        {"0001-01-01T00:00:00Z", -62135596800 * kSecond},
+        {"9999-12-31T23:59:59Z", 253402300799 * kSecond},
+    };
+    for (const auto& [text, micros] : cases) {
+        EXPECT_EQ(DateTime(text).GetUtcTime(), micros) << text;
+    }
+}
+
+TEST(DateTimeTest, RejectsInvalidTexts) {
+    // Date only or no seconds, blank for T, white space, two-digit/negative/zero year, month 13 and
+    // 0, 29 February of a common year and of a century, 31 April, hour 25, only 24:00:00 allowed,
+    // no leap seconds, empty or comma fraction, lower-case z, offsets without colon or beyond
+    // 14:00, unpadded fields.
+    const char* invalid[] = {
+        "2024-01-05T03:04",          "2024-01-05 03:04:05Z",      " 2024-01-05T03:04:05Z",
+        "2024-01-05T03:04:05Z ",     "24-01-05T03:04:05Z",        "-2024-01-05T03:04:05Z",
+        "0000-01-01T00:00:00Z",      "2024-13-01T00:00:00Z",      "2024-00-01T00:00:00Z",
+        "2023-02-29T00:00:00Z",      "1900-02-29T00:00:00Z",      "2024-04-31T00:00:00Z",
+        "2024-01-05T25:00:00Z",      "2024-01-05T24:00:01Z",      "2024-01-05T24:00:00.5Z",
+        "2024-01-05T23:60:00Z",      "2024-01-05T23:59:60Z",      "2024-01-05T03:04:05.Z",
+        "2024-01-05T03:04:05,5Z",    "2024-01-05T03:04:05z",      "2024-01-05T03:04:05+0200",
+        "2024-01-05T03:04:05+14:01", "2024-01-05T03:04:05+02:60", "2024-01-05T03:04:05ZZ",
+        "2024-1-05T03:04:05Z",       "2024-01-05T03:04:05+02"};
+    for (const std::string text : invalid) {
+        EXPECT_TRUE(Throws<DateTimeFormatException>([&] { DateTime{text}; },
+                                                    "Invalid date-time value: '" + text + "'"));
+    }
+    for (const std::string& text :
+         {std::string(), std::string("2024-01-05"), std::string("2024-01-05T03:04:05Z\0", 21)}) {
+        EXPECT_THROW(DateTime{text}, DateTimeFormatException);
+    }
+}
+
+// Round trips through the text form and through the fields, at the ends of the range and around
+// the epoch, and the refusals of the other constructors.
+TEST(DateTimeTest, FormatsFieldsAndArithmeticAgree) {
+    EXPECT_EQ(DateTime("2024-01-05T03:04:05.006007Z").ToShortStringBias(), "2024-01-05T03:04:05Z");
+    EXPECT_EQ(DateTimeFromUtc(-62135596800 * kSecond, false).ToString(),
+              "0001-01-01T00:00:00.000000Z");
+    for (int64_t micros : {int64_t{0}, int64_t{-1}, int64_t{951868799999999},
+                           int64_t{4102444800000001}, int64_t{253402300799999999}}) {
+        DateTime t = DateTimeFromUtc(micros, false);
+        EXPECT_EQ(DateTime(t.ToString()).GetUtcTime(), micros) << t.ToString();
+        EXPECT_EQ(DateTimeFromFields(t.GetFields()), t) << t.ToString();
+    }
+    auto f = DateTime("2024-02-29T23:59:59.5Z").GetFields();
+    EXPECT_EQ(std::vector<int>({f.year, f.month, f.day, f.hour, f.minute, f.second, f.microsecond}),
+              std::vector<int>({2024, 2, 29, 23, 59, 59, 500000}));
+    f.month = 13;
+    EXPECT_TRUE(Throws<DateTimeFormatException>([&] { DateTimeFromFields(f); },
+                                                "Date-time field out of range"));
+    EXPECT_TRUE(Throws<InvalidArgumentException>([] { DateTimeFromUtc(0, true); },
+                                                 "DateTimeFromUtc: local time is not supported"));
+}
+
+TEST(FormatTest, PlaceholdersByNumberEveryKindAndLiteralText) {
+    const PrintFormatter a("A"), b("B"), c("C"), d("D"), e("E"), f("F"), g("G"), h("H"), i("I");
+    EXPECT_EQ(ASPrintInternal("%9%8%7%6%5%4%3%2%1", a, b, c, d, e, f, g, h, i), "IHGFEDCBA");
+    EXPECT_EQ(ASPrintInternal("%2 before %1, %2 again", a, b), "B before A, B again");
+    EXPECT_EQ(ASPrintInternal("%10", a), "A0");
+    EXPECT_EQ(ASPrintInternal("100% sure %", a), "100% sure %");
+    EXPECT_EQ(ASPrintInternal("%3 has no argument", a, b), "%3 has no argument");
+    EXPECT_EQ(ASPrintInternal("%0 and %% stay", a), "%0 and %% stay");
+    EXPECT_EQ(ASPrintInternal("no args %1"), "no args %1");
+    // An argument's own text is not scanned for placeholders.
+    EXPECT_EQ(ASPrintInternal("%1%2", PrintFormatter("%2"), b), "%2B");
+    EXPECT_EQ(ASPrintInternal("%1|%2|%3|%4|%5", PrintFormatter(true), PrintFormatter(int32_t{-7}),
+                              PrintFormatter(int64_t{1} << 40),
+                              PrintFormatter(static_cast<const char*>(nullptr)),
+                              DatePrintFormatter(DateTime("2024-01-05T03:04:05Z"))),
+              "true|-7|1099511627776|(null)|2024-01-05T03:04:05.000000Z");
+}
+
+TEST(LogTest, LevelDecidesWhatReachesTheSinkFromEveryThread) {
+    std::mutex mutex;
+    std::vector<std::string> lines;
+    Service::SetLogSink([&](const Service::Logger& logger, int level, std::string_view m) {
+        std::lock_guard<std::mutex> lock(mutex);
+        lines.push_back(logger.GetName() + "/" + std::to_string(level) + "/" + std::string(m));
+    });
+    Service::StaticLogger logger("LogTest");
+    using Level = Service::Logger;
+    Service::LogInternal(logger.Get(), Level::LL_Info, "hidden %1", PrintFormatter(1));
+    Service::LogInternal(logger.Get(), Level::LL_Warning, "shown %1 %2", PrintFormatter(1),
+                         PrintFormatter("two"));
+    ASSERT_TRUE(Service::SetLoggerLevel("LogTest", Level::LL_Trace));
+    Service::LogInternal(logger.Get(), Level::LL_Trace, "trace");
+    Service::LogInternal(nullptr, Level::LL_Emergency, "no logger");
+    EXPECT_EQ(lines, std::vector<std::string>({"LogTest/4/shown 1 two", "LogTest/7/trace"}));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 250; ++i) {
+                Service::LogInternal(logger.Get(), 7, "%1:%2", PrintFormatter(t),
+                                     PrintFormatter(i));
+                if (i == 100) {
+                    logger->SetLevel(7);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(lines.size(), 1002u);
+    Service::SetLogSink([](const Service::Logger&, int, std::string_view) {
+        throw std::runtime_error("sink broke");
+    });
+    EXPECT_NO_THROW(Service::LogInternal(logger.Get(), 0, "still fine"));
+    Service::SetLogSink({});
+}
+
+class CountingItem : public ScheduledItemMixin<ObjectImpl> {
+  public:
+    explicit CountingItem(std::atomic<int>& runs) : m_runs(runs) {}
+
+  protected:
+    void Execute() override { ++m_runs; }
+
+  private:
+    std::atomic<int>& m_runs;
+};
+
+TEST(ThreadPoolTest, RunsEveryPostedCallableAndItemOnceUnlessCancelled) {
+    Ref<ThreadPool> pool;
+    SystemFactory::Instance().CreateThreadPool(3, pool);
+    EXPECT_EQ(pool->GetThreadCount(), 3u);
+    std::atomic<int> calls{0}, runs{0};
+    for (int i = 0; i < 500; ++i) {
+        pool->GetWorkQueue()->Post([&] { ++calls; });
+        pool->GetWorkQueue()->Enqueue(Ref<ScheduledItem>(new CountingItem(runs)));
+    }
+    pool->Shutdown();  // waits for queued work
+    EXPECT_EQ(calls, 500);
+    EXPECT_EQ(runs, 500);
+    EXPECT_THROW(pool->GetWorkQueue()->Post([] {}), InvalidStateException);
+
+    Ref<CountingItem> cancelled(new CountingItem(runs)), item(new CountingItem(runs));
+    EXPECT_TRUE(cancelled->Cancel());
+    EXPECT_FALSE(cancelled->Cancel());
+    cancelled->Run();
+    item->Run();
+    item->Run();
+    EXPECT_EQ(runs, 501);
+    EXPECT_FALSE(item->Cancel());
+}
+
+TEST(ThreadPoolTest, SubmitAndHandlerSurfaceExceptionsAndThePoolCarriesOn) {
+    Ref<ThreadPool> pool;
+    SystemFactory::Instance().CreateThreadPool(1, pool);
+    WorkQueue* queue = pool->GetWorkQueue();
+    std::promise<std::string> seen;
+    pool->SetUnhandledExceptionHandler([&](std::exception_ptr error) {
+        try {
+            std::rethrow_exception(error);
+        } catch (const std::exception& e) {
+            seen.set_value(e.what());
+        }
+    });
+    queue->Post([] { throw std::runtime_error("escaped"); });
+    auto failing = queue->Submit([]() -> int { throw InvalidStateException("no config"); });
+    EXPECT_TRUE(Throws<InvalidStateException>([&] { failing.get(); }, "no config"));
+    EXPECT_EQ(queue->Submit([] { return 6 * 7; }).get(), 42);  // still serving
+    EXPECT_EQ(seen.get_future().get(), "escaped");
+    EXPECT_THROW(queue->Post({}), InvalidArgumentException);
+    EXPECT_THROW(queue->Enqueue(nullptr), InvalidArgumentException);
+}
+
+std::atomic<int> g_destroyed{0};
+
+class Linkable : public WeakLinkableImpl<ObjectImpl> {
+  public:
+    ~Linkable() override { ++g_destroyed; }
+    int value = 42;
+};
+
+// Reference counting itself is exercised by every test under the leak checker; the weak link is
+// what needs its own cases.
+TEST(ObjectTest, WeakLinkLocksWhileAliveAndNeverRevivesTheObject) {
+    g_destroyed = 0;
+    Ref<Linkable> object(new Linkable);
+    Ref<WeakLink> link, again;
+    object->AttachWeakRef(link);
+    object->AttachWeakRef(again);
+    EXPECT_EQ(link, again);
+    EXPECT_TRUE(object->HasLink(link.Get()));
+    EXPECT_EQ(link->LockAs<Linkable>()->value, 42);
+    EXPECT_EQ(object->GetRefCount(), 1);  // the lock above was released
+    object.Reset();
+    EXPECT_EQ(g_destroyed, 1);
+    EXPECT_FALSE(link->IsAlive() || link->Lock());
+    // The last release racing with a lock on another thread.
+    for (int round = 0; round < 200; ++round) {
+        object = new Linkable;
+        object->AttachWeakRef(link);
+        std::atomic<bool> go{false};
+        std::thread locker([&] {
+            while (!go) {
+            }
+            for (int i = 0; i < 100; ++i) {
+                if (Ref<Linkable> strong = link->LockAs<Linkable>()) {
+                    EXPECT_EQ(strong->value, 42);  // never a destroyed object
+                }
+            }
+        });
+        go = true;
+        object.Reset();
+        locker.join();
+        EXPECT_FALSE(link->Lock());
+    }
+    EXPECT_EQ(g_destroyed, 201);
+}
+
+// Clone and Throw through a base reference keep the dynamic class, the message and the code: the
+// base class and one made by the declaring macro stand for the family.
+template <class E>
+void ExpectClonesAndRethrowsAs(const char* message) {
+    E original{std::string(message)};
+    original.SetErrorCode(28);
+    std::unique_ptr<Exception> clone(static_cast<const Exception&>(original).Clone());
+    EXPECT_EQ(clone->GetErrorCode(), 28);
+    EXPECT_TRUE(Throws<E>([&] { clone->Throw(); }, message));
+}
+
+TEST(ExceptionTest, ClonesRethrowsAndDescribesItsThrowSite) {
+    ExpectClonesAndRethrowsAs<Exception>("general");
+    ExpectClonesAndRethrowsAs<Xml::Security::SignatureSyntaxException>("syntax");
+    try {
+        BASALT_THROW(InvalidArgumentException, "bad value");
+    } catch (const Throwable& e) {
+        EXPECT_EQ(e.Dump().rfind("Basalt::InvalidArgumentException: bad value (at ", 0), 0u);
+        EXPECT_NE(e.Where().find("SystemTest.cpp:"), std::string::npos);
+    }
+    EXPECT_TRUE(Throws<TypeMismatchException>(
+        [] { ThrowTypeMismatchException(typeid(InvalidStateException), typeid(int)); },
+        "Type mismatch: expected Basalt::InvalidStateException, got int"));
+}
+
+}  // namespace
