@@ -493,6 +493,10 @@ TEST_F(XmlSignatureTest, SignatureWrappingShapesAreRefused) {
          "utility-1.0.xsd\" wsu:Id=\"_a1\"/>" +
              original + "</r>",
          1, twice},
+        // An Id in any other namespace names nothing; a one-character id is still an id.
+        {"<r><evil xmlns:o=\"urn:other\" o:Id=\"_a1\"/>" + original + "</r>", 1, "verified"},
+        {"<r>" + Replace(Replace(original, "ID=\"_a1\"", "ID=\"a\""), "#_a1", "#a") + "</r>", 0,
+         "rejected"},
         // The signed element moved under an extension element; a reference to another element.
         {open + " ID=\"_evil\">" + evil + signature + "<saml2:Advice>" +
              Replace(original, signature, "") + "</saml2:Advice>" + close,
@@ -530,6 +534,8 @@ TEST_F(XmlSignatureTest, ForbiddenReferencesTransformsAndAlgorithmsAreSyntaxErro
         badUri("file://" + kSecretPath),
         badUri("http://127.0.0.1:1/x"),
         {uri(""), "A ds:Reference without URI is not allowed"},
+        {Replace(s_signed, " Algorithm=\"" + kSha256 + "\"", ""),
+         "ds:DigestMethod has no Algorithm"},
         refused("Transform", "", "http://www.w3.org/TR/1999/REC-xpath-19991116"),
         refused("Transform", "", "http://www.w3.org/2002/06/xmldsig-filter2"),
         refused("Transform", "", "http://www.w3.org/TR/1999/REC-xslt-19991116"),
