@@ -159,20 +159,22 @@ TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
     acting->GetDelegationChain(chain);
     ASSERT_EQ(chain.size(), 1u);
     EXPECT_EQ(chain[0].principal, (PrincipalId{"alice", "example.test"}));
-
-    // Asynchronously too, through the thread pool and the real transport.
-    std::promise<std::shared_ptr<const SamlToken>> delivered;
-    service->AcquireTokenByCertificateAsync(
-        Spec(), [&](const std::shared_ptr<const SamlToken>& token, const Basalt::Exception* error) {
-            delivered.set_value(error ? nullptr : token);
-        });
-    auto async = delivered.get_future().get();
-    ASSERT_TRUE(async);
-    EXPECT_EQ(async->GetSubject()->name, "client-solution");
 }
 
-// Waiting, and asynchronously (each leg sent from the pool, in the same session).
-TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
+// GSS over several legs, waiting on a service made from a caller-supplied user agent, and
+// asynchronously (each leg sent from the pool, in the same session). The STS's session cookie
+// lands in the agent's store. On an agent the URL is the request target as it stands, a path or
+// an absolute URL; anything else fails as the transport does.
+TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegsAndServicesOnAUserAgent) {
+    Basalt::Ref<Basalt::Http::ConnectionSpec> spec;
+    CreateSsoSSLConnectionSpec("localhost", m_sts.Port(), Trust().sslContext.Get(), "", false,
+                               spec);
+    Basalt::Ref<Basalt::Http::CookieStore> cookies;
+    Basalt::Http::CreateCookieStore("", cookies);
+    SecurityTokenServiceConfigEx config;
+    Basalt::Http::CreateHttpUserAgent(spec.Get(), cookies.Get(), nullptr, config.userAgent);
+    config.url = "/sts/STSService";
+    config.tokenFactory = CreateSamlTokenFactory(Trust().resolver.Get());
     for (bool async : {false, true}) {
         auto handler = std::make_shared<TestGssHandler>("alice@example.test", "alice-password", 2);
         std::promise<std::shared_ptr<const SamlToken>> issued;
@@ -180,7 +182,9 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
             Service(false)->AcquireTokenByGSSAsync(
                 Spec(), handler, [&](const auto& token, auto*) { issued.set_value(token); });
         } else {
-            issued.set_value(Service(false)->AcquireTokenByGSS(Spec(), *handler));
+            issued.set_value(
+                CreateSecurityTokenService(config)->AcquireTokenByGSS(Spec(), *handler));
+            EXPECT_FALSE(cookies->GetCookieLines().empty());
         }
         auto token = issued.get_future().get();
         ASSERT_TRUE(token);
@@ -191,6 +195,12 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
         EXPECT_EQ(handler->serverLegs[3], "WELCOME alice@example.test");
         EXPECT_EQ(m_sts.Stats()["requests"], async ? 6 : 3);
     }
+    config.url = "https://localhost:" + std::to_string(m_sts.Port()) + "/sts/STSService";
+    ASSERT_TRUE(CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()));
+    config.url = "sts/STSService";
+    EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
+        [&] { CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()); },
+        "Invalid HTTP request path 'sts/STSService'"));
 }
 
 // One deadline over all legs of a negotiation: a clock two seconds later at each reading (when the
@@ -215,31 +225,6 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationHasOneDeadlineOverAllLegs) {
         [&] { service.AcquireTokenByGSS(Spec(), handler); },
         "deadline of 5 s exceeded after 2 legs"));
     EXPECT_EQ(m_sts.Stats()["requests"], 2);
-}
-
-// A service made from a caller-supplied user agent: the STS's GSS session cookie lands in the
-// agent's store, and another service on that agent sends it along. The URL is the request target
-// as it stands, a path or an absolute URL; anything else fails as the transport does.
-TEST_F(SecurityTokenServiceTest, ServicesFromOneUserAgentShareItsCookies) {
-    Basalt::Ref<Basalt::Http::ConnectionSpec> spec;
-    CreateSsoSSLConnectionSpec("localhost", m_sts.Port(), Trust().sslContext.Get(), "", false,
-                               spec);
-    Basalt::Ref<Basalt::Http::CookieStore> cookies;
-    Basalt::Http::CreateCookieStore("", cookies);
-    SecurityTokenServiceConfigEx config;
-    Basalt::Http::CreateHttpUserAgent(spec.Get(), cookies.Get(), nullptr, config.userAgent);
-    config.url = "/sts/STSService";
-    config.tokenFactory = CreateSamlTokenFactory(Trust().resolver.Get());
-    auto first = CreateSecurityTokenService(config);
-    TestGssHandler handler("bob@example.test", "bob-password");
-    ASSERT_TRUE(first->AcquireTokenByGSS(Spec(), handler));
-    EXPECT_FALSE(cookies->GetCookieLines().empty());
-    config.url = "https://localhost:" + std::to_string(m_sts.Port()) + "/sts/STSService";
-    ASSERT_TRUE(CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()));
-    config.url = "sts/STSService";
-    EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
-        [&] { CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()); },
-        "Invalid HTTP request path 'sts/STSService'"));
 }
 
 // Calls and providers waiting on a server that never answers hold no thread: with more of them
@@ -396,7 +381,8 @@ TEST(ServiceLimits, RetriesWhatIsSafeAndLogsWhatTheExceptionDoesNotCarry) {
     CreateSecurityTokenService(TestSupport::LoopbackStsConfig(refusedUrl));
     TestSupport::LogCapture log(Basalt::Service::Logger::LL_Warning);
     // The asynchronous call sends its retries from the pool's timer, with the same outcome.
-    for (async = false;; async = true) {
+    for (const bool pass : {false, true}) {
+        async = pass;
         for (const Case& c : cases()) {
             server.Command("reset");
             auto counter = std::make_shared<RetryCounter>();
@@ -410,9 +396,6 @@ TEST(ServiceLimits, RetriesWhatIsSafeAndLogsWhatTheExceptionDoesNotCarry) {
                       std::vector<std::string>{
                           "4 SecurityTokenServiceImpl::AcquireToken failed (SsoClient::" +
                           exception + "): url " + c.url + c.notes});
-        }
-        if (async) {
-            break;
         }
     }
 }

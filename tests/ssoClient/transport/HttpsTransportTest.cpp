@@ -108,16 +108,6 @@ TEST_F(HttpsTransport, SessionsKeepTheirCookiesAndShareConnectionsIfAsked) {
         }
         EXPECT_EQ(m_server.Stats()["handshakes"] - before, reuse ? 1 : 2) << reuse;
     }
-    // Clients made from one user agent share its cookies; their URL is the request target.
-    Ref<Basalt::Http::CookieStore> callers;
-    Basalt::Http::CreateCookieStore("", callers);
-    Ref<Basalt::Http::ConnectionSpec> spec;
-    CreateSsoSSLConnectionSpec("127.0.0.1", m_server.Port(), m_context.Get(), "", true, spec);
-    Ref<Basalt::Http::HttpUserAgent> agent;
-    Basalt::Http::CreateHttpUserAgent(spec.Get(), callers.Get(), nullptr, agent);
-    EXPECT_EQ(Send(HttpsClient(agent, "/cookies", kWait)), "");
-    EXPECT_EQ(Send(HttpsClient(agent, "/cookies", kWait)), "seen=yes");
-    EXPECT_EQ(callers->GetCookieLines().size(), 1u);
 }
 
 TEST_F(HttpsTransport, FailuresBecomeCommunicationExceptions) {
