@@ -243,9 +243,8 @@ inline FaultLoadReport RunFaultLoad(int waves, int perWave, int64_t waitMicros) 
     }
     std::lock_guard<std::mutex> lock(shared->mutex);
     shared->report.calls = static_cast<int>(shared->called.size());
-    for (int count : shared->called) {
-        shared->report.notCalledOnce += count == 1 ? 0 : 1;
-    }
+    shared->report.notCalledOnce = static_cast<int>(
+        std::count_if(shared->called.begin(), shared->called.end(), [](int n) { return n != 1; }));
     return shared->report;
 }
 
