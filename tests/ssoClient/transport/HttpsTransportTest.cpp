@@ -3,8 +3,6 @@
 
 #include <gmock/gmock.h>
 
-#include <future>
-
 #include <ssoClient/ConnectionSpec.h>
 #include "TestData.h"
 #include "internal/transport/HttpsClient.h"
@@ -119,17 +117,6 @@ TEST_F(HttpsTransport, FailuresBecomeCommunicationExceptions) {
         EXPECT_THAT(Send(HttpsClient(server.Url(path), m_context.Get(), serverName,
                                      waitMillis * 1000, false)),
                     HasSubstr(outcome));
-    }
-    // Asynchronously too, and a reply arrives the same way.
-    for (const char* path : {"/echo", "/status?code=404&reason=Not+Found"}) {
-        std::promise<std::string> outcome;
-        Ref<Basalt::Http::PendingRequestItem> pending = Client(path).CreateSession()->SendAsync(
-            {kIssue, "<async/>"}, [&](const Basalt::Exception* error, Basalt::Reader* body) {
-                const bool typed = dynamic_cast<const CommunicationException*>(error);
-                outcome.set_value(!error ? ReadAll(*body) : typed ? error->what() : "other");
-            });
-        EXPECT_EQ(outcome.get_future().get(),
-                  path[1] == 'e' ? "<async/>" : "Server returned error: 404 Not Found");
     }
 }
 
