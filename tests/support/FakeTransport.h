@@ -9,7 +9,6 @@
 #include <basalt/StringUtil.h>
 #include <basalt/Thread.h>
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -73,12 +72,6 @@ class FakeTransport : public SsoClient::Transport,
     mutable int m_sessions = 0;
     std::vector<SsoClient::SoapRequest> m_requests;
 };
-
-// Answers the nth request with the nth reply.
-inline Responder InOrder(std::vector<std::string> replies) {
-    auto next = std::make_shared<std::atomic<size_t>>(0);
-    return [replies, next](const SsoClient::SoapRequest&) { return replies.at((*next)++); };
-}
 
 inline std::string SoapEnvelope(const std::string& body) {
     return "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "

@@ -36,7 +36,13 @@ namespace TestSupport {
 // server does; SetUp(true) listens again on the same port.
 class FaultyServer {
   public:
-    explicit FaultyServer(const std::string& token) : m_token(IssueReply(token)) {
+    explicit FaultyServer(const std::string& token) {
+        const std::string reply = IssueReply(token);
+        const std::string fault = SoapFault("wst:FailedAuthentication", "Invalid credentials");
+        m_replies = {{"/ok", Http(200, reply, reply.size())},
+                     {"/fault", Http(500, fault, fault.size())},
+                     {"/truncated", Http(200, reply.substr(0, 999), reply.size())},
+                     {"/garbage", "\x16\x03\x01 not HTTP at all\r\n\r\n"}};
         Listen();
         m_thread = std::thread([this] { Serve(); });
     }
@@ -126,13 +132,7 @@ class FaultyServer {
         }
         const std::string path = received.substr(5, received.find(' ', 5) - 5);  // "POST /..."
         received.clear();
-        const std::string fault = SoapFault("wst:FailedAuthentication", "Invalid credentials");
-        const std::string reply =
-            path == "/ok"          ? Http(200, m_token, m_token.size())
-            : path == "/fault"     ? Http(500, fault, fault.size())
-            : path == "/truncated" ? Http(200, m_token.substr(0, 999), m_token.size())
-            : path == "/garbage"   ? std::string("\x16\x03\x01 not HTTP at all\r\n\r\n")
-                                   : "";
+        const std::string& reply = m_replies[path];  // none for "/hang"
         if (write(fd, reply.data(), reply.size()) < 0 || path == "/truncated" ||
             path == "/garbage") {
             Drop(fd);
@@ -148,7 +148,7 @@ class FaultyServer {
                "\r\n\r\n" + body;
     }
 
-    const std::string m_token;
+    std::map<std::string, std::string> m_replies;  // by path
     const int m_wake = eventfd(0, EFD_CLOEXEC), m_ack = eventfd(0, EFD_CLOEXEC);
     int m_listener = -1;
     uint16_t m_port = 0;
@@ -243,9 +243,8 @@ inline FaultLoadReport RunFaultLoad(int waves, int perWave, int64_t waitMicros) 
     }
     std::lock_guard<std::mutex> lock(shared->mutex);
     shared->report.calls = static_cast<int>(shared->called.size());
-    for (int count : shared->called) {
-        shared->report.notCalledOnce += count == 1 ? 0 : 1;
-    }
+    shared->report.notCalledOnce = static_cast<int>(
+        std::count_if(shared->called.begin(), shared->called.end(), [](int n) { return n != 1; }));
     return shared->report;
 }
 

@@ -1,5 +1,7 @@
 // The paths a user runs, end to end against the loopback test STS (an independent implementation
-// in Python, lxml and xmlsec): its tokens parse and verify here, our requests verify there.
+// in Python, lxml and xmlsec): its tokens parse and verify here, our requests verify there. Time
+// limits and retries over loopback servers, with the warning line a failed operation leaves, and
+// many asynchronous calls against misbehaving ones (the long run is bench/SoakBench).
 #include <basalt/Crypto.h>
 #include <basalt/Http.h>
 #include <basalt/Ssl.h>
@@ -11,6 +13,8 @@
 #include <ssoClient/SecurityTokenService.h>
 #include <ssoClient/TokenProvider.h>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <future>
 #include <mutex>
@@ -21,6 +25,8 @@
 #include "internal/transport/LimitedTransport.h"
 #include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
+#include "support/FaultLoad.h"
+#include "support/LogCapture.h"
 #include "support/TestCredentials.h"
 #include "support/TestGssMechanism.h"
 
@@ -29,6 +35,11 @@ namespace {
 using namespace SsoClient;
 using TestSupport::Spec;
 using TestSupport::StsTrust;
+using namespace std::chrono_literals;
+using Check = ::testing::AssertionResult (*)(const std::function<void()>&, const std::string&,
+                                             bool);
+template <class E>
+constexpr Check kThrows = &TestSupport::Throws<E, const std::function<void()>&>;
 
 // The description without its times.
 std::string Described(const SamlToken& token) {
@@ -53,17 +64,16 @@ class TestGssHandler : public NegotiationHandler, public TestSupport::TestGssMec
 
 class SecurityTokenServiceTest : public ::testing::Test {
   protected:
-    // A service for the STS with this trust (and the client identity if withHolderOfKey).
+    // A service for the STS (with the client identity if withHolderOfKey), over TLS with this
+    // context if one is given.
     std::shared_ptr<SecurityTokenService> Service(bool withHolderOfKey = true,
-                                                  const StsTrust& trust = Trust()) {
-        SecurityTokenServiceConfig config;
-        config.url = m_sts.Url();
-        config.keyInfoResolver = trust.resolver;
-        config.tokenFactory = CreateSamlTokenFactory(trust.resolver.Get());
-        config.sslContext = trust.sslContext.Get();
-        config.allowPlainHttp = true;
+                                                  Basalt::Ssl::SSLContext* tls = nullptr) {
+        SecurityTokenServiceConfig config = TestSupport::LoopbackStsConfig(m_sts.Url());
+        if (tls) {
+            config.sslContext = tls;
+        }
         if (withHolderOfKey) {
-            config.holderOfKey = trust.client;
+            config.holderOfKey = Trust().client;
         }
         return CreateSecurityTokenService(config);
     }
@@ -98,7 +108,17 @@ TEST_F(SecurityTokenServiceTest, PasswordTokenCarriesWhatWasAskedFor) {
     PersonName name;
     token->GetPersonName(name);
     EXPECT_EQ(name.givenName + " " + name.surname, "Alice Liddell");
-    EXPECT_EQ(m_sts.Stats()["requests"], 1);
+    // A wrong password is refused; TLS verification is on: a server certificate from another CA
+    // is refused, also after a context that trusts the server's CA has been used in this process
+    // (every context keeps its own trust).
+    EXPECT_TRUE(TestSupport::Throws<InvalidCredentialsException>(
+        [&] { Service(false)->AcquireToken("alice", "wrong", spec); },
+        "Authentication failed: Invalid user name or password"));
+    const StsTrust other("tls/ca.pem");
+    EXPECT_THROW(
+        Service(false, other.sslContext.Get())->AcquireToken("alice", "alice-password", spec),
+        CommunicationException);
+    EXPECT_EQ(m_sts.Stats()["requests"], 2);
 }
 
 TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
@@ -128,26 +148,10 @@ TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
     EXPECT_EQ(m_sts.Command("revoke " + renewed->GetId()), "OK");
     EXPECT_FALSE(service->ValidateToken(*renewed));
 
-    // Asynchronously too, through the thread pool and the real transport.
-    std::promise<std::shared_ptr<const SamlToken>> delivered;
-    service->AcquireTokenByCertificateAsync(
-        Spec(), [&](const std::shared_ptr<const SamlToken>& token, const Basalt::Exception* error) {
-            delivered.set_value(error ? nullptr : token);
-        });
-    auto async = delivered.get_future().get();
-    ASSERT_TRUE(async);
-    EXPECT_EQ(async->GetSubject()->name, "client-solution");
-}
-
-// A signed password request carrying another token as ActAs: the STS must find both the request
-// signature and the embedded token's signature intact.
-TEST_F(SecurityTokenServiceTest, ActingForAnotherExtendsTheDelegationChain) {
-    auto service = Service();
-    TokenSpec actAs = Spec();
-    actAs.delegable = true;
-    actAs.actAsToken = service->AcquireTokenByCertificate(actAs);
-    ASSERT_TRUE(actAs.actAsToken);
-    auto acting = service->AcquireToken("alice", "alice-password", actAs);
+    // A signed password request carrying a token as ActAs: the STS must find both the request
+    // signature and the embedded token's signature intact.
+    spec.actAsToken = byCertificate;
+    auto acting = service->AcquireToken("alice", "alice-password", spec);
     ASSERT_TRUE(acting);
     EXPECT_EQ(acting->GetTokenType(), Saml_HOK);
     EXPECT_EQ(acting->GetSubject()->name, "client-solution");
@@ -157,8 +161,20 @@ TEST_F(SecurityTokenServiceTest, ActingForAnotherExtendsTheDelegationChain) {
     EXPECT_EQ(chain[0].principal, (PrincipalId{"alice", "example.test"}));
 }
 
-// Waiting, and asynchronously (each leg sent from the pool, in the same session).
-TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
+// GSS over several legs, waiting on a service made from a caller-supplied user agent, and
+// asynchronously (each leg sent from the pool, in the same session). The STS's session cookie
+// lands in the agent's store. On an agent the URL is the request target as it stands, a path or
+// an absolute URL; anything else fails as the transport does.
+TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegsAndServicesOnAUserAgent) {
+    Basalt::Ref<Basalt::Http::ConnectionSpec> spec;
+    CreateSsoSSLConnectionSpec("localhost", m_sts.Port(), Trust().sslContext.Get(), "", false,
+                               spec);
+    Basalt::Ref<Basalt::Http::CookieStore> cookies;
+    Basalt::Http::CreateCookieStore("", cookies);
+    SecurityTokenServiceConfigEx config;
+    Basalt::Http::CreateHttpUserAgent(spec.Get(), cookies.Get(), nullptr, config.userAgent);
+    config.url = "/sts/STSService";
+    config.tokenFactory = CreateSamlTokenFactory(Trust().resolver.Get());
     for (bool async : {false, true}) {
         auto handler = std::make_shared<TestGssHandler>("alice@example.test", "alice-password", 2);
         std::promise<std::shared_ptr<const SamlToken>> issued;
@@ -166,7 +182,9 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
             Service(false)->AcquireTokenByGSSAsync(
                 Spec(), handler, [&](const auto& token, auto*) { issued.set_value(token); });
         } else {
-            issued.set_value(Service(false)->AcquireTokenByGSS(Spec(), *handler));
+            issued.set_value(
+                CreateSecurityTokenService(config)->AcquireTokenByGSS(Spec(), *handler));
+            EXPECT_FALSE(cookies->GetCookieLines().empty());
         }
         auto token = issued.get_future().get();
         ASSERT_TRUE(token);
@@ -177,6 +195,12 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegs) {
         EXPECT_EQ(handler->serverLegs[3], "WELCOME alice@example.test");
         EXPECT_EQ(m_sts.Stats()["requests"], async ? 6 : 3);
     }
+    config.url = "https://localhost:" + std::to_string(m_sts.Port()) + "/sts/STSService";
+    ASSERT_TRUE(CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()));
+    config.url = "sts/STSService";
+    EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
+        [&] { CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()); },
+        "Invalid HTTP request path 'sts/STSService'"));
 }
 
 // One deadline over all legs of a negotiation: a clock two seconds later at each reading (when the
@@ -203,68 +227,15 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationHasOneDeadlineOverAllLegs) {
     EXPECT_EQ(m_sts.Stats()["requests"], 2);
 }
 
-// A service made from a caller-supplied user agent: the STS's GSS session cookie lands in the
-// agent's store, and another service on that agent sends it along. The URL is the request target
-// as it stands, a path or an absolute URL; anything else fails as the transport does.
-TEST_F(SecurityTokenServiceTest, ServicesFromOneUserAgentShareItsCookies) {
-    Basalt::Ref<Basalt::Http::ConnectionSpec> spec;
-    CreateSsoSSLConnectionSpec("localhost", m_sts.Port(), Trust().sslContext.Get(), "", false,
-                               spec);
-    Basalt::Ref<Basalt::Http::CookieStore> cookies;
-    Basalt::Http::CreateCookieStore("", cookies);
-    SecurityTokenServiceConfigEx config;
-    Basalt::Http::CreateHttpUserAgent(spec.Get(), cookies.Get(), nullptr, config.userAgent);
-    config.url = "/sts/STSService";
-    config.tokenFactory = CreateSamlTokenFactory(Trust().resolver.Get());
-    auto first = CreateSecurityTokenService(config);
-    TestGssHandler handler("bob@example.test", "bob-password");
-    ASSERT_TRUE(first->AcquireTokenByGSS(Spec(), handler));
-    EXPECT_FALSE(cookies->GetCookieLines().empty());
-    config.url = "https://localhost:" + std::to_string(m_sts.Port()) + "/sts/STSService";
-    ASSERT_TRUE(CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()));
-    config.url = "sts/STSService";
-    EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
-        [&] { CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()); },
-        "Invalid HTTP request path 'sts/STSService'"));
-}
-
-// A wrong password is refused; TLS verification is on: a server certificate from another CA is
-// refused, also after a context that trusts the server's CA has been used in this process (every
-// context keeps its own trust).
-TEST_F(SecurityTokenServiceTest, FailuresReachTheCaller) {
-    EXPECT_TRUE(TestSupport::Throws<InvalidCredentialsException>(
-        [&] { Service(false)->AcquireToken("alice", "wrong", Spec()); },
-        "Authentication failed: Invalid user name or password"));
-    EXPECT_THROW(
-        Service(false, StsTrust("tls/ca.pem"))->AcquireToken("alice", "alice-password", Spec()),
-        CommunicationException);
-    EXPECT_EQ(m_sts.Stats()["requests"], 1);
-}
-
-// Callers of a provider who find no token share one request.
-TEST_F(SecurityTokenServiceTest, ManyConcurrentProviderCallersCauseOneRequest) {
-    auto provider = CreateTokenProvider(Service(false),
-                                        TokenRecipe::ByPassword("alice", "alice-password"), Spec());
-    std::vector<std::future<std::shared_ptr<const SamlToken>>> callers(8);
-    for (auto& caller : callers) {
-        caller = std::async(std::launch::async, [&] { return provider->GetToken(); });
-    }
-    const auto token = provider->GetToken();
-    for (auto& caller : callers) {
-        EXPECT_EQ(caller.get(), token);
-    }
-    EXPECT_EQ(m_sts.Stats()["requests"], 1);
-}
-
-// Calls waiting on a server that never answers hold no thread: with 64 of them connected, a call
-// to the STS completes at once. Cancelled, each ends exactly once, promptly, however often it is
-// cancelled.
+// Calls and providers waiting on a server that never answers hold no thread: with more of them
+// connected than the pool has threads, a pooled task and a call to the STS complete at once.
+// Cancelled, each call ends exactly once, promptly, however often it is cancelled.
 TEST_F(SecurityTokenServiceTest, HungCallsHoldNoThreadAndEndOnceWhenCancelled) {
-    using namespace std::chrono_literals;
     constexpr int kHung = 64;
+    const auto pool = Basalt::System::GetThreadPool();
+    const int providers = static_cast<int>(pool->GetThreadCount()) + 4;
     TestSts::TestServer silent({"--silent"});
-    auto hung = CreateSecurityTokenService(TestSupport::LoopbackStsConfig(
-        "http://127.0.0.1:" + std::to_string(silent.Port()) + "/sts"));
+    auto hung = CreateSecurityTokenService(TestSupport::LoopbackStsConfig(silent.Url("/sts")));
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<std::string> outcomes;
@@ -278,9 +249,18 @@ TEST_F(SecurityTokenServiceTest, HungCallsHoldNoThreadAndEndOnceWhenCancelled) {
                 changed.notify_all();
             }));
     }
-    for (int polls = 0; silent.Stats()["connections"] < kHung && polls < 100000; ++polls) {
+    std::vector<std::unique_ptr<TokenProvider>> waiting;
+    for (int i = 0; i < providers; ++i) {
+        waiting.push_back(
+            CreateTokenProvider(hung, TokenRecipe::ByPassword("alice", "alice-password"), Spec()));
+        waiting.back()->GetTokenAsync([](const auto&, auto*) {});
     }
-    ASSERT_EQ(silent.Stats()["connections"], kHung);
+    for (int polls = 0; silent.Stats()["connections"] < kHung + providers && polls < 100000;
+         ++polls) {
+    }
+    ASSERT_EQ(silent.Stats()["connections"], kHung + providers);
+    EXPECT_EQ(pool->GetWorkQueue()->Submit([] { return true; }).wait_for(5s),
+              std::future_status::ready);
     std::promise<bool> good;
     const auto start = std::chrono::steady_clock::now();
     Service(false)->AcquireTokenAsync("alice", "alice-password", Spec(),
@@ -298,25 +278,150 @@ TEST_F(SecurityTokenServiceTest, HungCallsHoldNoThreadAndEndOnceWhenCancelled) {
                             kHung, "SsoClient::OperationCancelledException: Operation cancelled"));
 }
 
-// Providers acquiring from a server that never answers hold no pool thread: with more of them
-// waiting than the pool has threads, each has its connection and a pooled task runs at once.
-TEST_F(SecurityTokenServiceTest, HungProvidersHoldNoPoolThread) {
-    const auto pool = Basalt::System::GetThreadPool();
-    const int hung = static_cast<int>(pool->GetThreadCount()) + 4;
+const char* const kPassword = "alice-secret-pw";
+
+// Counts the retries it is told of.
+struct RetryCounter : ServiceObserver {
+    void RetryScheduled(int, std::chrono::microseconds) override { ++retries; }
+    std::atomic<int> retries{0};
+};
+
+// Asks url for a token with these limits, waiting for it or (async) for the callback, which
+// throws the failure again here.
+void Acquire(const std::string& url, const ServiceLimits& limits, bool async = false,
+             std::shared_ptr<ServiceObserver> observer = nullptr) {
+    SecurityTokenServiceConfig config = TestSupport::LoopbackStsConfig(url);
+    config.limits = limits;
+    config.observer = std::move(observer);
+    auto service = CreateSecurityTokenService(config);
+    if (!async) {
+        service->AcquireToken("alice", kPassword, Spec());
+        return;
+    }
+    std::promise<std::shared_ptr<Basalt::Exception>> outcome;
+    service->AcquireTokenAsync("alice", kPassword, Spec(), [&](auto&, const Basalt::Exception* e) {
+        outcome.set_value(std::shared_ptr<Basalt::Exception>(e ? e->Clone() : nullptr));
+    });
+    if (auto failure = outcome.get_future().get()) {
+        failure->Throw();
+    }
+}
+
+TEST(ServiceLimits, AServerThatNeverAnswersCostsAtMostTheLimit) {
     TestSts::TestServer silent({"--silent"});
-    auto service = CreateSecurityTokenService(TestSupport::LoopbackStsConfig(
-        "http://127.0.0.1:" + std::to_string(silent.Port()) + "/sts"));
-    std::vector<std::unique_ptr<TokenProvider>> providers;
-    for (int i = 0; i < hung; ++i) {
-        providers.push_back(CreateTokenProvider(
-            service, TokenRecipe::ByPassword("alice", "alice-password"), Spec()));
-        providers.back()->GetTokenAsync([](const auto&, auto*) {});
+    const std::string host = "127.0.0.1:" + std::to_string(silent.Port());
+    ServiceLimits deadline, connect, both;
+    deadline.deadline = 1s;
+    connect.connectTimeout = 1s;  // the TLS handshake never completes
+    both.connectTimeout = 1s;
+    both.deadline = 1500ms;
+    both.retry = RetryPolicy{3, 100ms, 100ms};
+    const std::tuple<const char*, ServiceLimits, std::string> cases[] = {
+        {"http", deadline, "deadline of 1 s exceeded"},
+        {"https", connect, "connect timeout of 1 s exceeded connecting to " + host},
+        // Tried again after the connect timeout, until the deadline ends the second try.
+        {"https", both, "deadline of 1500 ms exceeded"},
+    };
+    for (bool async : {false, true}) {
+        for (const auto& [scheme, limits, message] : cases) {
+            const auto start = std::chrono::steady_clock::now();
+            EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
+                [&, &limits = limits] {
+                    Acquire(std::string(scheme) + "://" + host + "/sts", limits, async);
+                },
+                message));
+            EXPECT_LT(std::chrono::steady_clock::now() - start, 5s) << message;
+        }
     }
-    for (int polls = 0; silent.Stats()["connections"] < hung && polls < 100000; ++polls) {
+}
+
+TEST(ServiceLimits, RetriesWhatIsSafeAndLogsWhatTheExceptionDoesNotCarry) {
+    TestSts::TestServer server;
+    TestSts::RefusedPort refused;
+    const std::string fault =
+        "%3Cs:Envelope%20xmlns:s=%27http://schemas.xmlsoap.org/soap/envelope/%27%3E%3Cs:Body%3E"
+        "%3Cs:Fault%3E%3Cfaultcode%3Es:Server%3C/faultcode%3E%3Cfaultstring%3ESTS%20down%0Afor%20"
+        "repairs%3C/faultstring%3E%3C/s:Fault%3E%3C/s:Body%3E%3C/s:Envelope%3E";
+    const std::string refusedUrl = "http://127.0.0.1:" + std::to_string(refused.Port()) + "/sts";
+    struct Case {
+        std::string url;
+        Check check;
+        std::string message;
+        int requests;
+        std::string notes;  // of the warning line
+    };
+    // Each pass has flaky replies of its own: the server counts them by query.
+    bool async = false;
+    const auto flaky = [&](const std::string& query) {
+        return server.Url("/flaky?" + query + (async ? "&pass=2" : ""));
+    };
+    const std::string unexpected = "Unexpected response format: missing SAOP Body.";
+    const auto cases = [&] {
+        return std::vector<Case>{
+            {flaky("fail=2&code=503&body=%3Cx/%3E"), kThrows<SsoException>, unexpected, 3,
+             "; HTTP status 200; attempts 3"},
+            {flaky("fail=1&code=502&body=%3Cx/%3E"), kThrows<SsoException>, unexpected, 2,
+             "; HTTP status 200; attempts 2"},
+            {flaky("fail=9&code=504"), kThrows<CommunicationException>,
+             "Server returned error: 504 Gateway Timeout", 3,
+             "; HTTP status 504; reply 'try later '; attempts 3"},
+            // Neither a SOAP fault nor another status is tried again.
+            {server.Url("/status?code=500&body=" + fault), kThrows<SsoException>,
+             "Unexpected SOAP fault: s:Server; request failed.", 1,
+             "; HTTP status 500; SOAP fault 'STS down for repairs'"},
+            {flaky("fail=9&code=404"), kThrows<CommunicationException>,
+             "Server returned error: 404 Not Found", 1, "; HTTP status 404; reply 'try later '"},
+            {refusedUrl, kThrows<CommunicationException>, "Cannot connect to " + refusedUrl, 0,
+             "; attempts 3"},
+        };
+    };
+    ServiceLimits limits;
+    limits.retry = RetryPolicy{3, 10ms, 20ms};
+    // The plain-HTTP opt-in warns once per process: before the capture.
+    CreateSecurityTokenService(TestSupport::LoopbackStsConfig(refusedUrl));
+    TestSupport::LogCapture log(Basalt::Service::Logger::LL_Warning);
+    // The asynchronous call sends its retries from the pool's timer, with the same outcome.
+    for (const bool pass : {false, true}) {
+        async = pass;
+        for (const Case& c : cases()) {
+            server.Command("reset");
+            auto counter = std::make_shared<RetryCounter>();
+            EXPECT_TRUE(c.check([&] { Acquire(c.url, limits, async, counter); }, c.message, true))
+                << c.url;
+            EXPECT_EQ(server.Stats()["requests"], c.requests) << c.url;
+            EXPECT_EQ(counter->retries, c.url == refusedUrl ? 2 : c.requests - 1) << c.url;
+            const std::string exception =
+                c.check == kThrows<SsoException> ? "SsoException" : "CommunicationException";
+            EXPECT_EQ(log.Take(),
+                      std::vector<std::string>{
+                          "4 SecurityTokenServiceImpl::AcquireToken failed (SsoClient::" +
+                          exception + "): url " + c.url + c.notes});
+        }
     }
-    EXPECT_EQ(silent.Stats()["connections"], hung);
-    auto ran = pool->GetWorkQueue()->Submit([] { return true; });
-    EXPECT_EQ(ran.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+}
+
+// Each callback comes exactly once, no call outlives its wait, every failure has its exception
+// class and the service recovers when the STS comes back.
+TEST(FaultLoadTest, EveryCallIsAnsweredOnceWithItsOwnOutcomeWhateverTheServerDoes) {
+    const auto report = TestSupport::RunFaultLoad(3, 60, 1000 * 1000);
+    EXPECT_EQ(report.calls, 180);
+    EXPECT_EQ(report.notCalledOnce, 0);
+    EXPECT_EQ(report.wavesWithoutToken, 0);
+    // Each kind ends in its own outcome; while the STS is stopped, a failed exchange is allowed.
+    const std::string failed = "SsoClient::CommunicationException";
+    const std::map<std::string, std::string> own = {
+        {"/ok", "token"},     {"/fault", "SsoClient::InvalidCredentialsException"},
+        {"/garbage", failed}, {"/truncated", failed},
+        {"/hang", failed},
+    };
+    for (const auto& [label, outcomes] : report.outcomes) {
+        const bool stopped = label.find(" stopped") != std::string::npos;
+        for (const auto& [outcome, count] : outcomes) {
+            EXPECT_TRUE(outcome == own.at(label.substr(0, label.find(' '))) ||
+                        (stopped && outcome == failed))
+                << label << ": " << outcome << " x" << count;
+        }
+    }
 }
 
 }  // namespace

@@ -1,11 +1,14 @@
 // The token service's own logic over a scripted transport: which request each operation sends,
-// what it makes of the reply, the GSS loop, the asynchronous calls and the trace lines.
+// what it makes of the reply, the GSS loop, the asynchronous calls, the trace lines and the
+// observer; misuse that must throw before anything is sent, and a process that exits with work
+// still in flight.
 #include <basalt/Log.h>
 #include <gtest/gtest.h>
 #include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
 
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <set>
@@ -13,6 +16,8 @@
 
 #include "internal/saml/Descriptions.h"
 #include "internal/service/SecurityTokenServiceImpl.h"
+#include "internal/xml/XmlUtils.h"
+#include "sts/TestServer.h"
 #include "support/ExpectThrow.h"
 #include "support/FakeTransport.h"
 #include "support/LogCapture.h"
@@ -118,18 +123,23 @@ struct Outcomes {
     std::multiset<std::string> all;
 };
 
+// A service with the holder-of-key identity over transport.
+std::shared_ptr<SecurityTokenService> ScriptedService(
+    std::shared_ptr<Transport> transport, std::shared_ptr<ServiceObserver> observer = nullptr) {
+    return std::make_shared<SecurityTokenServiceImpl>(
+        std::make_shared<RequestBuilderImpl>(LoadHolderOfKey()), std::move(transport),
+        std::make_shared<ResponseHandlerImpl>(), CreateSamlTokenFactory(StsResolver().Get()),
+        std::move(observer));
+}
+
 class ServiceLogicTest : public ::testing::Test {
   protected:
     std::shared_ptr<SecurityTokenService> Service(
         Responder responder = Answer, std::shared_ptr<ServiceObserver> observer = nullptr) {
         m_transport = std::make_shared<FakeTransport>(std::move(responder));
-        return std::make_shared<SecurityTokenServiceImpl>(
-            std::make_shared<RequestBuilderImpl>(LoadHolderOfKey()), m_transport,
-            std::make_shared<ResponseHandlerImpl>(), CreateSamlTokenFactory(m_resolver.Get()),
-            std::move(observer));
+        return ScriptedService(m_transport, std::move(observer));
     }
 
-    Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> m_resolver = StsResolver();
     std::shared_ptr<FakeTransport> m_transport;
 };
 
@@ -293,8 +303,18 @@ TEST_F(ServiceLogicTest, AsyncOperationsDeliverOnceAfterTheCallerLetGo) {
         EXPECT_EQ(outcomes.Wait(expected.size()), expected);
         EXPECT_EQ(m_transport->Sessions(), static_cast<int>(expected.size()));
     }
-    // A null token or handler is refused at once, before anything is queued or sent.
+    // A handler failing with a foreign exception: the callback sees it once, as SsoException. A
+    // null token or handler is refused at once. Nothing is sent.
+    struct ThrowingHandler : NegotiationHandler {
+        std::shared_ptr<std::vector<unsigned char>> NextLeg(
+            const std::vector<unsigned char>&) override {
+            throw std::runtime_error("handler broke");
+        }
+    };
     auto service = Service();
+    Outcomes outcomes;
+    service->AcquireTokenByGSSAsync(Spec(), std::make_shared<ThrowingHandler>(),
+                                    outcomes.For("GSS"));
     const std::function<void()> calls[] = {
         [&] { service->AcquireTokenByTokenAsync(nullptr, Spec(), {}); },
         [&] { service->ValidateTokenAsync(nullptr, {}); },
@@ -305,6 +325,9 @@ TEST_F(ServiceLogicTest, AsyncOperationsDeliverOnceAfterTheCallerLetGo) {
         EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(
             call, "A null object cannot be passed by reference"));
     }
+    EXPECT_EQ(outcomes.Wait(1),
+              std::multiset<std::string>{"GSS null SsoClient::SsoException: Unexpected exception: "
+                                         "handler broke"});
     EXPECT_TRUE(m_transport->Requests().empty());
 }
 
@@ -344,7 +367,7 @@ TEST_F(ServiceLogicTest, GssNegotiationsAndTheirContractViolations) {
     };
     LogCapture log(Level::LL_Warning);
     for (const Case& c : cases) {
-        auto service = Service(InOrder(c.replies));
+        auto service = Service([&, n = size_t(0)](auto&) mutable { return c.replies.at(n++); });
         ScriptedHandler handler(c.answers);
         auto negotiate = [&] { EXPECT_TRUE(service->AcquireTokenByGSS(Spec(), handler)); };
         if (c.check) {
@@ -463,15 +486,14 @@ TEST_F(ServiceLogicTest, ObserverHearsEachCallInOrder) {
                     recorder->Add("done");
                     done.set_value();
                 });
+                done.get_future().wait();
             } else {
                 try {
                     service->AcquireToken("alice", "secret", Spec());
                 } catch (const SsoException&) {
                 }
-                done.set_value();
                 recorder->Add("done");
             }
-            done.get_future().wait();
             std::vector<std::string> expected = {"started AcquireToken"};
             expected.insert(expected.end(), c.events.begin(), c.events.end());
             expected.push_back("done");
@@ -479,6 +501,124 @@ TEST_F(ServiceLogicTest, ObserverHearsEachCallInOrder) {
             EXPECT_EQ(recorder->events, expected) << async;
         }
     }
+}
+
+// Each mistake is refused by the factory or the call, and no connection reaches the listener.
+TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
+    TestSts::TestServer listener({"--silent"});
+    SecurityTokenServiceConfig plain;
+    plain.url = listener.Url("/sts");
+    plain.tokenFactory = CreateSamlTokenFactory(StsResolver().Get());
+    plain.holderOfKey = LoadHolderOfKey();
+    plain.allowPlainHttp = true;
+    auto with = [&](auto change) {
+        SecurityTokenServiceConfig config = plain;
+        change(config);
+        return [config] { return CreateSecurityTokenService(config); };
+    };
+    SecurityTokenServiceConfigEx ex;
+    ex.url = "/sts";
+    const auto soon = Basalt::System::DateTimeFromUtc(253402300799000000, false);  // 9999-12-31
+    const std::string tooLong = "Token lifetime must not exceed 3155760000 seconds (100 years)";
+    const struct {
+        std::function<void()> misuse;
+        std::string message;
+    } cases[] = {
+        {with([](auto& c) { c.tokenFactory = nullptr; }),
+         "SecurityTokenServiceConfig.tokenFactory is not set, nor a keyInfoResolver to verify "
+         "issued tokens with"},
+        {[&] { CreateSecurityTokenService(ex); },
+         "SecurityTokenServiceConfigEx.tokenFactory is not set, nor a keyInfoResolver to verify "
+         "issued tokens with"},
+        {[&] {
+             ex.tokenFactory = plain.tokenFactory;
+             CreateSecurityTokenService(ex);
+         },
+         "SecurityTokenServiceConfigEx.userAgent is not set"},
+        {with([](auto& c) { c.holderOfKey->certificate = nullptr; }),
+         "HolderOfKeyConfig.certificate is null"},
+        {with([](auto& c) { c.holderOfKey->privateKey = nullptr; }),
+         "HolderOfKeyConfig.privateKey is null"},
+        {with([](auto& c) {
+             c.holderOfKey = LoadHolderOfKey("certs/other-rsa.pem", "certs/sts-rsa.key");
+         }),
+         "HolderOfKeyConfig.privateKey does not match HolderOfKeyConfig.certificate"},
+        {with([](auto& c) { c.url = "https://127.0.0.1/sts"; }),
+         "HTTPS connection requested but no SSLContext provided."},
+        {with([](auto& c) { c.allowPlainHttp = false; }),
+         "SecurityTokenServiceConfig.holderOfKey needs an https:// url unless "
+         "SecurityTokenServiceConfig.allowPlainHttp is set"},
+        {[&] {
+             SecurityTokenServiceConfig config = plain;
+             config.allowPlainHttp = false;
+             config.holderOfKey = boost::none;
+             CreateSecurityTokenService(config)->AcquireToken("u", "p", Spec());
+         },
+         "Credentials and tokens are not sent over plain http:// unless "
+         "SecurityTokenServiceConfig.allowPlainHttp is set"},
+        {[&] { CreateSecurityTokenService(plain)->AcquireToken("u", "p", Spec(0)); },
+         "Token lifetime must be positive"},
+        {[&] {
+             CreateSecurityTokenService(plain)->AcquireTokenByCertificate(
+                 Spec(kMaxTokenLifetimeSec + 1));
+         },
+         tooLong},
+        {[&] {
+             CreateSecurityTokenService(plain)->AcquireToken(
+                 "u", "p", Spec(std::numeric_limits<int64_t>::max()));
+         },
+         tooLong},
+        {[&] {
+             FormatXmlDateTime(Basalt::System::DateTimeFromUtc(soon.GetUtcTime() + 1000000, false));
+         },
+         "Date outside the years 0001 to 9999: year 10000"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(c.misuse, c.message)) << c.message;
+    }
+    EXPECT_EQ(FormatXmlDateTime(soon).substr(0, 23), "9999-12-31T23:59:59.000");
+    // A resolver stands in for a missing factory.
+    EXPECT_NO_THROW(with([](auto& c) {
+        c.tokenFactory = nullptr;
+        c.keyInfoResolver = StsResolver();
+    })());
+    EXPECT_EQ(listener.Stats()["connections"], 0);
+}
+
+// Returns from main, in effect, while queued calls verify tokens on the pool (reaching tables
+// built lazily there) and others wait on a server that never answers: exit must neither read
+// freed memory (the sanitizer fails the child) nor wait for the 240 s reply timeout.
+void ExitWithWorkInFlight() {
+    // Signed on first use, on the pool, like everything else the tables serve.
+    struct Reply {
+        std::once_flag once;
+        std::string text;
+    };
+    auto verifying = ScriptedService(
+        std::make_shared<FakeTransport>([reply = std::make_shared<Reply>()](const SoapRequest&) {
+            std::call_once(reply->once,
+                           [&] { reply->text = IssueReply(MakeSignedAssertion(AssertionSpec{})); });
+            return reply->text;
+        }));
+    TestSts::TestServer silent({"--silent"});  // accepts and never answers
+    auto hanging = CreateSecurityTokenService(LoopbackStsConfig(silent.Url("/sts")));
+    // The first call starts the pool and builds the tables on it, after the pool.
+    std::promise<void> first;
+    verifying->AcquireTokenAsync("u", "p", Spec(), [&](auto&, auto*) { first.set_value(); });
+    first.get_future().wait();
+    const auto ignore = [](const std::shared_ptr<const SamlToken>&, const Basalt::Exception*) {};
+    for (int i = 0; i < 4; ++i) {
+        hanging->AcquireTokenAsync("u", "p", Spec(), ignore);
+    }
+    for (int i = 0; i < 64; ++i) {
+        verifying->AcquireTokenAsync("u", "p", Spec(), ignore);
+    }
+    std::exit(0);
+}
+
+TEST(ServiceHardeningDeathTest, ExitWithQueuedAndHungCallsIsSafeAndPrompt) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process: no table built yet
+    EXPECT_EXIT(ExitWithWorkInFlight(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
