@@ -229,6 +229,21 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationHasOneDeadlineOverAllLegs) {
 
 // Calls and providers waiting on a server that never answers hold no thread: with more of them
 // connected than the pool has threads, a pooled task and a call to the STS complete at once.
+
+// Callers of a provider who find no token share one request, counted at the STS.
+TEST_F(SecurityTokenServiceTest, ManyConcurrentProviderCallersCauseOneRequest) {
+    auto provider = CreateTokenProvider(Service(false),
+                                        TokenRecipe::ByPassword("alice", "alice-password"), Spec());
+    std::vector<std::future<std::shared_ptr<const SamlToken>>> callers(8);
+    for (auto& caller : callers) {
+        caller = std::async(std::launch::async, [&] { return provider->GetToken(); });
+    }
+    const auto token = provider->GetToken();
+    for (auto& caller : callers) {
+        EXPECT_EQ(caller.get(), token);
+    }
+    EXPECT_EQ(m_sts.Stats()["requests"], 1);
+}
 // Cancelled, each call ends exactly once, promptly, however often it is cancelled.
 TEST_F(SecurityTokenServiceTest, HungCallsHoldNoThreadAndEndOnceWhenCancelled) {
     constexpr int kHung = 64;
