@@ -89,6 +89,8 @@ class DocOwner final : public ObjectImpl {
     // Elements and attributes whose prefix is not resolved yet (their ns is null meanwhile).
     // FindPending returns false, without locking, for a tree that has none (every parsed one).
     bool FindPending(const void* node, std::string& prefix) const;
+    // The pending prefix itself, or null: valid until the prefix is resolved.
+    const std::string* PendingPrefix(const void* node) const;
     void AddPending(const void* node, std::string prefix);
 
     // Text nodes holding secrets: their text is wiped before it is freed or replaced, and
