@@ -223,6 +223,15 @@ std::string AttrValue(const xmlAttr* attr) {
     return Str(value.get());
 }
 
+std::string_view AttrValueView(const xmlAttr* attr, std::string& storage) {
+    const xmlNode* text = attr->children;
+    if (text && !text->next && text->type == XML_TEXT_NODE) {
+        return text->content ? std::string_view(AsChars(text->content)) : std::string_view();
+    }
+    storage = AttrValue(attr);
+    return storage;
+}
+
 void LinkLastChild(xmlNode* parent, xmlNode* child) {
     child->parent = parent;
     child->next = nullptr;

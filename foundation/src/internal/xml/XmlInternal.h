@@ -12,6 +12,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -183,6 +184,8 @@ std::string AttrPrefix(const xmlAttr* attr);
 
 // The value of an attribute (its text children joined).
 std::string AttrValue(const xmlAttr* attr);
+// The same as a view: into the tree in the usual case of one text child, else into storage.
+std::string_view AttrValueView(const xmlAttr* attr, std::string& storage);
 
 // Runs dump with an output buffer that forwards to writer; rethrows what the writer threw.
 void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump);
