@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include <boost/container/small_vector.hpp>
 #include <boost/lexical_cast/try_lexical_convert.hpp>
 
 #include <basalt/Crypto.h>
@@ -103,22 +104,33 @@ bool IsElement(const NodeView& node, std::string_view localName) {
            node.GetNamespaceUri() == Xmlns::kSamlAssertion;
 }
 
-// The attribute's name as written ("p:local" or "local") equals name.
-bool HasQualifiedName(const AttributeView& attribute, std::string_view name) {
-    const std::string_view prefix = attribute.GetPrefix();
-    const std::string_view local = attribute.GetLocalName();
-    if (prefix.empty()) {
-        return local == name;
-    }
-    return name.size() == prefix.size() + 1 + local.size() &&
-           name.substr(0, prefix.size()) == prefix && name[prefix.size()] == ':' &&
-           name.substr(prefix.size() + 1) == local;
-}
+// The names of one attribute, read once for all the comparisons an element's check makes.
+struct AttributeNames {
+    explicit AttributeNames(const AttributeView& attribute)
+        : view(attribute),
+          prefix(attribute.GetPrefix()),
+          local(attribute.GetLocalName()),
+          ns(attribute.GetNamespaceUri()) {}
 
-bool IsNamespaceDeclaration(const AttributeView& attribute) {
-    return attribute.GetPrefix() == kXmlnsPrefix ||
-           (attribute.GetPrefix().empty() && attribute.GetLocalName() == kXmlnsPrefix);
-}
+    // The name as written ("p:local" or "local") equals name.
+    bool HasQualifiedName(std::string_view name) const {
+        if (prefix.empty()) {
+            return local == name;
+        }
+        return name.size() == prefix.size() + 1 + local.size() &&
+               name.substr(0, prefix.size()) == prefix && name[prefix.size()] == ':' &&
+               name.substr(prefix.size() + 1) == local;
+    }
+    bool Matches(const QName& name) const { return local == name.local && ns == name.ns; }
+    bool IsNamespaceDeclaration() const {
+        return prefix == kXmlnsPrefix || (prefix.empty() && local == kXmlnsPrefix);
+    }
+
+    AttributeView view;
+    std::string_view prefix;
+    std::string_view local;
+    std::string_view ns;
+};
 
 bool Matches(const AttributeView& attribute, const QName& name) {
     return attribute.GetLocalName() == name.local && attribute.GetNamespaceUri() == name.ns;
@@ -131,25 +143,12 @@ class Attributes {
     Attributes(const NodeView& element, std::initializer_list<std::string_view> required,
                std::initializer_list<std::string_view> optional)
         : m_element(element) {
-        for (std::string_view name : required) {
-            if (!Find(name)) {
-                Fail("Node '" + NameOf(element) + " is missing required attribute '" +
-                     std::string(name) + "'");
-            }
-        }
-        const auto listed = [](const AttributeView& attribute,
-                               std::initializer_list<std::string_view> names) {
-            return std::any_of(names.begin(), names.end(), [&](std::string_view name) {
-                return HasQualifiedName(attribute, name);
-            });
-        };
-        for (AttributeView attribute = element.GetFirstAttribute(); attribute;
-             attribute = attribute.GetNext()) {
-            if (!listed(attribute, required) && !listed(attribute, optional) &&
-                !IsNamespaceDeclaration(attribute)) {
-                Fail("Unexpected attributes on element '" + NameOf(element) + "'");
-            }
-        }
+        Check(
+            required, optional,
+            [](const AttributeNames& attribute, std::string_view name) {
+                return attribute.HasQualifiedName(name);
+            },
+            [](std::string_view name) { return name; });
     }
 
     // Namespace-qualified names, so that xsi:type matches whatever prefix is bound to its
@@ -157,29 +156,19 @@ class Attributes {
     Attributes(const NodeView& element, std::initializer_list<QName> required,
                std::initializer_list<QName> optional, bool /*qualified*/)
         : m_element(element) {
-        for (const QName& name : required) {
-            if (!FindQualified(name)) {
-                Fail("Node '" + NameOf(element) + " is missing required attribute '" +
-                     std::string(name.display) + "'");
-            }
-        }
-        const auto listed = [](const AttributeView& attribute, std::initializer_list<QName> names) {
-            return std::any_of(names.begin(), names.end(),
-                               [&](const QName& name) { return Matches(attribute, name); });
-        };
-        for (AttributeView attribute = element.GetFirstAttribute(); attribute;
-             attribute = attribute.GetNext()) {
-            if (!listed(attribute, required) && !listed(attribute, optional) &&
-                !IsNamespaceDeclaration(attribute)) {
-                Fail("Unexpected attributes on element '" + NameOf(element) + "'");
-            }
-        }
+        Check(
+            required, optional,
+            [](const AttributeNames& attribute, const QName& name) {
+                return attribute.Matches(name);
+            },
+            [](const QName& name) { return name.display; });
     }
 
     // The value, or empty text when absent.
     std::string Text(std::string_view name) const {
-        const AttributeView attribute = Find(name);
-        return attribute ? attribute.GetValue() : std::string();
+        const AttributeNames* attribute =
+            Find([&](const AttributeNames& candidate) { return candidate.HasQualifiedName(name); });
+        return attribute ? attribute->view.GetValue() : std::string();
     }
 
     Basalt::System::DateTime Date(std::string_view name) const {
@@ -191,12 +180,14 @@ class Attributes {
     }
 
     std::optional<int64_t> NonNegativeInteger(const QName& name) const {
-        const AttributeView attribute = FindQualified(name);
-        if (!attribute) {
+        const AttributeNames* attribute =
+            Find([&](const AttributeNames& candidate) { return candidate.Matches(name); });
+        if (attribute == nullptr) {
             return std::nullopt;
         }
         int64_t value = 0;
-        if (!boost::conversion::try_lexical_convert(attribute.GetValue(), value) || value < 0) {
+        if (!boost::conversion::try_lexical_convert(attribute->view.GetValue(), value) ||
+            value < 0) {
             Fail(NameOf(m_element) + "/@" + std::string(name.display) +
                  " is not a non-negative integer.");
         }
@@ -204,22 +195,43 @@ class Attributes {
     }
 
   private:
-    AttributeView Find(std::string_view name) const {
-        AttributeView attribute = m_element.GetFirstAttribute();
-        while (attribute && !HasQualifiedName(attribute, name)) {
-            attribute = attribute.GetNext();
+    // Every required name present, then nothing but required, optional and namespace
+    // declarations; display gives a name as messages show it.
+    template <class Name, class Matches, class Display>
+    void Check(std::initializer_list<Name> required, std::initializer_list<Name> optional,
+               Matches matches, Display display) {
+        for (AttributeView attribute = m_element.GetFirstAttribute(); attribute;
+             attribute = attribute.GetNext()) {
+            m_names.emplace_back(attribute);
         }
-        return attribute;
+        for (const Name& name : required) {
+            if (!Find([&](const AttributeNames& candidate) { return matches(candidate, name); })) {
+                Fail("Node '" + NameOf(m_element) + " is missing required attribute '" +
+                     std::string(display(name)) + "'");
+            }
+        }
+        const auto listed = [&](const AttributeNames& attribute,
+                                std::initializer_list<Name> names) {
+            return std::any_of(names.begin(), names.end(),
+                               [&](const Name& name) { return matches(attribute, name); });
+        };
+        for (const AttributeNames& attribute : m_names) {
+            if (!listed(attribute, required) && !listed(attribute, optional) &&
+                !attribute.IsNamespaceDeclaration()) {
+                Fail("Unexpected attributes on element '" + NameOf(m_element) + "'");
+            }
+        }
     }
-    AttributeView FindQualified(const QName& name) const {
-        AttributeView attribute = m_element.GetFirstAttribute();
-        while (attribute && !Matches(attribute, name)) {
-            attribute = attribute.GetNext();
-        }
-        return attribute;
+
+    template <class Predicate>
+    const AttributeNames* Find(Predicate predicate) const {
+        const auto found = std::find_if(m_names.begin(), m_names.end(), predicate);
+        return found == m_names.end() ? nullptr : &*found;
     }
 
     NodeView m_element;
+    // No element of an assertion may carry more than four attributes: more go to the heap.
+    boost::container::small_vector<AttributeNames, 4> m_names;
 };
 
 void ExpectNoAttributes(const NodeView& element) {
