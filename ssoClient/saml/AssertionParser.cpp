@@ -5,6 +5,7 @@
 #include <string_view>
 #include <utility>
 
+#include <boost/container/small_vector.hpp>
 #include <boost/lexical_cast/try_lexical_convert.hpp>
 
 #include <basalt/Crypto.h>
@@ -22,9 +23,13 @@ namespace Saml {
 namespace {
 
 using Basalt::Ref;
+using Basalt::Xml::AttributeView;
 using Basalt::Xml::ElementNode;
-using Basalt::Xml::Node;
 using Basalt::Xml::NodeType;
+using Basalt::Xml::NodeView;
+
+// The walk reads the tree through views: no wrapper, reference or copy per node it passes; only
+// the values it keeps are copied.
 
 // A namespace-qualified name, with the form it is shown in messages.
 struct QName {
@@ -40,7 +45,7 @@ const QName kPostdatableAttr{"", "Postdatable", "Postdatable"};
 const QName kRenewExpiredAttr{"", "RenewExpired", "RenewExpired"};
 const QName kKeyInfoConfirmationType{Xmlns::kSamlAssertion, "KeyInfoConfirmationDataType", ""};
 const QName kDelegationRestrictionType{Xmlns::kSamlDelegation, "DelegationRestrictionType", ""};
-constexpr std::string_view kXmlnsPrefix = "xmlns:";
+constexpr std::string_view kXmlnsPrefix = "xmlns";
 
 const SkipWsAndCommentsFilter kFilter;
 
@@ -50,8 +55,8 @@ QName RenewRestrictionType() {
 }
 
 // Element names in messages are local names, as the DOM reports them.
-std::string NameOf(const ElementNode& element) {
-    return element.GetLocalName();
+std::string NameOf(const NodeView& element) {
+    return std::string(element.GetLocalName());
 }
 
 [[noreturn]] void Fail(std::string message) {
@@ -61,110 +66,109 @@ std::string NameOf(const ElementNode& element) {
 // Yields the children of an element that the filter keeps.
 class ChildCursor {
   public:
-    explicit ChildCursor(const ElementNode& parent) : m_node(Skip(parent.GetFirstChild())) {}
-    const Ref<Node>& Current() const { return m_node; }
+    explicit ChildCursor(const NodeView& parent) : m_node(Skip(parent.GetFirstChild())) {}
+    const NodeView& Current() const { return m_node; }
     bool AtEnd() const { return !m_node; }
     void Advance() {
         if (m_node) {
-            m_node = Skip(m_node->GetNextSibling());
+            m_node = Skip(m_node.GetNextSibling());
         }
     }
 
   private:
-    static Ref<Node> Skip(Ref<Node> node) {
+    static NodeView Skip(NodeView node) {
         while (node && !kFilter.Accept(node)) {
-            node = node->GetNextSibling();
+            node = node.GetNextSibling();
         }
         return node;
     }
-    Ref<Node> m_node;
+    NodeView m_node;
 };
 
-Ref<ElementNode> AsElement(const Ref<Node>& node) {
-    if (!node || node->GetNodeType() != NodeType::Element) {
-        return nullptr;
-    }
-    return Ref<ElementNode>(dynamic_cast<ElementNode*>(node.Get()));
+bool IsElementNode(const NodeView& node) {
+    return node && node.GetNodeType() == NodeType::Element;
 }
 
-Ref<ElementNode> ExpectElement(const Ref<Node>& node, std::string_view localName,
-                               std::string_view ns) {
-    Ref<ElementNode> element = AsElement(node);
-    if (element && element->HasName(ns, localName)) {
-        return element;
-    }
-    if (!element || element->GetLocalName() != localName) {
+NodeView ExpectElement(const NodeView& node, std::string_view localName, std::string_view ns) {
+    if (!IsElementNode(node) || node.GetLocalName() != localName) {
         Fail("Expected element '" + std::string(localName) + "' not found.");
     }
-    Fail("Element '" + NameOf(*element) + "' has unexpected namespace");
+    if (node.GetNamespaceUri() != ns) {
+        Fail("Element '" + NameOf(node) + "' has unexpected namespace");
+    }
+    return node;
 }
 
-bool IsElement(const Ref<Node>& node, std::string_view localName) {
-    const Ref<ElementNode> element = AsElement(node);
-    return element && element->HasName(Xmlns::kSamlAssertion, localName);
+bool IsElement(const NodeView& node, std::string_view localName) {
+    return IsElementNode(node) && node.GetLocalName() == localName &&
+           node.GetNamespaceUri() == Xmlns::kSamlAssertion;
 }
 
-bool IsNamespaceDeclaration(const Basalt::Xml::Attribute& attribute) {
-    const std::string_view name = attribute.qualifiedName;
-    return name == "xmlns" || name.substr(0, kXmlnsPrefix.size()) == kXmlnsPrefix;
+// The names of one attribute, read once for all the comparisons an element's check makes.
+struct AttributeNames {
+    explicit AttributeNames(const AttributeView& attribute)
+        : view(attribute),
+          prefix(attribute.GetPrefix()),
+          local(attribute.GetLocalName()),
+          ns(attribute.GetNamespaceUri()) {}
+
+    // The name as written ("p:local" or "local") equals name.
+    bool HasQualifiedName(std::string_view name) const {
+        if (prefix.empty()) {
+            return local == name;
+        }
+        return name.size() == prefix.size() + 1 + local.size() &&
+               name.substr(0, prefix.size()) == prefix && name[prefix.size()] == ':' &&
+               name.substr(prefix.size() + 1) == local;
+    }
+    bool Matches(const QName& name) const { return local == name.local && ns == name.ns; }
+    bool IsNamespaceDeclaration() const {
+        return prefix == kXmlnsPrefix || (prefix.empty() && local == kXmlnsPrefix);
+    }
+
+    AttributeView view;
+    std::string_view prefix;
+    std::string_view local;
+    std::string_view ns;
+};
+
+bool Matches(const AttributeView& attribute, const QName& name) {
+    return attribute.GetLocalName() == name.local && attribute.GetNamespaceUri() == name.ns;
 }
 
 // The attributes of one element, checked against what it may carry.
 class Attributes {
   public:
     // Plain names, compared as written.
-    Attributes(const ElementNode& element, std::initializer_list<std::string_view> required,
+    Attributes(const NodeView& element, std::initializer_list<std::string_view> required,
                std::initializer_list<std::string_view> optional)
         : m_element(element) {
-        element.GetAttributes(m_list);
-        for (std::string_view name : required) {
-            if (Find(name) == nullptr) {
-                Fail("Node '" + NameOf(element) + " is missing required attribute '" +
-                     std::string(name) + "'");
-            }
-        }
-        for (const auto& attribute : m_list) {
-            const std::string_view name = attribute.qualifiedName;
-            const auto listed = [&](std::initializer_list<std::string_view> names) {
-                return std::find(names.begin(), names.end(), name) != names.end();
-            };
-            if (!listed(required) && !listed(optional) && !IsNamespaceDeclaration(attribute)) {
-                Fail("Unexpected attributes on element '" + NameOf(element) + "'");
-            }
-        }
+        Check(
+            required, optional,
+            [](const AttributeNames& attribute, std::string_view name) {
+                return attribute.HasQualifiedName(name);
+            },
+            [](std::string_view name) { return name; });
     }
 
     // Namespace-qualified names, so that xsi:type matches whatever prefix is bound to its
     // namespace.
-    Attributes(const ElementNode& element, std::initializer_list<QName> required,
+    Attributes(const NodeView& element, std::initializer_list<QName> required,
                std::initializer_list<QName> optional, bool /*qualified*/)
         : m_element(element) {
-        element.GetAttributes(m_list);
-        for (const QName& name : required) {
-            if (FindQualified(name) == nullptr) {
-                Fail("Node '" + NameOf(element) + " is missing required attribute '" +
-                     std::string(name.display) + "'");
-            }
-        }
-        for (const auto& attribute : m_list) {
-            const auto listed = [&](std::initializer_list<QName> names) {
-                return std::any_of(names.begin(), names.end(),
-                                   [&](const QName& q) { return Matches(attribute, q); });
-            };
-            if (!listed(required) && !listed(optional) && !IsNamespaceDeclaration(attribute)) {
-                Fail("Unexpected attributes on element '" + NameOf(element) + "'");
-            }
-        }
+        Check(
+            required, optional,
+            [](const AttributeNames& attribute, const QName& name) {
+                return attribute.Matches(name);
+            },
+            [](const QName& name) { return name.display; });
     }
 
     // The value, or empty text when absent.
     std::string Text(std::string_view name) const {
-        const auto* attribute = Find(name);
-        return attribute ? attribute->value : std::string();
-    }
-    std::string Text(const QName& name) const {
-        const auto* attribute = FindQualified(name);
-        return attribute ? attribute->value : std::string();
+        const AttributeNames* attribute =
+            Find([&](const AttributeNames& candidate) { return candidate.HasQualifiedName(name); });
+        return attribute ? attribute->view.GetValue() : std::string();
     }
 
     Basalt::System::DateTime Date(std::string_view name) const {
@@ -176,12 +180,14 @@ class Attributes {
     }
 
     std::optional<int64_t> NonNegativeInteger(const QName& name) const {
-        const auto* attribute = FindQualified(name);
+        const AttributeNames* attribute =
+            Find([&](const AttributeNames& candidate) { return candidate.Matches(name); });
         if (attribute == nullptr) {
             return std::nullopt;
         }
         int64_t value = 0;
-        if (!boost::conversion::try_lexical_convert(attribute->value, value) || value < 0) {
+        if (!boost::conversion::try_lexical_convert(attribute->view.GetValue(), value) ||
+            value < 0) {
             Fail(NameOf(m_element) + "/@" + std::string(name.display) +
                  " is not a non-negative integer.");
         }
@@ -189,47 +195,62 @@ class Attributes {
     }
 
   private:
-    static bool Matches(const Basalt::Xml::Attribute& attribute, const QName& name) {
-        return attribute.namespaceUri == name.ns && attribute.localName == name.local;
-    }
-    const Basalt::Xml::Attribute* Find(std::string_view name) const {
-        for (const auto& attribute : m_list) {
-            if (attribute.qualifiedName == name) {
-                return &attribute;
+    // Every required name present, then nothing but required, optional and namespace
+    // declarations; display gives a name as messages show it.
+    template <class Name, class Matches, class Display>
+    void Check(std::initializer_list<Name> required, std::initializer_list<Name> optional,
+               Matches matches, Display display) {
+        for (AttributeView attribute = m_element.GetFirstAttribute(); attribute;
+             attribute = attribute.GetNext()) {
+            m_names.emplace_back(attribute);
+        }
+        for (const Name& name : required) {
+            if (!Find([&](const AttributeNames& candidate) { return matches(candidate, name); })) {
+                Fail("Node '" + NameOf(m_element) + " is missing required attribute '" +
+                     std::string(display(name)) + "'");
             }
         }
-        return nullptr;
-    }
-    const Basalt::Xml::Attribute* FindQualified(const QName& name) const {
-        for (const auto& attribute : m_list) {
-            if (Matches(attribute, name)) {
-                return &attribute;
+        const auto listed = [&](const AttributeNames& attribute,
+                                std::initializer_list<Name> names) {
+            return std::any_of(names.begin(), names.end(),
+                               [&](const Name& name) { return matches(attribute, name); });
+        };
+        for (const AttributeNames& attribute : m_names) {
+            if (!listed(attribute, required) && !listed(attribute, optional) &&
+                !attribute.IsNamespaceDeclaration()) {
+                Fail("Unexpected attributes on element '" + NameOf(m_element) + "'");
             }
         }
-        return nullptr;
     }
 
-    const ElementNode& m_element;
-    std::vector<Basalt::Xml::Attribute> m_list;
+    template <class Predicate>
+    const AttributeNames* Find(Predicate predicate) const {
+        const auto found = std::find_if(m_names.begin(), m_names.end(), predicate);
+        return found == m_names.end() ? nullptr : &*found;
+    }
+
+    NodeView m_element;
+    // No element of an assertion may carry more than four attributes: more go to the heap.
+    boost::container::small_vector<AttributeNames, 4> m_names;
 };
 
-void ExpectNoAttributes(const ElementNode& element) {
+void ExpectNoAttributes(const NodeView& element) {
     Attributes(element, std::initializer_list<std::string_view>{}, {});
 }
 
-void ExpectEmpty(const ElementNode& element) {
+void ExpectEmpty(const NodeView& element) {
     if (!ChildCursor(element).AtEnd()) {
         Fail("Element '" + NameOf(element) + "' must be empty");
     }
 }
 
-std::string ReadTextOnly(const ElementNode& element) {
+std::string ReadTextOnly(const NodeView& element) {
     ChildCursor cursor(element);
-    if (!cursor.AtEnd() && cursor.Current()->GetNodeType() == NodeType::Text) {
-        std::string text = cursor.Current()->GetTextContent();
+    if (!cursor.AtEnd() && cursor.Current().GetNodeType() == NodeType::Text) {
+        const std::string_view text = cursor.Current().GetText();
         cursor.Advance();
         if (cursor.AtEnd()) {
-            return text;
+            return std::string(text);
         }
     }
     Fail("Element '" + NameOf(element) +
@@ -242,38 +263,51 @@ void ExpectNoMoreChildren(const ChildCursor& cursor, const char* message) {
     }
 }
 
-NameId ReadNameId(const ElementNode& element) {
+NameId ReadNameId(const NodeView& element) {
     const Attributes attributes(element, {}, {"Format"});
     return NameId{attributes.Text("Format"), ReadTextOnly(element)};
 }
 
-// The (namespace, local name) that the element's xsi:type names, or empty when it has none.
-std::pair<std::string, std::string> ResolveXsiType(const ElementNode& element,
-                                                   std::string& written) {
-    if (!element.GetAttributeNS(kXsiType.ns, kXsiType.local, written)) {
+// The (namespace, local name) that the element's xsi:type names, or empty when it has none;
+// written receives the value as written, which the result may point into.
+std::pair<std::string_view, std::string_view> ResolveXsiType(const NodeView& element,
+                                                             std::string& written) {
+    AttributeView attribute = element.GetFirstAttribute();
+    while (attribute && !Matches(attribute, kXsiType)) {
+        attribute = attribute.GetNext();
+    }
+    if (!attribute) {
         return {};
     }
-    std::string defaultNs;
-    element.LookupNamespaceUri("", defaultNs);
-    return ResolveQName(element, written, defaultNs);
+    written = attribute.GetValue();
+    const size_t colon = written.find(':');
+    std::string_view uri;
+    if (colon == std::string::npos) {
+        element.LookupNamespaceUri("", uri);
+        return {uri, written};
+    }
+    if (!element.LookupNamespaceUri(std::string_view(written).substr(0, colon), uri)) {
+        ResolveQName(*element.GetElement(), written, "");  // throws, naming where the prefix is
+    }
+    return {uri, std::string_view(written).substr(colon + 1)};
 }
 
-AttributeRecord ReadAttribute(const Ref<Node>& node) {
-    const Ref<ElementNode> element = ExpectElement(node, "Attribute", Xmlns::kSamlAssertion);
-    const Attributes attributes(*element, {"Name"}, {"NameFormat", "FriendlyName"});
+AttributeRecord ReadAttribute(const NodeView& node) {
+    const NodeView element = ExpectElement(node, "Attribute", Xmlns::kSamlAssertion);
+    const Attributes attributes(element, {"Name"}, {"NameFormat", "FriendlyName"});
     AttributeRecord record{attributes.Text("Name"),
                            attributes.Text("NameFormat"),
                            attributes.Text("FriendlyName"),
                            {}};
-    for (ChildCursor cursor(*element); !cursor.AtEnd(); cursor.Advance()) {
-        const Ref<ElementNode> value =
+    for (ChildCursor cursor(element); !cursor.AtEnd(); cursor.Advance()) {
+        const NodeView value =
             ExpectElement(cursor.Current(), "AttributeValue", Xmlns::kSamlAssertion);
-        record.values.push_back(ReadTextOnly(*value));
+        record.values.push_back(ReadTextOnly(value));
     }
     return record;
 }
 
-void ReadHolderOfKeyData(const ElementNode& data, SubjectRecord& subject) {
+void ReadHolderOfKeyData(const NodeView& data, SubjectRecord& subject) {
     const Attributes attributes(data, {kXsiType}, {kNotOnOrAfterAttr}, true);
     std::string written;
     const auto type = ResolveXsiType(data, written);
@@ -282,19 +316,17 @@ void ReadHolderOfKeyData(const ElementNode& data, SubjectRecord& subject) {
         Fail("Invalid SubjectConfirmationData type: '" + written + "'");
     }
     ChildCursor dataChildren(data);
-    const Ref<ElementNode> keyInfo =
-        ExpectElement(dataChildren.Current(), "KeyInfo", Xmlns::kXmlDsig);
-    ExpectNoAttributes(*keyInfo);
-    ChildCursor keyInfoChildren(*keyInfo);
-    const Ref<ElementNode> x509Data =
-        ExpectElement(keyInfoChildren.Current(), "X509Data", Xmlns::kXmlDsig);
-    ExpectNoAttributes(*x509Data);
-    ChildCursor x509DataChildren(*x509Data);
-    const Ref<ElementNode> certificate =
+    const NodeView keyInfo = ExpectElement(dataChildren.Current(), "KeyInfo", Xmlns::kXmlDsig);
+    ExpectNoAttributes(keyInfo);
+    ChildCursor keyInfoChildren(keyInfo);
+    const NodeView x509Data = ExpectElement(keyInfoChildren.Current(), "X509Data", Xmlns::kXmlDsig);
+    ExpectNoAttributes(x509Data);
+    ChildCursor x509DataChildren(x509Data);
+    const NodeView certificate =
         ExpectElement(x509DataChildren.Current(), "X509Certificate", Xmlns::kXmlDsig);
-    ExpectNoAttributes(*certificate);
+    ExpectNoAttributes(certificate);
     std::vector<unsigned char> der;
-    Basalt::StringUtil::Base64Decode(ReadTextOnly(*certificate), der);
+    Basalt::StringUtil::Base64Decode(ReadTextOnly(certificate), der);
     Basalt::Crypto::CreateCertificate(der.data(), der.size(), subject.certificate);
 
     x509DataChildren.Advance();
@@ -305,10 +337,9 @@ void ReadHolderOfKeyData(const ElementNode& data, SubjectRecord& subject) {
     ExpectNoMoreChildren(dataChildren, "Unexpected elements after SubjectConfirmationData/KeyInfo");
 }
 
-void ReadSubjectConfirmation(const Ref<Node>& node, SubjectRecord& subject) {
-    const Ref<ElementNode> confirmation =
-        ExpectElement(node, "SubjectConfirmation", Xmlns::kSamlAssertion);
-    const Attributes attributes(*confirmation, {"Method"}, {});
+void ReadSubjectConfirmation(const NodeView& node, SubjectRecord& subject) {
+    const NodeView confirmation = ExpectElement(node, "SubjectConfirmation", Xmlns::kSamlAssertion);
+    const Attributes attributes(confirmation, {"Method"}, {});
     const std::string method = attributes.Text("Method");
     if (method == kBearerMethod) {
         subject.confirmationType = Saml_Bearer;
@@ -318,47 +349,47 @@ void ReadSubjectConfirmation(const Ref<Node>& node, SubjectRecord& subject) {
         Fail("Unknown subject confirmation method: '" + method + "'");
     }
 
-    ChildCursor cursor(*confirmation);
+    ChildCursor cursor(confirmation);
     if (IsElement(cursor.Current(), "NameID")) {
-        subject.delegateId = ReadNameId(*AsElement(cursor.Current()));
+        subject.delegateId = ReadNameId(cursor.Current());
         cursor.Advance();
     }
-    const Ref<ElementNode> data =
+    const NodeView data =
         ExpectElement(cursor.Current(), "SubjectConfirmationData", Xmlns::kSamlAssertion);
     if (subject.confirmationType == Saml_HOK) {
-        ReadHolderOfKeyData(*data, subject);
+        ReadHolderOfKeyData(data, subject);
     } else {
-        ExpectEmpty(*data);
-        const Attributes dataAttributes(*data, {}, {"NotOnOrAfter"});
+        ExpectEmpty(data);
+        const Attributes dataAttributes(data, {}, {"NotOnOrAfter"});
         subject.confirmationNotOnOrAfter = dataAttributes.Date("NotOnOrAfter");
     }
     cursor.Advance();
     ExpectNoMoreChildren(cursor, "Unexpected elements after SubjectConfirmationData");
 }
 
-void ReadSubject(const Ref<Node>& node, SubjectRecord& subject) {
-    const Ref<ElementNode> element = ExpectElement(node, "Subject", Xmlns::kSamlAssertion);
-    ExpectNoAttributes(*element);
-    ChildCursor cursor(*element);
-    subject.nameId = ReadNameId(*ExpectElement(cursor.Current(), "NameID", Xmlns::kSamlAssertion));
+void ReadSubject(const NodeView& node, SubjectRecord& subject) {
+    const NodeView element = ExpectElement(node, "Subject", Xmlns::kSamlAssertion);
+    ExpectNoAttributes(element);
+    ChildCursor cursor(element);
+    subject.nameId = ReadNameId(ExpectElement(cursor.Current(), "NameID", Xmlns::kSamlAssertion));
     cursor.Advance();
     ReadSubjectConfirmation(cursor.Current(), subject);
     cursor.Advance();
     ExpectNoMoreChildren(cursor, "Unexpected elements after SubjectConfirmation");
 }
 
-std::vector<DelegateRecord> ReadDelegationRestriction(const ElementNode& condition) {
+std::vector<DelegateRecord> ReadDelegationRestriction(const NodeView& condition) {
     const Attributes attributes(condition, {kXsiType}, {}, true);
     std::vector<DelegateRecord> delegates;
     for (ChildCursor cursor(condition); !cursor.AtEnd(); cursor.Advance()) {
-        const Ref<ElementNode> delegate =
+        const NodeView delegate =
             ExpectElement(cursor.Current(), "Delegate", Xmlns::kSamlDelegation);
-        const Attributes delegateAttributes(*delegate, {}, {"DelegationInstant"});
+        const Attributes delegateAttributes(delegate, {}, {"DelegationInstant"});
         DelegateRecord record;
         record.delegationInstant = delegateAttributes.Date("DelegationInstant");
-        ChildCursor delegateChildren(*delegate);
+        ChildCursor delegateChildren(delegate);
         record.nameId =
-            ReadNameId(*ExpectElement(delegateChildren.Current(), "NameID", Xmlns::kSamlAssertion));
+            ReadNameId(ExpectElement(delegateChildren.Current(), "NameID", Xmlns::kSamlAssertion));
         delegateChildren.Advance();
         ExpectNoMoreChildren(delegateChildren, "Unexpected elements after Delegate/NameID");
         delegates.push_back(std::move(record));
@@ -366,83 +397,82 @@ std::vector<DelegateRecord> ReadDelegationRestriction(const ElementNode& conditi
     return delegates;
 }
 
-std::set<std::string> ReadAudienceRestriction(const ElementNode& restriction) {
+std::set<std::string> ReadAudienceRestriction(const NodeView& restriction) {
     std::set<std::string> audience;
     for (ChildCursor cursor(restriction); !cursor.AtEnd(); cursor.Advance()) {
         audience.insert(
-            ReadTextOnly(*ExpectElement(cursor.Current(), "Audience", Xmlns::kSamlAssertion)));
+            ReadTextOnly(ExpectElement(cursor.Current(), "Audience", Xmlns::kSamlAssertion)));
     }
     return audience;
 }
 
-CountRestriction ReadProxyRestriction(const ElementNode& restriction) {
+CountRestriction ReadProxyRestriction(const NodeView& restriction) {
     ExpectEmpty(restriction);
     const Attributes attributes(restriction, {}, {kCountAttr}, true);
     return CountRestriction{attributes.NonNegativeInteger(kCountAttr)};
 }
 
-CountRestriction ReadRenewRestriction(const ElementNode& condition) {
+CountRestriction ReadRenewRestriction(const NodeView& condition) {
     const Attributes attributes(condition, {kXsiType},
                                 {kCountAttr, kPostdatableAttr, kRenewExpiredAttr}, true);
     return CountRestriction{attributes.NonNegativeInteger(kCountAttr)};
 }
 
 // Tries the restriction kinds not yet seen, in a fixed order; true if one consumed the node.
-bool ReadRestriction(const Ref<Node>& node, ConditionsRecord& conditions) {
-    const Ref<ElementNode> element = AsElement(node);
-    if (!element || element->GetNamespaceUri() != Xmlns::kSamlAssertion) {
+bool ReadRestriction(const NodeView& element, ConditionsRecord& conditions) {
+    if (!IsElementNode(element) || element.GetNamespaceUri() != Xmlns::kSamlAssertion) {
         return false;
     }
-    const std::string localName = element->GetLocalName();
+    const std::string_view localName = element.GetLocalName();
     // A Condition's xsi:type is resolved once, and only when a kind needs it.
-    std::optional<std::pair<std::string, std::string>> type;
+    std::string written;
+    std::optional<std::pair<std::string_view, std::string_view>> type;
     const auto isCondition = [&](const QName& expected) {
         if (localName != "Condition") {
             return false;
         }
         if (!type) {
-            std::string written;
-            type = ResolveXsiType(*element, written);
+            type = ResolveXsiType(element, written);
         }
         return type->first == expected.ns && type->second == expected.local;
     };
     if (!conditions.delegationRestriction && isCondition(kDelegationRestrictionType)) {
-        conditions.delegationRestriction = ReadDelegationRestriction(*element);
+        conditions.delegationRestriction = ReadDelegationRestriction(element);
     } else if (!conditions.audienceRestriction && localName == "AudienceRestriction") {
-        conditions.audienceRestriction = ReadAudienceRestriction(*element);
+        conditions.audienceRestriction = ReadAudienceRestriction(element);
     } else if (!conditions.proxyRestriction && localName == "ProxyRestriction") {
-        conditions.proxyRestriction = ReadProxyRestriction(*element);
+        conditions.proxyRestriction = ReadProxyRestriction(element);
     } else if (!conditions.renewRestriction && isCondition(RenewRestrictionType())) {
-        conditions.renewRestriction = ReadRenewRestriction(*element);
+        conditions.renewRestriction = ReadRenewRestriction(element);
     } else {
         return false;
     }
     return true;
 }
 
-void ReadConditions(const Ref<Node>& node, ConditionsRecord& conditions) {
-    const Ref<ElementNode> element = ExpectElement(node, "Conditions", Xmlns::kSamlAssertion);
-    const Attributes attributes(*element, {"NotBefore", "NotOnOrAfter"}, {});
+void ReadConditions(const NodeView& node, ConditionsRecord& conditions) {
+    const NodeView element = ExpectElement(node, "Conditions", Xmlns::kSamlAssertion);
+    const Attributes attributes(element, {"NotBefore", "NotOnOrAfter"}, {});
     conditions.notBefore = attributes.Date("NotBefore");
     conditions.notOnOrAfter = attributes.Date("NotOnOrAfter");
-    for (ChildCursor cursor(*element); !cursor.AtEnd(); cursor.Advance()) {
+    for (ChildCursor cursor(element); !cursor.AtEnd(); cursor.Advance()) {
         if (!ReadRestriction(cursor.Current(), conditions)) {
-            const Ref<ElementNode> unknown = AsElement(cursor.Current());
+            const NodeView& unknown = cursor.Current();
             Fail(std::string("Unknown or duplicate restriction node under Conditions") +
-                 (unknown ? ": " + NameOf(*unknown) : std::string()));
+                 (IsElementNode(unknown) ? ": " + NameOf(unknown) : std::string()));
         }
     }
 }
 
-std::vector<Advice> ReadAdvice(const ElementNode& element) {
+std::vector<Advice> ReadAdvice(const NodeView& element) {
     ExpectNoAttributes(element);
     std::vector<Advice> adviceList;
     for (ChildCursor cursor(element); !cursor.AtEnd(); cursor.Advance()) {
-        const Ref<ElementNode> rsaAdvice = ExpectElement(
-            cursor.Current(), "RSAAdvice", CurrentExtensionNames().samlAdviceExtension);
-        const Attributes attributes(*rsaAdvice, {"AdviceSource"}, {});
+        const NodeView rsaAdvice = ExpectElement(cursor.Current(), "RSAAdvice",
+                                                 CurrentExtensionNames().samlAdviceExtension);
+        const Attributes attributes(rsaAdvice, {"AdviceSource"}, {});
         Advice advice{attributes.Text("AdviceSource"), {}};
-        for (ChildCursor children(*rsaAdvice); !children.AtEnd(); children.Advance()) {
+        for (ChildCursor children(rsaAdvice); !children.AtEnd(); children.Advance()) {
             AttributeRecord record = ReadAttribute(children.Current());
             advice.attributes.push_back(
                 AdviceAttribute{std::move(record.name), std::move(record.values)});
@@ -452,69 +482,68 @@ std::vector<Advice> ReadAdvice(const ElementNode& element) {
     return adviceList;
 }
 
-void ReadAuthnStatement(const Ref<Node>& node, AuthnRecord& authn) {
-    const Ref<ElementNode> element = ExpectElement(node, "AuthnStatement", Xmlns::kSamlAssertion);
-    const Attributes attributes(*element, {"AuthnInstant"}, {});
+void ReadAuthnStatement(const NodeView& node, AuthnRecord& authn) {
+    const NodeView element = ExpectElement(node, "AuthnStatement", Xmlns::kSamlAssertion);
+    const Attributes attributes(element, {"AuthnInstant"}, {});
     authn.authnInstant = attributes.Date("AuthnInstant");
-    ChildCursor statementChildren(*element);
-    const Ref<ElementNode> context =
+    ChildCursor statementChildren(element);
+    const NodeView context =
         ExpectElement(statementChildren.Current(), "AuthnContext", Xmlns::kSamlAssertion);
-    ExpectNoAttributes(*context);
-    ChildCursor contextChildren(*context);
+    ExpectNoAttributes(context);
+    ChildCursor contextChildren(context);
     authn.authnContextClassRef = ReadTextOnly(
-        *ExpectElement(contextChildren.Current(), "AuthnContextClassRef", Xmlns::kSamlAssertion));
+        ExpectElement(contextChildren.Current(), "AuthnContextClassRef", Xmlns::kSamlAssertion));
     contextChildren.Advance();
     ExpectNoMoreChildren(contextChildren, "Unexpected elements after AuthnContextClassRef");
     statementChildren.Advance();
     ExpectNoMoreChildren(statementChildren, "Unexpected elements after AuthnContext");
 }
 
-std::vector<AttributeRecord> ReadAttributeStatement(const Ref<Node>& node) {
-    const Ref<ElementNode> element =
-        ExpectElement(node, "AttributeStatement", Xmlns::kSamlAssertion);
-    ExpectNoAttributes(*element);
+std::vector<AttributeRecord> ReadAttributeStatement(const NodeView& node) {
+    const NodeView element = ExpectElement(node, "AttributeStatement", Xmlns::kSamlAssertion);
+    ExpectNoAttributes(element);
     std::vector<AttributeRecord> records;
-    for (ChildCursor cursor(*element); !cursor.AtEnd(); cursor.Advance()) {
+    for (ChildCursor cursor(element); !cursor.AtEnd(); cursor.Advance()) {
         records.push_back(ReadAttribute(cursor.Current()));
     }
     return records;
 }
 
-void ReadSignature(const Ref<ElementNode>& assertion, const Ref<Node>& node,
+void ReadSignature(const Ref<ElementNode>& assertion, const std::string& id, const NodeView& node,
                    Ref<Basalt::Xml::Security::Signature>& signature) {
-    const Ref<ElementNode> element = AsElement(node);
-    if (!element) {
+    if (!IsElementNode(node)) {
         Fail("Expected element ds:Signature not found");
     }
     try {
-        Basalt::Xml::Security::CreateSignatureFromDom(assertion.Get(), element.Get(), signature);
+        Basalt::Xml::Security::CreateSignatureFromDom(assertion.Get(), node.GetElement().Get(),
+                                                      signature);
     } catch (const Basalt::Xml::Security::SignatureSyntaxException& e) {
         Fail(std::string("Signature syntax error: ") + e.what());
     }
-    CheckSignatureCoverage(*assertion, *signature);
+    CheckSignatureCoverage(id, *signature);
 }
 
 }  // namespace
 
 void WalkAssertion(const Ref<ElementNode>& assertion, ParsedAssertion& parsed) {
-    const Ref<ElementNode> element =
-        ExpectElement(Ref<Node>(assertion), "Assertion", Xmlns::kSamlAssertion);
-    const Attributes attributes(*element, {"Version", "ID", "IssueInstant"}, {});
+    const NodeView element =
+        ExpectElement(NodeView(assertion.Get()), "Assertion", Xmlns::kSamlAssertion);
+    const Attributes attributes(element, {"Version", "ID", "IssueInstant"}, {});
     parsed.version = attributes.Text("Version");
     parsed.id = attributes.Text("ID");
     parsed.issueInstant = attributes.Date("IssueInstant");
 
-    ChildCursor cursor(*element);
-    parsed.issuer = ReadNameId(*ExpectElement(cursor.Current(), "Issuer", Xmlns::kSamlAssertion));
+    ChildCursor cursor(element);
+    parsed.issuer = ReadNameId(ExpectElement(cursor.Current(), "Issuer", Xmlns::kSamlAssertion));
     cursor.Advance();
-    ReadSignature(element, cursor.Current(), parsed.signature);
+    ReadSignature(assertion, parsed.id, cursor.Current(), parsed.signature);
     cursor.Advance();
     ReadSubject(cursor.Current(), parsed.subject);
     cursor.Advance();
     ReadConditions(cursor.Current(), parsed.conditions);
     cursor.Advance();
     if (IsElement(cursor.Current(), "Advice")) {
-        parsed.advice = ReadAdvice(*AsElement(cursor.Current()));
+        parsed.advice = ReadAdvice(cursor.Current());
         cursor.Advance();
     }
     ReadAuthnStatement(cursor.Current(), parsed.authnStatement);
@@ -528,9 +557,12 @@ void WalkAssertion(const Ref<ElementNode>& assertion, ParsedAssertion& parsed) {
 
 void ReadAssertionSignature(const Ref<ElementNode>& assertion,
                             Ref<Basalt::Xml::Security::Signature>& signature) {
-    ChildCursor cursor(*assertion);
+    const NodeView element(assertion.Get());
+    ChildCursor cursor(element);
     cursor.Advance();  // past the Issuer
-    ReadSignature(assertion, cursor.Current(), signature);
+    std::string id;
+    assertion->GetAttribute("ID", id);
+    ReadSignature(assertion, id, cursor.Current(), signature);
 }
 
 }  // namespace Saml

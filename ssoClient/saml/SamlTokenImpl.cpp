@@ -108,7 +108,7 @@ void SamlTokenImpl::Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& asse
     Saml::WalkAssertion(assertion, parsed);
     Saml::ValidateAssertion(parsed, m_clockToleranceSec, clock);
     m_issuer = std::move(parsed.issuer.value);
-    m_signature = parsed.signature;
+    m_signature = std::move(parsed.signature);
     if (verify) {
         Saml::VerifySignature(*m_signature, resolver);
     }
@@ -119,7 +119,7 @@ void SamlTokenImpl::Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& asse
     m_startTime = parsed.conditions.notBefore;
     m_expirationTime = parsed.conditions.notOnOrAfter;
     m_tokenType = static_cast<TokenType>(parsed.subject.confirmationType);
-    m_holderOfKeyCertificate = parsed.subject.certificate;
+    m_holderOfKeyCertificate = std::move(parsed.subject.certificate);
 
     const auto& conditions = parsed.conditions;
     const bool hasProxyCount = conditions.proxyRestriction && conditions.proxyRestriction->count;
@@ -145,7 +145,7 @@ void SamlTokenImpl::Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& asse
         }
     }
     if (conditions.audienceRestriction) {
-        m_audience = *conditions.audienceRestriction;
+        m_audience = std::move(*parsed.conditions.audienceRestriction);
     }
 }
 

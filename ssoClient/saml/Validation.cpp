@@ -2,6 +2,7 @@
 
 #include <limits>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <basalt/Exception.h>
@@ -30,15 +31,13 @@ int64_t ToleranceMicros(long clockToleranceSec) {
     return micros;
 }
 
-void CheckSignatureCoverage(const Basalt::Xml::ElementNode& assertion,
+void CheckSignatureCoverage(const std::string& id,
                             const Basalt::Xml::Security::Signature& signature) {
-    std::string id;
-    assertion.GetAttribute("ID", id);
-    const std::string ownReference = "#" + id;
     std::vector<Basalt::Xml::Security::SignatureReference> references;
     signature.GetReferences(references);
     for (const auto& reference : references) {
-        if (reference.uri.empty() || reference.uri == ownReference) {
+        const std::string_view uri = reference.uri;
+        if (uri.empty() || (uri.size() == id.size() + 1 && uri[0] == '#' && uri.substr(1) == id)) {
             return;
         }
     }

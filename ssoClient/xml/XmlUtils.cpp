@@ -23,6 +23,17 @@ bool SkipWsAndCommentsFilter::Accept(const Basalt::Ref<Basalt::Xml::Node>& node)
     }
 }
 
+bool SkipWsAndCommentsFilter::Accept(const Basalt::Xml::NodeView& node) const {
+    switch (node.GetNodeType()) {
+        case Basalt::Xml::NodeType::Text:
+            return node.GetText().find_first_not_of("\t\n\r ") != std::string_view::npos;
+        case Basalt::Xml::NodeType::Comment:
+            return false;
+        default:
+            return true;
+    }
+}
+
 std::pair<std::string, std::string> ResolveQName(const Basalt::Xml::ElementNode& element,
                                                  const std::string& qualifiedName,
                                                  const std::string& defaultNamespace) {

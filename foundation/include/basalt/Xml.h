@@ -134,6 +134,82 @@ class BASALT_API Document : public virtual Node {
     ~Document() override;
 };
 
+class AttributeView;
+
+// A light, read-only handle on a node, for walks that look at every node of a tree: it holds no
+// reference, allocates nothing, and hands out names and text as views into the tree. It is valid
+// only while something else keeps the tree alive (a Ref to the document or to any of its nodes)
+// and nobody changes the tree; like the tree, it may then be read from several threads.
+//
+//   Basalt::Xml::NodeView root(document->GetDocumentElement().Get());
+//   for (auto child = root.GetFirstChild(); child; child = child.GetNextSibling()) {
+//       if (child.GetNodeType() == Basalt::Xml::NodeType::Element) use(child.GetLocalName());
+//   }
+class BASALT_API NodeView {
+  public:
+    NodeView() = default;
+    // The view of node, a node made by this library (InvalidArgumentException otherwise); null
+    // gives an empty view.
+    explicit NodeView(const Node* node);
+
+    // False for an empty view (no node: past the last child, say). Nothing else may be called
+    // on an empty view.
+    explicit operator bool() const { return m_node != nullptr; }
+    bool operator==(const NodeView& other) const { return m_node == other.m_node; }
+
+    NodeType GetNodeType() const;
+    // Empty views when there is none.
+    NodeView GetFirstChild() const;
+    NodeView GetNextSibling() const;
+
+    // Of an element: its local name, its namespace URI (empty when it has none) and its prefix
+    // as written (empty when unprefixed).
+    std::string_view GetLocalName() const;
+    std::string_view GetNamespaceUri() const;
+    std::string_view GetPrefix() const;
+    // The first attribute of an element (namespace declarations are not attributes); an empty
+    // view when it has none.
+    AttributeView GetFirstAttribute() const;
+    // The namespace URI bound to prefix in an element's scope (empty prefix: the default
+    // namespace); false if unbound.
+    bool LookupNamespaceUri(std::string_view prefix, std::string_view& uri) const;
+
+    // The text of a text node, a comment or a processing instruction (not of an element).
+    std::string_view GetText() const;
+
+    // The node itself, for the operations that take one. Null for an empty view.
+    Ref<Node> GetNode() const;
+    Ref<ElementNode> GetElement() const;
+
+  private:
+    friend class AttributeView;
+    explicit NodeView(void* node) : m_node(node) {}
+    void* m_node = nullptr;  // the native node
+};
+
+// An attribute of an element seen through a NodeView, under the same conditions.
+class BASALT_API AttributeView {
+  public:
+    AttributeView() = default;
+
+    explicit operator bool() const { return m_attr != nullptr; }
+    // The element's next attribute; an empty view after the last.
+    AttributeView GetNext() const;
+
+    std::string_view GetLocalName() const;
+    // Empty when unprefixed.
+    std::string_view GetPrefix() const;
+    // Empty for an unprefixed attribute.
+    std::string_view GetNamespaceUri() const;
+    // The value (a copy: it may be made of several pieces).
+    std::string GetValue() const;
+
+  private:
+    friend class NodeView;
+    explicit AttributeView(void* attr) : m_attr(attr) {}
+    void* m_attr = nullptr;  // the native attribute
+};
+
 // Receives a parse; the document handler builds a Document.
 class BASALT_API XMLHandler : public virtual Object {
   public:

@@ -4,7 +4,9 @@
 #include <array>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <mutex>
+#include <string_view>
 
 #include "internal/system/Immortal.h"
 
@@ -173,42 +175,34 @@ class PrivateKeyImpl final : public ObjectImpl, public PrivateKey {
     UniquePtr<EVP_PKEY> m_key;
 };
 
-using Sha256 = std::array<unsigned char, 32>;
-
-// SHA-256 with an implementation fetched once: the implicit fetch behind EVP_sha256() takes a
-// lock shared by every thread. False if the digest is not available.
-bool Sha256Of(const unsigned char* data, size_t size, Sha256& digest) {
-    static const Immortal<UniquePtr<EVP_MD>> sha256(EVP_MD_fetch(nullptr, "SHA256", nullptr));
-    const bool done =
-        *sha256 && EVP_Digest(data, size, digest.data(), nullptr, sha256->get(), nullptr) == 1;
-    ERR_clear_error();
-    return done;
-}
-
-// Decoded certificates by the SHA-256 of their DER. Decoding costs more than a signature check
-// (OpenSSL builds a decoder for every public key it reads), and a holder-of-key token carries
-// the same confirmation certificate every time its holder gets one. Certificates are immutable,
-// so every caller can share one object. Bounded: each shard replaces its entries in turn; the
-// shards have locks of their own so that threads decoding different certificates rarely meet.
+// Decoded certificates by their DER. Decoding costs more than a signature check (OpenSSL builds
+// a decoder for every public key it reads), and a holder-of-key token carries the same
+// confirmation certificate every time its holder gets one. Certificates are immutable, so every
+// caller can share one object. An entry is found by a plain hash of the DER and taken only when
+// the DER is the same byte for byte, so no input can stand in for another certificate. Bounded:
+// each shard replaces its entries in turn; the shards have locks of their own so that threads
+// decoding different certificates rarely meet.
 class CertificateCache {
   public:
-    Ref<Certificate> Find(const Sha256& digest) {
-        Shard& shard = ShardOf(digest);
+    static size_t HashOf(std::string_view der) { return std::hash<std::string_view>()(der); }
+
+    Ref<Certificate> Find(size_t hash, std::string_view der) {
+        Shard& shard = ShardOf(hash);
         std::lock_guard<std::mutex> lock(shard.mutex);
         for (const Entry& entry : shard.entries) {
-            if (entry.certificate && entry.digest == digest) {
+            if (entry.certificate && entry.hash == hash && SameDer(*entry.certificate, der)) {
                 return entry.certificate;
             }
         }
         return nullptr;
     }
 
-    void Add(const Sha256& digest, const Ref<Certificate>& certificate) {
-        Shard& shard = ShardOf(digest);
+    void Add(size_t hash, const Ref<Certificate>& certificate) {
+        Shard& shard = ShardOf(hash);
         std::lock_guard<std::mutex> lock(shard.mutex);
         Entry& entry = shard.entries[shard.next];
         shard.next = (shard.next + 1) % kEntriesPerShard;
-        entry.digest = digest;
+        entry.hash = hash;
         entry.certificate = certificate;
     }
 
@@ -217,7 +211,7 @@ class CertificateCache {
     static constexpr size_t kEntriesPerShard = 16;
 
     struct Entry {
-        Sha256 digest{};
+        size_t hash = 0;
         Ref<Certificate> certificate;
     };
     struct alignas(64) Shard {  // one cache line per lock
@@ -226,7 +220,11 @@ class CertificateCache {
         size_t next = 0;
     };
 
-    Shard& ShardOf(const Sha256& digest) { return m_shards[digest[0] % kShards]; }
+    static bool SameDer(const Certificate& certificate, std::string_view der) {
+        const std::vector<unsigned char>& own = certificate.GetDer();
+        return own.size() == der.size() && std::memcmp(own.data(), der.data(), der.size()) == 0;
+    }
+    Shard& ShardOf(size_t hash) { return m_shards[(hash >> 8) % kShards]; }
 
     std::array<Shard, kShards> m_shards;
 };
@@ -321,10 +319,10 @@ void CreateCertificate(const unsigned char* der, size_t size, Ref<Certificate>& 
     if (der == nullptr || size == 0 || size > LONG_MAX) {
         throw InvalidArgumentException("Invalid certificate: no DER data");
     }
-    Sha256 digest{};
-    const bool cacheable = Sha256Of(der, size, digest);  // else decoded on every call, as before
+    const std::string_view bytes(reinterpret_cast<const char*>(der), size);
+    const size_t hash = CertificateCache::HashOf(bytes);
     CertificateCache& cache = DecodedCertificates();
-    if (Ref<Certificate> known = cacheable ? cache.Find(digest) : nullptr) {
+    if (Ref<Certificate> known = cache.Find(hash, bytes)) {
         certificate = std::move(known);
         return;
     }
@@ -338,9 +336,7 @@ void CreateCertificate(const unsigned char* der, size_t size, Ref<Certificate>& 
             "Invalid DER certificate: trailing data after the certificate");
     }
     Ref<Certificate> decoded(new CertificateImpl(std::move(x509), {der, der + size}));
-    if (cacheable) {
-        cache.Add(digest, decoded);
-    }
+    cache.Add(hash, decoded);
     certificate = std::move(decoded);
 }
 

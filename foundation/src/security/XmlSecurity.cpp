@@ -111,11 +111,21 @@ const std::vector<Algorithm>& AllowedAlgorithms() {
 }
 
 const Algorithm* FindAlgorithm(std::string_view uri, AlgorithmKind kind) {
-    for (const Algorithm& algorithm : AllowedAlgorithms()) {
+    // The URIs with their lengths, measured once: every signature looks several up.
+    static const Immortal<std::vector<std::string_view>> uris([] {
+        std::vector<std::string_view> out;
+        for (const Algorithm& algorithm : AllowedAlgorithms()) {
+            out.emplace_back(algorithm.uri);
+        }
+        return out;
+    }());
+    const std::vector<Algorithm>& algorithms = AllowedAlgorithms();
+    for (size_t i = 0; i < algorithms.size(); ++i) {
+        const Algorithm& algorithm = algorithms[i];
         bool kindMatches =
             algorithm.kind == kind ||
             (kind == AlgorithmKind::Transform && algorithm.kind == AlgorithmKind::Canonicalization);
-        if (kindMatches && uri == algorithm.uri) {
+        if (kindMatches && uri == (*uris)[i]) {
             return &algorithm;
         }
     }

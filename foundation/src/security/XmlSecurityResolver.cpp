@@ -5,15 +5,17 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "internal/crypto/CryptoInternal.h"
-#include "internal/xml/XmlInternal.h"
-#include "internal/security/XmlSecurityInternal.h"
 #include <basalt/Exception.h>
 #include <basalt/StringUtil.h>
 #include <basalt/XmlSecurity.h>
+#include "internal/crypto/CryptoInternal.h"
+#include "internal/security/XmlSecurityInternal.h"
+#include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
 namespace Xml {
@@ -87,14 +89,30 @@ std::string TextOf(const xmlNode* node) {
     return Str(content.get());
 }
 
-// The text of node without XML white space.
-std::string CompactTextOf(const xmlNode* node) {
-    std::string text = TextOf(node);
-    text.erase(
-        std::remove_if(text.begin(), text.end(),
-                       [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }),
-        text.end());
-    return text;
+// True if the text of node, without XML white space, is expected. Compared in place, run by run,
+// when the text is one node, as it is in a parsed document (every verification checks this).
+bool CompactTextEquals(const xmlNode* node, std::string_view expected) {
+    constexpr const char* kSpace = " \t\r\n";
+    const xmlNode* text = node->children;
+    std::string joined;
+    const char* p = nullptr;
+    if (text && !text->next && text->type == XML_TEXT_NODE && text->content) {
+        p = AsChars(text->content);
+    } else {
+        joined = TextOf(node);
+        p = joined.c_str();  // the text of a node holds no NUL
+    }
+    size_t matched = 0;
+    for (p += std::strspn(p, kSpace); *p; p += std::strspn(p, kSpace)) {
+        const size_t run = std::strcspn(p, kSpace);
+        if (expected.size() - matched < run ||
+            std::memcmp(p, expected.data() + matched, run) != 0) {
+            return false;
+        }
+        matched += run;
+        p += run;
+    }
+    return matched == expected.size();
 }
 
 struct TrustedEntry {
@@ -181,7 +199,7 @@ class TrustedCertificateResolver final : public ObjectImpl,
 
     static bool Names(const xmlNode* item, const TrustedEntry& entry) {
         if (IsDsig(item, "X509Certificate")) {
-            return CompactTextOf(item) == entry.base64;
+            return CompactTextEquals(item, entry.base64);
         }
         if (IsDsig(item, "X509SKI")) {
             return !entry.subjectKeyId.empty() && DecodeBase64(TextOf(item)) == entry.subjectKeyId;

@@ -63,13 +63,15 @@ bool IsBlank(const xmlChar* text) {
     return true;
 }
 
-// The child elements of node; character data other than white space is refused, comments
-// and processing instructions are skipped.
-std::vector<xmlNode*> ChildElements(const xmlNode* node) {
-    std::vector<xmlNode*> elements;
+// Calls visit with each child element of node and returns how many there are; character data
+// other than white space is refused, comments and processing instructions are skipped.
+template <class Visit>
+size_t VisitChildElements(const xmlNode* node, Visit&& visit) {
+    size_t count = 0;
     for (xmlNode* child = node->children; child; child = child->next) {
         if (child->type == XML_ELEMENT_NODE) {
-            elements.push_back(child);
+            visit(child);
+            ++count;
         } else if ((child->type == XML_TEXT_NODE || child->type == XML_CDATA_SECTION_NODE) &&
                    !IsBlank(child->content)) {
             SyntaxError("Unexpected text in " + NameOf(node));
@@ -77,16 +79,33 @@ std::vector<xmlNode*> ChildElements(const xmlNode* node) {
             SyntaxError("Unexpected entity reference in " + NameOf(node));
         }
     }
+    return count;
+}
+
+std::vector<xmlNode*> ChildElements(const xmlNode* node) {
+    std::vector<xmlNode*> elements;
+    VisitChildElements(node, [&](xmlNode* child) { elements.push_back(child); });
     return elements;
 }
 
-std::string AttributeOf(const xmlNode* node, const char* name) {
-    for (xmlAttr* attr = node->properties; attr; attr = attr->next) {
+// Checks node's content as ChildElements does, without collecting it.
+bool HasChildElements(const xmlNode* node) {
+    return VisitChildElements(node, [](xmlNode*) {}) != 0;
+}
+
+// The attribute of node without a namespace called name, or null.
+const xmlAttr* FindAttribute(const xmlNode* node, const char* name) {
+    for (const xmlAttr* attr = node->properties; attr; attr = attr->next) {
         if (!attr->ns && xmlStrEqual(attr->name, AsXmlChars(name))) {
-            return AttrValue(attr);
+            return attr;
         }
     }
-    return std::string();
+    return nullptr;
+}
+
+std::string AttributeOf(const xmlNode* node, const char* name) {
+    const xmlAttr* attr = FindAttribute(node, name);
+    return attr ? AttrValue(attr) : std::string();
 }
 
 bool HasAttribute(const xmlNode* node, const char* name) {
@@ -94,13 +113,16 @@ bool HasAttribute(const xmlNode* node, const char* name) {
 }
 
 const Algorithm& RequireAlgorithm(const xmlNode* node, AlgorithmKind kind) {
-    if (!HasAttribute(node, "Algorithm")) {
+    const xmlAttr* attr = FindAttribute(node, "Algorithm");
+    if (!attr) {
         SyntaxError(NameOf(node) + " has no Algorithm");
     }
-    std::string uri = AttributeOf(node, "Algorithm");
+    std::string storage;
+    const std::string_view uri = AttrValueView(attr, storage);
     const Algorithm* algorithm = FindAlgorithm(uri, kind);
     if (!algorithm) {
-        SyntaxError("The algorithm '" + uri + "' of " + NameOf(node) + " is not allowed");
+        SyntaxError("The algorithm '" + std::string(uri) + "' of " + NameOf(node) +
+                    " is not allowed");
     }
     return *algorithm;
 }
@@ -108,6 +130,9 @@ const Algorithm& RequireAlgorithm(const xmlNode* node, AlgorithmKind kind) {
 // A canonicalisation method or transform may carry an exclusive c14n InclusiveNamespaces list
 // and nothing else.
 void CheckAlgorithmContent(const xmlNode* node, const Algorithm& algorithm) {
+    if (!HasChildElements(node)) {
+        return;  // the usual case
+    }
     std::vector<xmlNode*> children = ChildElements(node);
     bool exclusive = algorithm.kind == AlgorithmKind::Canonicalization &&
                      algorithm.c14nMode == 1 /* XML_C14N_EXCLUSIVE_1_0 */;
@@ -182,7 +207,7 @@ SignatureReference ParseReference(const xmlNode* reference) {
         SyntaxError("ds:Reference has no ds:DigestMethod");
     }
     const Algorithm& digest = RequireAlgorithm(children[at], AlgorithmKind::Digest);
-    if (!ChildElements(children[at]).empty()) {
+    if (HasChildElements(children[at])) {
         SyntaxError("Unexpected content in ds:DigestMethod");
     }
     out.digestMethod = digest.uri;
@@ -224,7 +249,7 @@ ParsedSignature ParseSignature(const xmlNode* signature) {
     const Algorithm& c14n = RequireAlgorithm(signedInfo[0], AlgorithmKind::Canonicalization);
     CheckAlgorithmContent(signedInfo[0], c14n);
     const Algorithm& method = RequireAlgorithm(signedInfo[1], AlgorithmKind::Signature);
-    if (!ChildElements(signedInfo[1]).empty()) {
+    if (HasChildElements(signedInfo[1])) {
         SyntaxError("Unexpected content in ds:SignatureMethod");
     }
     out.c14nMethod = c14n.uri;
@@ -262,7 +287,8 @@ bool IsIdAttribute(const xmlAttr* attr) {
 // The attribute of element whose value is id, or null.
 xmlAttr* IdAttributeOf(xmlNode* element, const std::string& id) {
     for (xmlAttr* attr = element->properties; attr; attr = attr->next) {
-        if (IsIdAttribute(attr) && AttrValue(attr) == id) {
+        std::string storage;
+        if (IsIdAttribute(attr) && AttrValueView(attr, storage) == id) {
             return attr;
         }
     }

@@ -1,5 +1,6 @@
 #include <basalt/IO.h>
 #include <basalt/StringUtil.h>
+#include "internal/system/ContiguousReader.h"
 
 #include <algorithm>
 #include <cstring>
@@ -13,9 +14,15 @@ StringWriter::~StringWriter() = default;
 
 namespace {
 
-class StringReaderImpl final : public ObjectImpl, public StringReader {
+class StringReaderImpl final : public ObjectImpl, public StringReader, public ContiguousReader {
   public:
     explicit StringReaderImpl(std::string_view text) : m_text(text) {}
+
+    std::string_view TakeRemaining() override {
+        std::string_view rest = std::string_view(m_text).substr(m_position);
+        m_position = m_text.size();
+        return rest;
+    }
 
     size_t Read(char* buffer, size_t size) override {
         size_t count = std::min(size, m_text.size() - m_position);

@@ -112,6 +112,15 @@ bool DocOwner::FindPending(const void* node, std::string& prefix) const {
     return true;
 }
 
+const std::string* DocOwner::PendingPrefix(const void* node) const {
+    if (!m_hasPending.load(std::memory_order_acquire)) {
+        return nullptr;
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto found = m_pending.find(node);
+    return found == m_pending.end() ? nullptr : &found->second;
+}
+
 void DocOwner::AddPending(const void* node, std::string prefix) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_pending[node] = std::move(prefix);
@@ -212,6 +221,15 @@ std::string AttrValue(const xmlAttr* attr) {
     }
     UniquePtr<XmlString> value(xmlNodeListGetString(attr->doc, attr->children, 1));
     return Str(value.get());
+}
+
+std::string_view AttrValueView(const xmlAttr* attr, std::string& storage) {
+    const xmlNode* text = attr->children;
+    if (text && !text->next && text->type == XML_TEXT_NODE) {
+        return text->content ? std::string_view(AsChars(text->content)) : std::string_view();
+    }
+    storage = AttrValue(attr);
+    return storage;
 }
 
 void LinkLastChild(xmlNode* parent, xmlNode* child) {
@@ -971,6 +989,126 @@ xmlNode* NativeElementOf(const ElementNode* element) {
         BASALT_THROW(InvalidArgumentException, "The node is not an element");
     }
     return node;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Views
+
+namespace {
+
+xmlNode* NativeOfView(void* node) {
+    return static_cast<xmlNode*>(node);
+}
+
+std::string_view View(const xmlChar* text) {
+    return text ? std::string_view(AsChars(text)) : std::string_view();
+}
+
+// The prefix of an element or attribute, including one still waiting for its declaration.
+std::string_view PrefixView(const xmlNode* node) {
+    if (node->ns) {
+        return View(node->ns->prefix);
+    }
+    const std::string* pending = DocOwner::Of(node->doc)->PendingPrefix(node);
+    return pending ? std::string_view(*pending) : std::string_view();
+}
+
+}  // namespace
+
+NodeView::NodeView(const Node* node) : m_node(node ? NativeOf(node) : nullptr) {}
+
+NodeType NodeView::GetNodeType() const {
+    switch (NativeOfView(m_node)->type) {
+        case XML_ELEMENT_NODE:
+            return NodeType::Element;
+        case XML_TEXT_NODE:
+        case XML_CDATA_SECTION_NODE:
+            return NodeType::Text;
+        case XML_COMMENT_NODE:
+            return NodeType::Comment;
+        case XML_PI_NODE:
+            return NodeType::ProcessingInstruction;
+        case XML_DOCUMENT_NODE:
+            return NodeType::Document;
+        default:
+            return NodeType::Other;
+    }
+}
+
+NodeView NodeView::GetFirstChild() const {
+    return NodeView(static_cast<void*>(NativeOfView(m_node)->children));
+}
+
+NodeView NodeView::GetNextSibling() const {
+    xmlNode* node = NativeOfView(m_node);
+    return NodeView(node->type == XML_DOCUMENT_NODE ? nullptr : static_cast<void*>(node->next));
+}
+
+std::string_view NodeView::GetLocalName() const {
+    return View(NativeOfView(m_node)->name);
+}
+
+std::string_view NodeView::GetNamespaceUri() const {
+    xmlNode* node = NativeOfView(m_node);
+    if (node->ns) {
+        return View(node->ns->href);
+    }
+    // A pending prefix reads through to whatever is in scope now.
+    const std::string* pending = DocOwner::Of(node->doc)->PendingPrefix(node);
+    xmlNs* ns = pending ? FindNamespace(node, *pending) : nullptr;
+    return ns && ns->href ? View(ns->href) : std::string_view();
+}
+
+std::string_view NodeView::GetPrefix() const {
+    return PrefixView(NativeOfView(m_node));
+}
+
+AttributeView NodeView::GetFirstAttribute() const {
+    xmlNode* node = NativeOfView(m_node);
+    return AttributeView(node->type == XML_ELEMENT_NODE ? static_cast<void*>(node->properties)
+                                                        : nullptr);
+}
+
+bool NodeView::LookupNamespaceUri(std::string_view prefix, std::string_view& uri) const {
+    xmlNs* ns = FindNamespace(NativeOfView(m_node), std::string(prefix));
+    if (!ns || !ns->href || !ns->href[0]) {
+        return false;
+    }
+    uri = View(ns->href);
+    return true;
+}
+
+std::string_view NodeView::GetText() const {
+    return View(NativeOfView(m_node)->content);
+}
+
+Ref<Node> NodeView::GetNode() const {
+    return WrapNode(NativeOfView(m_node));
+}
+
+Ref<ElementNode> NodeView::GetElement() const {
+    return WrapElement(NativeOfView(m_node));
+}
+
+AttributeView AttributeView::GetNext() const {
+    return AttributeView(static_cast<void*>(static_cast<xmlAttr*>(m_attr)->next));
+}
+
+std::string_view AttributeView::GetLocalName() const {
+    return View(static_cast<xmlAttr*>(m_attr)->name);
+}
+
+std::string_view AttributeView::GetPrefix() const {
+    return PrefixView(static_cast<const xmlNode*>(m_attr));
+}
+
+std::string_view AttributeView::GetNamespaceUri() const {
+    const xmlNs* ns = static_cast<xmlAttr*>(m_attr)->ns;
+    return ns ? View(ns->href) : std::string_view();
+}
+
+std::string AttributeView::GetValue() const {
+    return AttrValue(static_cast<xmlAttr*>(m_attr));
 }
 
 void CreateElementNode(const std::string& prefix, const std::string& localName,

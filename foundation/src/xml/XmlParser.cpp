@@ -13,6 +13,7 @@
 
 #include <basalt/Exception.h>
 #include <basalt/Xml.h>
+#include "internal/system/ContiguousReader.h"
 #include "internal/xml/XmlInternal.h"
 
 namespace Basalt {
@@ -128,7 +129,7 @@ void OnError(void* context, xmlErrorPtr error) {
                                         ", column " + std::to_string(column) + ": " + problem);
 }
 
-std::pair<int, int> PositionOfOffset(const std::string& text, size_t offset) {
+std::pair<int, int> PositionOfOffset(std::string_view text, size_t offset) {
     int line = 1;
     size_t lineStart = 0;
     for (size_t i = 0; i < offset && i < text.size(); ++i) {
@@ -144,7 +145,7 @@ std::pair<int, int> PositionOfOffset(const std::string& text, size_t offset) {
 // attributes would cost quadratic time before any hook runs, so count them first: a linear pass
 // that skips comments, CDATA sections, processing instructions and quoted values. Returns the
 // number of tags seen (to size the position table).
-size_t CheckAttributeCounts(const std::string& text, size_t limit) {
+size_t CheckAttributeCounts(std::string_view text, size_t limit) {
     static const std::pair<std::string_view, std::string_view> kSkipped[] = {
         {"<!--", "-->"}, {"<![CDATA[", "]]>"}, {"<?", "?>"}};
     const char* const begin = text.data();
@@ -208,6 +209,16 @@ std::string ReadAll(Reader* input, size_t limit) {
     }
 }
 
+// text, refused as ReadAll refuses input beyond limit.
+std::string_view InLimit(std::string_view text, size_t limit) {
+    if (text.size() > limit) {
+        auto [line, column] = PositionOfOffset(text.substr(0, limit), limit);
+        ThrowParseError("The document is larger than " + std::to_string(limit) + " bytes", line,
+                        column);
+    }
+    return text;
+}
+
 class DocumentHandlerImpl final : public ObjectImpl, public XMLHandler {
   public:
     Ref<Object> GetResult() const override { return Ref<Object>(m_result); }
@@ -226,7 +237,15 @@ class XMLParserImpl final : public ObjectImpl, public XMLParser {
         if (!input) {
             BASALT_THROW(InvalidArgumentException, "No input to parse");
         }
-        std::string text = ReadAll(input, m_limits.maxDocumentBytes);
+        // Input already in memory is parsed in place; anything else is read in first.
+        std::string copy;
+        std::string_view text;
+        if (auto* contiguous = dynamic_cast<ContiguousReader*>(input)) {
+            text = InLimit(contiguous->TakeRemaining(), m_limits.maxDocumentBytes);
+        } else {
+            copy = ReadAll(input, m_limits.maxDocumentBytes);
+            text = copy;
+        }
         // The start-element hook enforces the attribute limit exactly; the pre-scan only matters
         // where libxml2's quadratic duplicate check could be made to cost real time.
         size_t tags = text.size() > kPrescanThreshold
@@ -236,7 +255,7 @@ class XMLParserImpl final : public ObjectImpl, public XMLParser {
     }
 
   private:
-    Ref<Document> ParseText(const std::string& text, size_t tags) const {
+    Ref<Document> ParseText(std::string_view text, size_t tags) const {
         if (text.size() > static_cast<size_t>(INT32_MAX)) {
             ThrowParseError("The document is too large", 1, 1);
         }

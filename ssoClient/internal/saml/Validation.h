@@ -10,8 +10,8 @@ namespace SsoClient {
 namespace Saml {
 
 // Throws ParseException unless one of the signature's references is "" (the whole document) or
-// "#" + the assertion's ID.
-void CheckSignatureCoverage(const Basalt::Xml::ElementNode& assertion,
+// "#" + id, the assertion's ID attribute.
+void CheckSignatureCoverage(const std::string& id,
                             const Basalt::Xml::Security::Signature& signature);
 
 // Version, ID, validity window (widened by clockToleranceSec on both sides), bearer subject

@@ -23,6 +23,8 @@ class NodeFilter {
 class SkipWsAndCommentsFilter : public NodeFilter {
   public:
     bool Accept(const Basalt::Ref<Basalt::Xml::Node>& node) const override;
+    // The same for a walk over views.
+    bool Accept(const Basalt::Xml::NodeView& node) const;
 };
 
 // Resolves qualifiedName in the namespace scope of element: (namespace URI, local name). A name

@@ -12,6 +12,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -89,6 +90,8 @@ class DocOwner final : public ObjectImpl {
     // Elements and attributes whose prefix is not resolved yet (their ns is null meanwhile).
     // FindPending returns false, without locking, for a tree that has none (every parsed one).
     bool FindPending(const void* node, std::string& prefix) const;
+    // The pending prefix itself, or null: valid until the prefix is resolved.
+    const std::string* PendingPrefix(const void* node) const;
     void AddPending(const void* node, std::string prefix);
 
     // Text nodes holding secrets: their text is wiped before it is freed or replaced, and
@@ -181,6 +184,8 @@ std::string AttrPrefix(const xmlAttr* attr);
 
 // The value of an attribute (its text children joined).
 std::string AttrValue(const xmlAttr* attr);
+// The same as a view: into the tree in the usual case of one text child, else into storage.
+std::string_view AttrValueView(const xmlAttr* attr, std::string& storage);
 
 // Runs dump with an output buffer that forwards to writer; rethrows what the writer threw.
 void WriteThrough(Writer* writer, const std::function<void(xmlOutputBuffer*)>& dump);
