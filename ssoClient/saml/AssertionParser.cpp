@@ -122,6 +122,9 @@ struct AttributeNames {
                name.substr(prefix.size() + 1) == local;
     }
     bool Matches(const QName& name) const { return local == name.local && ns == name.ns; }
+    std::string QualifiedName() const {
+        return prefix.empty() ? std::string(local) : std::string(prefix).append(":").append(local);
+    }
     bool IsNamespaceDeclaration() const {
         return prefix == kXmlnsPrefix || (prefix.empty() && local == kXmlnsPrefix);
     }
@@ -148,7 +151,7 @@ class Attributes {
             [](const AttributeNames& attribute, std::string_view name) {
                 return attribute.HasQualifiedName(name);
             },
-            [](std::string_view name) { return name; });
+            [](std::string_view name) { return name; }, false);
     }
 
     // Namespace-qualified names, so that xsi:type matches whatever prefix is bound to its
@@ -161,7 +164,7 @@ class Attributes {
             [](const AttributeNames& attribute, const QName& name) {
                 return attribute.Matches(name);
             },
-            [](const QName& name) { return name.display; });
+            [](const QName& name) { return name.display; }, true);
     }
 
     // The value, or empty text when absent.
@@ -196,10 +199,11 @@ class Attributes {
 
   private:
     // Every required name present, then nothing but required, optional and namespace
-    // declarations; display gives a name as messages show it.
+    // declarations; display gives a name as messages show it. A qualified check names the
+    // extra attribute as written.
     template <class Name, class Matches, class Display>
     void Check(std::initializer_list<Name> required, std::initializer_list<Name> optional,
-               Matches matches, Display display) {
+               Matches matches, Display display, bool qualified) {
         for (AttributeView attribute = m_element.GetFirstAttribute(); attribute;
              attribute = attribute.GetNext()) {
             m_names.emplace_back(attribute);
@@ -218,7 +222,9 @@ class Attributes {
         for (const AttributeNames& attribute : m_names) {
             if (!listed(attribute, required) && !listed(attribute, optional) &&
                 !attribute.IsNamespaceDeclaration()) {
-                Fail("Unexpected attributes on element '" + NameOf(m_element) + "'");
+                Fail(qualified ? "Unexpected attribute '" + attribute.QualifiedName() +
+                                     "' on element '" + NameOf(m_element) + "'"
+                               : "Unexpected attributes on element '" + NameOf(m_element) + "'");
             }
         }
     }
@@ -408,7 +414,7 @@ std::set<std::string> ReadAudienceRestriction(const NodeView& restriction) {
 
 CountRestriction ReadProxyRestriction(const NodeView& restriction) {
     ExpectEmpty(restriction);
-    const Attributes attributes(restriction, {}, {kCountAttr}, true);
+    const Attributes attributes(restriction, {}, {"Count"});
     return CountRestriction{attributes.NonNegativeInteger(kCountAttr)};
 }
 

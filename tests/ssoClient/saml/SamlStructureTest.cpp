@@ -57,6 +57,9 @@ S Mutate(S xml, const S& from, const S& to) {
 
 // The walk's messages, by kind.
 const auto Attrs = [](const S& e) { return "Unexpected attributes on element '" + e + "'"; };
+const auto Attr = [](const S& a, const S& e) {
+    return "Unexpected attribute '" + a + "' on element '" + e + "'";
+};
 const auto Ns = [](const S& e) { return "Element '" + e + "' has unexpected namespace"; };
 const auto Missing = [](const S& e, const S& a) {
     return "Node '" + e + " is missing required attribute '" + a + "'";
@@ -125,7 +128,9 @@ TEST(SamlStructureTest, RefusesEveryStructuralDeviationWithItsMessageAndIgnoresT
         {r, "Count=\"2\"/>", "Count=\"2\"><saml2:X/></saml2:ProxyRestriction>",
          Empty("ProxyRestriction")},
         {r, "Count=\"1\"", "Count=\"99999999999999999999\"", NotCount("Condition")},
-        {r, "RenewExpired=\"false\"", "+ Extra=\"1\"", Attrs("Condition")},
+        {r, "RenewExpired=\"false\"", "+ Extra=\"1\"", Attr("Extra", "Condition")},
+        {r, "\"del:DelegationRestrictionType\"", "+ xsi:nil=\"true\"",
+         Attr("xsi:nil", "Condition")},
         {r, "<del:Delegate DelegationInstant=", "<del:Delegate When=", Attrs("Delegate")},
         {r, "<del:Delegate ", "+xmlns:del=\"" + S(Xmlns::kSamlAssertion) + "\" ", Ns("Delegate")},
         {r, "</del:Delegate>", "<saml2:X/>+", After("Delegate/NameID")},
@@ -147,7 +152,7 @@ TEST(SamlStructureTest, RefusesEveryStructuralDeviationWithItsMessageAndIgnoresT
         {h, kXsiType, "xsi:type=\"" + plain + "\"", BadType(plain)},
         {h, kXsiType, "", Missing(data, "xsi:type")},
         {h, kXsiType, kXsiType.substr(4), Missing(data, "xsi:type")},
-        {h, kXsiType, "+ Address=\"a\"", Attrs(data)},
+        {h, kXsiType, "+ Address=\"a\"", Attr("Address", data)},
         {h, "</ds:X509Certificate>", "+<ds:X/>", After("X509Certificate")},
         {h, "</ds:X509Data>", "+<ds:X/>", After("X509Data")},
         {h, "</ds:KeyInfo>", stray, After(data + "/KeyInfo")},
