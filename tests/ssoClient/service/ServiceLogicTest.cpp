@@ -505,6 +505,7 @@ TEST_F(ServiceLogicTest, ObserverHearsEachCallInOrder) {
 
 // Each mistake is refused by the factory or the call, and no connection reaches the listener.
 TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
+    using namespace std::chrono_literals;
     TestSts::TestServer listener({"--silent"});
     SecurityTokenServiceConfig plain;
     plain.url = listener.Url("/sts");
@@ -520,6 +521,18 @@ TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
     ex.url = "/sts";
     const auto soon = Basalt::System::DateTimeFromUtc(253402300799000000, false);  // 9999-12-31
     const std::string tooLong = "Token lifetime must not exceed 3155760000 seconds (100 years)";
+    const auto limits = [&](std::function<void(ServiceLimits&, RetryPolicy&)> change) {
+        return with([change](auto& c) {
+            ServiceLimits bounds;
+            RetryPolicy retry;
+            change(bounds, retry);
+            bounds.retry = retry;
+            c.limits = bounds;
+        });
+    };
+    const std::string limit = "SecurityTokenServiceConfig.limits.";
+    const std::string retries =
+        limit + "retry needs maxAttempts of at least 1 and baseDelay up to maxDelay";
     const struct {
         std::function<void()> misuse;
         std::string message;
@@ -556,6 +569,15 @@ TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
          },
          "Credentials and tokens are not sent over plain http:// unless "
          "SecurityTokenServiceConfig.allowPlainHttp is set"},
+        {limits([](auto& l, auto&) { l.connectTimeout = 0ms; }),
+         limit + "connectTimeout must be positive"},
+        {limits([](auto& l, auto&) { l.deadline = -1ms; }), limit + "deadline must be positive"},
+        {limits([](auto&, auto& r) { r.baseDelay = 0ms; }),
+         limit + "retry.baseDelay must be positive"},
+        {limits([](auto&, auto& r) { r.maxDelay = 0ms; }),
+         limit + "retry.maxDelay must be positive"},
+        {limits([](auto&, auto& r) { r.maxAttempts = 0; }), retries},
+        {limits([](auto&, auto& r) { r.baseDelay = r.maxDelay + 1ms; }), retries},
         {[&] { CreateSecurityTokenService(plain)->AcquireToken("u", "p", Spec(0)); },
          "Token lifetime must be positive"},
         {[&] {
