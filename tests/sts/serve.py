@@ -38,9 +38,6 @@ ROUTES = {
     "/echo": echo,
     "/status": status,  # ?code=&reason=&body=
     "/flaky": flaky,  # ?fail=&code=&body=
-    "/cookies/set": lambda r: Response(headers=[(
-        "Set-Cookie", "%s=%s; Path=/" % (r.query["name"], r.query["value"]))], body="set\n"),
-    "/cookies/show": lambda r: Response(body=r.headers.get("Cookie", "")),
     # The Cookie header received; sets seen=yes.
     "/cookies": lambda r: Response(headers=[("Set-Cookie", "seen=yes; Path=/")],
                                    body=r.headers.get("Cookie", "")),
