@@ -459,6 +459,9 @@ TEST_F(XmlSignatureTest, KeysComeOnlyFromTheTrustedResolver) {
     const std::string ds = " xmlns:ds=\"" + kDsig + "\">";
     for (const std::string& text :
          {Replace(genuine, ">", ds),
+          // An item of a kind it does not read names nothing.
+          Replace(Replace(genuine, ">", ds), "<ds:X509Data>",
+                  "<ds:X509Data><ds:X509SubjectName>CN=x</ds:X509SubjectName>"),
           Replace(Replace(Replace(issuerSerial, ">", ds), "4660", "04660"),
                   "CN=Test STS Signing, O=Example Test, C=US",
                   "cn=Test STS Signing,o=Example Test,c=US")}) {
@@ -546,12 +549,18 @@ TEST_F(XmlSignatureTest, ForbiddenReferencesTransformsAndAlgorithmsAreSyntaxErro
         refused("SignatureMethod", kRsaSha256, kMore + "hmac-sha256"),
         refused("DigestMethod", kSha256, kDsig + "sha1"),
         refused("DigestMethod", kSha256, kMore + "md5"),
+        // A canonicalization is a transform, never a signature or digest method.
+        refused("SignatureMethod", kRsaSha256, kExcC14n),
+        refused("DigestMethod", kSha256, kExcC14n),
         refused("CanonicalizationMethod", kExcC14n, "http://www.w3.org/2006/12/xml-c14n11"),
         {Replace(s_signed, "Algorithm=\"" + kRsaSha256 + "\"/>",
                  "Algorithm=\"" + kDsig +
                      "hmac-sha1\"><ds:HMACOutputLength>8"
                      "</ds:HMACOutputLength></ds:SignatureMethod>"),
          "The algorithm '" + kDsig + "hmac-sha1' of ds:SignatureMethod is not allowed"},
+        {Replace(s_signed, "Algorithm=\"" + kExcC14n + "\"/>",
+                 "Algorithm=\"" + kExcC14n + "\"><ds:X/></ds:CanonicalizationMethod>"),
+         "Unexpected ds:X in ds:CanonicalizationMethod"},
         {Replace(s_signed, "</ds:Signature>",
                  "<ds:Object><ds:Manifest><ds:Reference URI=\"file://" + kSecretPath +
                      "\"/></ds:Manifest></ds:Object></ds:Signature>"),
