@@ -203,6 +203,9 @@ class BASALT_API AttributeView {
     std::string_view GetNamespaceUri() const;
     // The value (a copy: it may be made of several pieces).
     std::string GetValue() const;
+    // The value as a view into the tree in the usual case of one piece, else into storage; valid
+    // while both last.
+    std::string_view GetValue(std::string& storage) const;
 
   private:
     friend class NodeView;

@@ -1111,6 +1111,10 @@ std::string AttributeView::GetValue() const {
     return AttrValue(static_cast<xmlAttr*>(m_attr));
 }
 
+std::string_view AttributeView::GetValue(std::string& storage) const {
+    return AttrValueView(static_cast<xmlAttr*>(m_attr), storage);
+}
+
 void CreateElementNode(const std::string& prefix, const std::string& localName,
                        Ref<ElementNode>& element) {
     if (localName.empty() || localName.find(':') != std::string::npos ||
