@@ -261,5 +261,13 @@ BASALT_API void CreateElementNode(const std::string& prefix, const std::string& 
 // A detached, empty text node.
 BASALT_API void CreateTextNode(Ref<TextNode>& text);
 
+// The same two made as the last child of parent, in parent's document: the result is what
+// appending a detached node would give, without moving it between documents. Building a tree
+// from the top down this way costs no copy per level. parent must be a node of this library
+// (InvalidArgumentException otherwise).
+BASALT_API void CreateChildElement(ElementNode* parent, const std::string& prefix,
+                                   const std::string& localName, Ref<ElementNode>& element);
+BASALT_API void CreateChildText(ElementNode* parent, Ref<TextNode>& text);
+
 }  // namespace Xml
 }  // namespace Basalt
