@@ -85,6 +85,15 @@ class ChildCursor {
     NodeView m_node;
 };
 
+// How many children the cursor yields: lets a list be sized once.
+size_t CountChildren(const NodeView& parent) {
+    size_t count = 0;
+    for (ChildCursor cursor(parent); !cursor.AtEnd(); cursor.Advance()) {
+        ++count;
+    }
+    return count;
+}
+
 bool IsElementNode(const NodeView& node) {
     return node && node.GetNodeType() == NodeType::Element;
 }
@@ -169,14 +178,20 @@ class Attributes {
 
     // The value, or empty text when absent.
     std::string Text(std::string_view name) const {
+        std::string storage;
+        return std::string(View(name, storage));
+    }
+    // The same for a value only looked at: a view into the tree, or into storage.
+    std::string_view View(std::string_view name, std::string& storage) const {
         const AttributeNames* attribute =
             Find([&](const AttributeNames& candidate) { return candidate.HasQualifiedName(name); });
-        return attribute ? attribute->view.GetValue() : std::string();
+        return attribute ? attribute->view.GetValue(storage) : std::string_view();
     }
 
     Basalt::System::DateTime Date(std::string_view name) const {
         try {
-            return Basalt::System::DateTime(Text(name));
+            std::string storage;
+            return Basalt::System::DateTime(View(name, storage));
         } catch (const Basalt::DateTimeFormatException&) {
             Fail(NameOf(m_element) + "/@" + std::string(name) + " is not a date");
         }
@@ -189,7 +204,8 @@ class Attributes {
             return std::nullopt;
         }
         int64_t value = 0;
-        if (!boost::conversion::try_lexical_convert(attribute->view.GetValue(), value) ||
+        std::string storage;
+        if (!boost::conversion::try_lexical_convert(attribute->view.GetValue(storage), value) ||
             value < 0) {
             Fail(NameOf(m_element) + "/@" + std::string(name.display) +
                  " is not a non-negative integer.");
@@ -275,9 +291,11 @@ NameId ReadNameId(const NodeView& element) {
 }
 
 // The (namespace, local name) that the element's xsi:type names, or empty when it has none;
-// written receives the value as written, which the result may point into.
+// written receives the value as written (a view into the tree or into storage), which the
+// result may point into.
 std::pair<std::string_view, std::string_view> ResolveXsiType(const NodeView& element,
-                                                             std::string& written) {
+                                                             std::string_view& written,
+                                                             std::string& storage) {
     AttributeView attribute = element.GetFirstAttribute();
     while (attribute && !Matches(attribute, kXsiType)) {
         attribute = attribute.GetNext();
@@ -285,17 +303,18 @@ std::pair<std::string_view, std::string_view> ResolveXsiType(const NodeView& ele
     if (!attribute) {
         return {};
     }
-    written = attribute.GetValue();
+    written = attribute.GetValue(storage);
     const size_t colon = written.find(':');
     std::string_view uri;
-    if (colon == std::string::npos) {
+    if (colon == std::string_view::npos) {
         element.LookupNamespaceUri("", uri);
         return {uri, written};
     }
-    if (!element.LookupNamespaceUri(std::string_view(written).substr(0, colon), uri)) {
-        ResolveQName(*element.GetElement(), written, "");  // throws, naming where the prefix is
+    if (!element.LookupNamespaceUri(written.substr(0, colon), uri)) {
+        // throws, naming where the prefix is
+        ResolveQName(*element.GetElement(), std::string(written), "");
     }
-    return {uri, std::string_view(written).substr(colon + 1)};
+    return {uri, written.substr(colon + 1)};
 }
 
 AttributeRecord ReadAttribute(const NodeView& node) {
@@ -305,6 +324,7 @@ AttributeRecord ReadAttribute(const NodeView& node) {
                            attributes.Text("NameFormat"),
                            attributes.Text("FriendlyName"),
                            {}};
+    record.values.reserve(CountChildren(element));
     for (ChildCursor cursor(element); !cursor.AtEnd(); cursor.Advance()) {
         const NodeView value =
             ExpectElement(cursor.Current(), "AttributeValue", Xmlns::kSamlAssertion);
@@ -315,11 +335,12 @@ AttributeRecord ReadAttribute(const NodeView& node) {
 
 void ReadHolderOfKeyData(const NodeView& data, SubjectRecord& subject) {
     const Attributes attributes(data, {kXsiType}, {kNotOnOrAfterAttr}, true);
-    std::string written;
-    const auto type = ResolveXsiType(data, written);
+    std::string_view written;
+    std::string storage;
+    const auto type = ResolveXsiType(data, written, storage);
     if (type.first != kKeyInfoConfirmationType.ns ||
         type.second != kKeyInfoConfirmationType.local) {
-        Fail("Invalid SubjectConfirmationData type: '" + written + "'");
+        Fail("Invalid SubjectConfirmationData type: '" + std::string(written) + "'");
     }
     ChildCursor dataChildren(data);
     const NodeView keyInfo = ExpectElement(dataChildren.Current(), "KeyInfo", Xmlns::kXmlDsig);
@@ -346,13 +367,14 @@ void ReadHolderOfKeyData(const NodeView& data, SubjectRecord& subject) {
 void ReadSubjectConfirmation(const NodeView& node, SubjectRecord& subject) {
     const NodeView confirmation = ExpectElement(node, "SubjectConfirmation", Xmlns::kSamlAssertion);
     const Attributes attributes(confirmation, {"Method"}, {});
-    const std::string method = attributes.Text("Method");
+    std::string storage;
+    const std::string_view method = attributes.View("Method", storage);
     if (method == kBearerMethod) {
         subject.confirmationType = Saml_Bearer;
     } else if (method == kHolderOfKeyMethod) {
         subject.confirmationType = Saml_HOK;
     } else {
-        Fail("Unknown subject confirmation method: '" + method + "'");
+        Fail("Unknown subject confirmation method: '" + std::string(method) + "'");
     }
 
     ChildCursor cursor(confirmation);
@@ -431,14 +453,15 @@ bool ReadRestriction(const NodeView& element, ConditionsRecord& conditions) {
     }
     const std::string_view localName = element.GetLocalName();
     // A Condition's xsi:type is resolved once, and only when a kind needs it.
-    std::string written;
+    std::string_view written;
+    std::string storage;
     std::optional<std::pair<std::string_view, std::string_view>> type;
     const auto isCondition = [&](const QName& expected) {
         if (localName != "Condition") {
             return false;
         }
         if (!type) {
-            type = ResolveXsiType(element, written);
+            type = ResolveXsiType(element, written, storage);
         }
         return type->first == expected.ns && type->second == expected.local;
     };
@@ -509,6 +532,7 @@ std::vector<AttributeRecord> ReadAttributeStatement(const NodeView& node) {
     const NodeView element = ExpectElement(node, "AttributeStatement", Xmlns::kSamlAssertion);
     ExpectNoAttributes(element);
     std::vector<AttributeRecord> records;
+    records.reserve(CountChildren(element));
     for (ChildCursor cursor(element); !cursor.AtEnd(); cursor.Advance()) {
         records.push_back(ReadAttribute(cursor.Current()));
     }

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <string_view>
 
 #include <basalt/Exception.h>
 #include <ssoClient/SamlTokenFactory.h>
@@ -31,7 +32,7 @@ ExtensionNames g_names =
 std::once_flag g_nearMissWarning;
 
 // True when name is "<scheme>://<some host>" + path.
-bool UnderOtherHost(const std::string& name, const std::string& path) {
+bool UnderOtherHost(const std::string& name, std::string_view path) {
     const size_t hostStart = name.find("://");
     return hostStart != std::string::npos && name.size() > path.size() &&
            name.compare(name.size() - path.size(), path.size(), path) == 0 &&

@@ -138,6 +138,7 @@ void SamlTokenImpl::Initialize(const Basalt::Ref<Basalt::Xml::ElementNode>& asse
         InterpretAttributes(parsed);
     }
     if (conditions.delegationRestriction) {
+        m_delegationChain.reserve(conditions.delegationRestriction->size());
         for (const auto& delegate : *conditions.delegationRestriction) {
             m_delegationChain.push_back(
                 Delegate{Saml::ParseUpn(delegate.nameId.format, delegate.nameId.value),
@@ -156,6 +157,7 @@ void SamlTokenImpl::InterpretAttributes(const Saml::ParsedAssertion& parsed) {
     const Saml::ExtensionNames& names = Saml::CurrentExtensionNames();
     for (const auto& attribute : *parsed.attributes) {
         if (attribute.name == names.groupIdentity) {
+            m_groups.reserve(m_groups.size() + attribute.values.size());
             for (const auto& value : attribute.values) {
                 m_groups.push_back(Saml::ParseGroupIdentity(value));
             }

@@ -14,20 +14,34 @@ bool IsNamespaceDeclaration(std::string_view name) {
     return name == "xmlns" || name.rfind("xmlns:", 0) == 0;
 }
 
-Basalt::Ref<Basalt::Xml::ElementNode> NewElement(const std::string& prefix, const std::string& name,
-                                                 const AttributeMap& attributes) {
-    Basalt::Ref<Basalt::Xml::ElementNode> element;
-    Basalt::Xml::CreateElementNode(prefix, name, element);
+void SetAttributes(Basalt::Xml::ElementNode& element, const AttributeMap& attributes) {
     // Declarations go first so that a prefixed attribute ("wsu:Id") can use a prefix declared
     // on the same element whatever the names' order; the serialised form is the same either
     // way, declarations always preceding attributes.
     for (bool declarations : {true, false}) {
         for (const auto& [attributeName, value] : attributes) {
             if (IsNamespaceDeclaration(attributeName) == declarations) {
-                element->SetAttribute(attributeName, value);
+                element.SetAttribute(attributeName, value);
             }
         }
     }
+}
+
+Basalt::Ref<Basalt::Xml::ElementNode> NewElement(const std::string& prefix, const std::string& name,
+                                                 const AttributeMap& attributes) {
+    Basalt::Ref<Basalt::Xml::ElementNode> element;
+    Basalt::Xml::CreateElementNode(prefix, name, element);
+    SetAttributes(*element, attributes);
+    return element;
+}
+
+Basalt::Ref<Basalt::Xml::ElementNode> NewChildElement(Basalt::Xml::ElementNode& parent,
+                                                      const std::string& prefix,
+                                                      const std::string& name,
+                                                      const AttributeMap& attributes) {
+    Basalt::Ref<Basalt::Xml::ElementNode> element;
+    Basalt::Xml::CreateChildElement(&parent, prefix, name, element);
+    SetAttributes(*element, attributes);
     return element;
 }
 
@@ -43,12 +57,23 @@ AttributeMap ToAttributeMap(const AttributeList& list) {
 
 XMLBaseBuilder::~XMLBaseBuilder() = default;
 
+void XMLBaseBuilder::BuildChild(Basalt::Xml::ElementNode& parent,
+                                Basalt::Ref<Basalt::Xml::ElementNode>& out) const {
+    Build(out);
+    parent.AppendChild(out);
+}
+
 ElementBuilderImpl::ElementBuilderImpl(std::string prefix, std::string name,
                                        AttributeMap attributes)
     : m_prefix(std::move(prefix)), m_name(std::move(name)), m_attributes(std::move(attributes)) {}
 
 void ElementBuilderImpl::Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const {
     out = NewElement(m_prefix, m_name, m_attributes);
+}
+
+void ElementBuilderImpl::BuildChild(Basalt::Xml::ElementNode& parent,
+                                    Basalt::Ref<Basalt::Xml::ElementNode>& out) const {
+    out = NewChildElement(parent, m_prefix, m_name, m_attributes);
 }
 
 TextElementBuilderImpl::TextElementBuilderImpl(std::string prefix, std::string name,
@@ -64,16 +89,30 @@ TextElementBuilderImpl::~TextElementBuilderImpl() {
     Basalt::StringUtil::SecureWipe(m_text);
 }
 
+void TextElementBuilderImpl::AddText(Basalt::Xml::TextNode& text) const {
+    if (m_secret) {
+        text.SetSecretValue(m_text);
+    } else {
+        text.SetValue(m_text);
+    }
+}
+
 void TextElementBuilderImpl::Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const {
     Basalt::Ref<Basalt::Xml::ElementNode> element = NewElement(m_prefix, m_name, m_attributes);
     Basalt::Ref<Basalt::Xml::TextNode> text;
     Basalt::Xml::CreateTextNode(text);
-    if (m_secret) {
-        text->SetSecretValue(m_text);
-    } else {
-        text->SetValue(m_text);
-    }
+    AddText(*text);
     element->AppendChild(text);
+    out = std::move(element);
+}
+
+void TextElementBuilderImpl::BuildChild(Basalt::Xml::ElementNode& parent,
+                                        Basalt::Ref<Basalt::Xml::ElementNode>& out) const {
+    Basalt::Ref<Basalt::Xml::ElementNode> element =
+        NewChildElement(parent, m_prefix, m_name, m_attributes);
+    Basalt::Ref<Basalt::Xml::TextNode> text;
+    Basalt::Xml::CreateChildText(element.Get(), text);
+    AddText(*text);
     out = std::move(element);
 }
 
@@ -93,14 +132,25 @@ XMLCompositeBuilder& XMLCompositeBuilder::Add(const XMLBuilderPtr& child) {
     return *this;
 }
 
+void XMLCompositeBuilder::BuildChildren(Basalt::Xml::ElementNode& element) const {
+    Basalt::Ref<Basalt::Xml::ElementNode> childElement;
+    for (const XMLBuilderPtr& child : m_children) {
+        child->BuildChild(element, childElement);
+    }
+}
+
 void XMLCompositeBuilder::Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const {
     Basalt::Ref<Basalt::Xml::ElementNode> element;
     m_root->Build(element);
-    for (const XMLBuilderPtr& child : m_children) {
-        Basalt::Ref<Basalt::Xml::ElementNode> childElement;
-        child->Build(childElement);
-        element->AppendChild(childElement);
-    }
+    BuildChildren(*element);
+    out = std::move(element);
+}
+
+void XMLCompositeBuilder::BuildChild(Basalt::Xml::ElementNode& parent,
+                                     Basalt::Ref<Basalt::Xml::ElementNode>& out) const {
+    Basalt::Ref<Basalt::Xml::ElementNode> element;
+    m_root->BuildChild(parent, element);
+    BuildChildren(*element);
     out = std::move(element);
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include <basalt/Export.h>
 
@@ -30,7 +31,7 @@ class BASALT_API DateTime {
     // 14:00) or nothing, which is read as UTC. 24:00:00 with no fraction is the next midnight.
     // Anything else, including white space, out-of-range fields or a day the month does not have,
     // throws DateTimeFormatException.
-    explicit DateTime(const std::string& text);
+    explicit DateTime(std::string_view text);
 
     // Microseconds since the epoch (negative before it).
     int64_t GetUtcTime() const { return m_micros; }

@@ -203,6 +203,9 @@ class BASALT_API AttributeView {
     std::string_view GetNamespaceUri() const;
     // The value (a copy: it may be made of several pieces).
     std::string GetValue() const;
+    // The value as a view into the tree in the usual case of one piece, else into storage; valid
+    // while both last.
+    std::string_view GetValue(std::string& storage) const;
 
   private:
     friend class NodeView;
@@ -257,6 +260,14 @@ BASALT_API void CreateElementNode(const std::string& prefix, const std::string& 
                                   Ref<ElementNode>& element);
 // A detached, empty text node.
 BASALT_API void CreateTextNode(Ref<TextNode>& text);
+
+// The same two made as the last child of parent, in parent's document: the result is what
+// appending a detached node would give, without moving it between documents. Building a tree
+// from the top down this way costs no copy per level. parent must be a node of this library
+// (InvalidArgumentException otherwise).
+BASALT_API void CreateChildElement(ElementNode* parent, const std::string& prefix,
+                                   const std::string& localName, Ref<ElementNode>& element);
+BASALT_API void CreateChildText(ElementNode* parent, Ref<TextNode>& text);
 
 }  // namespace Xml
 }  // namespace Basalt

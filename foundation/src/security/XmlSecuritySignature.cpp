@@ -15,8 +15,12 @@
 #include <algorithm>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <boost/container/small_vector.hpp>
 
 #include <basalt/Exception.h>
 #include <basalt/XmlSecurity.h>
@@ -82,8 +86,13 @@ size_t VisitChildElements(const xmlNode* node, Visit&& visit) {
     return count;
 }
 
-std::vector<xmlNode*> ChildElements(const xmlNode* node) {
-    std::vector<xmlNode*> elements;
+// A signature's parts have a handful of children each: kept off the heap.
+using ElementList = boost::container::small_vector<xmlNode*, 8>;
+// The elements one signature signs: one, but for a few request signatures.
+using NodeList = boost::container::small_vector<xmlNode*, 2>;
+
+ElementList ChildElements(const xmlNode* node) {
+    ElementList elements;
     VisitChildElements(node, [&](xmlNode* child) { elements.push_back(child); });
     return elements;
 }
@@ -101,11 +110,6 @@ const xmlAttr* FindAttribute(const xmlNode* node, const char* name) {
         }
     }
     return nullptr;
-}
-
-std::string AttributeOf(const xmlNode* node, const char* name) {
-    const xmlAttr* attr = FindAttribute(node, name);
-    return attr ? AttrValue(attr) : std::string();
 }
 
 bool HasAttribute(const xmlNode* node, const char* name) {
@@ -133,7 +137,7 @@ void CheckAlgorithmContent(const xmlNode* node, const Algorithm& algorithm) {
     if (!HasChildElements(node)) {
         return;  // the usual case
     }
-    std::vector<xmlNode*> children = ChildElements(node);
+    const ElementList children = ChildElements(node);
     bool exclusive = algorithm.kind == AlgorithmKind::Canonicalization &&
                      algorithm.c14nMode == 1 /* XML_C14N_EXCLUSIVE_1_0 */;
     for (xmlNode* child : children) {
@@ -153,7 +157,7 @@ bool IsIdCharacter(unsigned char c) {
 
 // "" or "#" followed by a plain id; anything else ("#xpointer(...)", other documents, files
 // or network resources) is refused.
-bool IsAllowedUriForm(const std::string& uri) {
+bool IsAllowedUriForm(std::string_view uri) {
     if (uri.empty()) {
         return true;
     }
@@ -168,28 +172,40 @@ bool IsAllowedUriForm(const std::string& uri) {
     return true;
 }
 
-struct ParsedSignature {
-    std::string c14nMethod;
-    std::string signatureMethod;
-    KeyKind keyKind = KeyKind::None;
-    std::vector<SignatureReference> references;
+// A signature as read: algorithms as entries of the allow-list and references as their
+// elements, so that checking a signature again copies no text. The description that
+// GetReferences hands out is made only when a signature object is.
+struct SignatureSyntax {
+    const Algorithm* c14n = nullptr;
+    const Algorithm* method = nullptr;
+    NodeList references;  // ds:Reference elements, checked
     xmlNode* keyInfo = nullptr;
 };
 
-SignatureReference ParseReference(const xmlNode* reference) {
-    SignatureReference out;
+// The URI of a ds:Reference: "" when only a DTD default supplies it.
+std::string_view ReferenceUri(const xmlNode* reference, std::string& storage) {
+    const xmlAttr* uri = FindAttribute(reference, "URI");
+    return uri ? AttrValueView(uri, storage) : std::string_view();
+}
+
+// Checks a ds:Reference; fills describe when given.
+void ParseReference(const xmlNode* reference, SignatureReference* describe) {
     if (!HasAttribute(reference, "URI")) {
         SyntaxError("A ds:Reference without URI is not allowed");
     }
-    out.uri = AttributeOf(reference, "URI");
-    if (!IsAllowedUriForm(out.uri)) {
-        SyntaxError("The reference URI '" + out.uri +
+    std::string storage;
+    const std::string_view uri = ReferenceUri(reference, storage);
+    if (!IsAllowedUriForm(uri)) {
+        SyntaxError("The reference URI '" + std::string(uri) +
                     "' is not allowed: only \"\" and same-document \"#id\" references are");
     }
-    std::vector<xmlNode*> children = ChildElements(reference);
+    if (describe) {
+        describe->uri = uri;
+    }
+    const ElementList children = ChildElements(reference);
     size_t at = 0;
     if (at < children.size() && IsDsig(children[at], "Transforms")) {
-        std::vector<xmlNode*> transforms = ChildElements(children[at]);
+        const ElementList transforms = ChildElements(children[at]);
         if (transforms.empty()) {
             SyntaxError("ds:Transforms is empty");
         }
@@ -199,7 +215,9 @@ SignatureReference ParseReference(const xmlNode* reference) {
             }
             const Algorithm& algorithm = RequireAlgorithm(transform, AlgorithmKind::Transform);
             CheckAlgorithmContent(transform, algorithm);
-            out.transforms.emplace_back(algorithm.uri);
+            if (describe) {
+                describe->transforms.emplace_back(algorithm.uri);
+            }
         }
         ++at;
     }
@@ -210,7 +228,9 @@ SignatureReference ParseReference(const xmlNode* reference) {
     if (HasChildElements(children[at])) {
         SyntaxError("Unexpected content in ds:DigestMethod");
     }
-    out.digestMethod = digest.uri;
+    if (describe) {
+        describe->digestMethod = digest.uri;
+    }
     ++at;
     if (at >= children.size() || !IsDsig(children[at], "DigestValue")) {
         SyntaxError("ds:Reference has no ds:DigestValue");
@@ -218,15 +238,16 @@ SignatureReference ParseReference(const xmlNode* reference) {
     if (++at != children.size()) {
         SyntaxError("Unexpected " + NameOf(children[at]) + " in ds:Reference");
     }
-    return out;
 }
 
-ParsedSignature ParseSignature(const xmlNode* signature) {
+// Checks a ds:Signature into out; appends the description of its references to describe when
+// given.
+void ParseSignature(const xmlNode* signature, SignatureSyntax& out,
+                    std::vector<SignatureReference>* describe) {
     if (!IsDsig(signature, "Signature")) {
         SyntaxError("Expected ds:Signature, found " + NameOf(signature));
     }
-    ParsedSignature out;
-    std::vector<xmlNode*> parts = ChildElements(signature);
+    const ElementList parts = ChildElements(signature);
     if (parts.size() < 2 || !IsDsig(parts[0], "SignedInfo") ||
         !IsDsig(parts[1], "SignatureValue")) {
         SyntaxError("ds:Signature must hold ds:SignedInfo and then ds:SignatureValue");
@@ -239,7 +260,7 @@ ParsedSignature ParseSignature(const xmlNode* signature) {
         }
         out.keyInfo = parts[2];
     }
-    std::vector<xmlNode*> signedInfo = ChildElements(parts[0]);
+    const ElementList signedInfo = ChildElements(parts[0]);
     if (signedInfo.size() < 3 || !IsDsig(signedInfo[0], "CanonicalizationMethod") ||
         !IsDsig(signedInfo[1], "SignatureMethod")) {
         SyntaxError(
@@ -252,16 +273,15 @@ ParsedSignature ParseSignature(const xmlNode* signature) {
     if (HasChildElements(signedInfo[1])) {
         SyntaxError("Unexpected content in ds:SignatureMethod");
     }
-    out.c14nMethod = c14n.uri;
-    out.signatureMethod = method.uri;
-    out.keyKind = method.key;
+    out.c14n = &c14n;
+    out.method = &method;
     for (size_t i = 2; i < signedInfo.size(); ++i) {
         if (!IsDsig(signedInfo[i], "Reference")) {
             SyntaxError("Unexpected " + NameOf(signedInfo[i]) + " in ds:SignedInfo");
         }
-        out.references.push_back(ParseReference(signedInfo[i]));
+        ParseReference(signedInfo[i], describe ? &describe->emplace_back() : nullptr);
+        out.references.push_back(signedInfo[i]);
     }
-    return out;
 }
 
 // --- ids -------------------------------------------------------------------------------------
@@ -285,7 +305,7 @@ bool IsIdAttribute(const xmlAttr* attr) {
 }
 
 // The attribute of element whose value is id, or null.
-xmlAttr* IdAttributeOf(xmlNode* element, const std::string& id) {
+xmlAttr* IdAttributeOf(xmlNode* element, std::string_view id) {
     for (xmlAttr* attr = element->properties; attr; attr = attr->next) {
         std::string storage;
         if (IsIdAttribute(attr) && AttrValueView(attr, storage) == id) {
@@ -315,7 +335,7 @@ void ForEachElement(xmlNode* root, Visit&& visit) {
 
 // How many elements of the document carry id in one of their id attributes (counting stops
 // at two: one is all that may).
-size_t CountElementsWithId(xmlDoc* doc, const std::string& id) {
+size_t CountElementsWithId(xmlDoc* doc, std::string_view id) {
     size_t found = 0;
     for (xmlNode* top = doc->children; top && found < 2; top = top->next) {
         ForEachElement(top, [&](xmlNode* element) {
@@ -328,7 +348,7 @@ size_t CountElementsWithId(xmlDoc* doc, const std::string& id) {
 }
 
 // The one element of the tree under root that carries id, or null if none or several do.
-xmlNode* UniqueElementWithId(xmlNode* root, const std::string& id, size_t& count) {
+xmlNode* UniqueElementWithId(xmlNode* root, std::string_view id, size_t& count) {
     xmlNode* found = nullptr;
     count = 0;
     ForEachElement(root, [&](xmlNode* element) {
@@ -341,18 +361,21 @@ xmlNode* UniqueElementWithId(xmlNode* root, const std::string& id, size_t& count
 }
 
 // Registers attr as the one holder of its id in the document's id table for the lifetime of
-// the object, so that xmlsec's "#id" lookup finds exactly that element.
+// the object, so that xmlsec's "#id" lookup finds exactly that element. Movable, so that a
+// signature's few registrations can sit in a small vector.
 class IdRegistration {
   public:
-    IdRegistration(xmlDoc* doc, xmlAttr* attr, const std::string& id) : m_doc(doc), m_attr(attr) {
-        xmlAttr* registered = xmlGetID(doc, AsXmlChars(id.c_str()));
+    // id: attr's value, NUL-terminated.
+    IdRegistration(xmlDoc* doc, xmlAttr* attr, const char* id) : m_doc(doc), m_attr(attr) {
+        xmlAttr* registered = xmlGetID(doc, AsXmlChars(id));
         if (registered && registered != attr) {
             BASALT_THROW(XmlSecurityException,
-                         "The id '" + id + "' is registered for another element");
+                         "The id '" + std::string(id) + "' is registered for another element");
         }
         if (!registered) {
-            if (!xmlAddID(nullptr, doc, AsXmlChars(id.c_str()), attr)) {
-                BASALT_THROW(XmlSecurityException, "The id '" + id + "' could not be registered");
+            if (!xmlAddID(nullptr, doc, AsXmlChars(id), attr)) {
+                BASALT_THROW(XmlSecurityException,
+                             "The id '" + std::string(id) + "' could not be registered");
             }
             m_added = true;
         }
@@ -362,8 +385,11 @@ class IdRegistration {
             xmlRemoveID(m_doc, m_attr);
         }
     }
+    IdRegistration(IdRegistration&& other) noexcept
+        : m_doc(other.m_doc), m_attr(other.m_attr), m_added(std::exchange(other.m_added, false)) {}
     IdRegistration(const IdRegistration&) = delete;
     IdRegistration& operator=(const IdRegistration&) = delete;
+    IdRegistration& operator=(IdRegistration&&) = delete;
 
   private:
     xmlDoc* m_doc;
@@ -442,26 +468,26 @@ xmlNode* TreeRoot(xmlNode* node) {
 
 class SignatureImpl final : public ObjectImpl, public Signature {
   public:
-    // A signature read from a document.
-    SignatureImpl(std::vector<Ref<ElementNode>> signedElements, Ref<ElementNode> element,
-                  ParsedSignature parsed)
-        : m_signed(std::move(signedElements)),
-          m_element(std::move(element)),
-          m_parsed(std::move(parsed)),
-          m_blank(false) {}
+    // A signature read from a document: checks it and describes its references.
+    SignatureImpl(ElementNode* const* signedElements, size_t count, Ref<ElementNode> element)
+        : m_element(std::move(element)), m_blank(false) {
+        for (size_t i = 0; i < count; ++i) {
+            m_signed.emplace_back(signedElements[i]);
+        }
+        SignatureSyntax syntax;
+        ParseSignature(NativeElementOf(m_element.Get()), syntax, &m_references);
+        m_c14n = syntax.c14n;
+        m_method = syntax.method;
+    }
     // A blank signature being made.
     SignatureImpl(Ref<ElementNode> element, const Algorithm& c14n, const Algorithm& method)
-        : m_element(std::move(element)), m_blank(true) {
-        m_parsed.c14nMethod = c14n.uri;
-        m_parsed.signatureMethod = method.uri;
-        m_parsed.keyKind = method.key;
-    }
+        : m_element(std::move(element)), m_c14n(&c14n), m_method(&method), m_blank(true) {}
 
     Ref<ElementNode> GetElement() const override { return m_element; }
-    std::string GetCanonicalizationMethod() const override { return m_parsed.c14nMethod; }
-    std::string GetSignatureMethod() const override { return m_parsed.signatureMethod; }
+    std::string GetCanonicalizationMethod() const override { return m_c14n->uri; }
+    std::string GetSignatureMethod() const override { return m_method->uri; }
     void GetReferences(std::vector<SignatureReference>& references) const override {
-        references = m_parsed.references;
+        references = m_references;
     }
 
     bool Verify(const KeyInfoResolver* resolver) const override {
@@ -473,16 +499,18 @@ class SignatureImpl final : public ObjectImpl, public Signature {
             BASALT_THROW(XmlSecurityException, "No key resolver to verify the signature with");
         }
         xmlNode* signature = NativeElementOf(m_element.Get());
-        std::vector<xmlNode*> signedNodes;
+        NodeList signedNodes;
         for (const Ref<ElementNode>& element : m_signed) {
             signedNodes.push_back(NativeElementOf(element.Get()));
         }
         // The tree may have changed since the signature was read: read it again.
-        ParsedSignature current = ParseSignature(signature);
-        std::vector<xmlAttr*> named;
-        std::vector<bool> covered(signedNodes.size(), false);
-        for (const SignatureReference& reference : current.references) {
-            named.push_back(CheckReference(reference.uri, signedNodes, covered));
+        SignatureSyntax current;
+        ParseSignature(signature, current, nullptr);
+        boost::container::small_vector<xmlAttr*, 2> named;
+        boost::container::small_vector<bool, 2> covered(signedNodes.size(), false);
+        for (const xmlNode* reference : current.references) {
+            std::string storage;
+            named.push_back(CheckReference(ReferenceUri(reference, storage), signedNodes, covered));
         }
         if (std::find(covered.begin(), covered.end(), false) != covered.end()) {
             BASALT_THROW(XmlSecurityException,
@@ -499,11 +527,12 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         // The ids registered here and by xmlsec live in the document: one verification of a
         // tree at a time, or one would unregister an id that another is looking up.
         std::lock_guard<std::mutex> lock(DocOwner::Of(signature->doc)->Mutex());
-        std::vector<std::unique_ptr<IdRegistration>> ids;
+        boost::container::small_vector<IdRegistration, 2> ids;
         for (xmlAttr* attr : named) {
             if (attr) {
-                ids.push_back(
-                    std::make_unique<IdRegistration>(signature->doc, attr, AttrValue(attr)));
+                std::string storage;
+                // A view of one text node's content or of storage: NUL-terminated either way.
+                ids.emplace_back(signature->doc, attr, AttrValueView(attr, storage).data());
             }
         }
         for (const auto& candidate : candidates) {
@@ -511,7 +540,7 @@ class SignatureImpl final : public ObjectImpl, public Signature {
                 continue;
             }
             EVP_PKEY* key = X509_get0_pubkey(Crypto::NativeCertificate(*candidate));
-            if (!key || KindOf(key) != current.keyKind) {
+            if (!key || KindOf(key) != current.method->key) {
                 continue;
             }
             xmlSecKey* shared = ready ? ready->ReadyKey(*candidate) : nullptr;
@@ -566,7 +595,7 @@ class SignatureImpl final : public ObjectImpl, public Signature {
             }
             added.transforms.emplace_back(step->uri);
         }
-        m_parsed.references.push_back(std::move(added));
+        m_references.push_back(std::move(added));
     }
 
     void SetId(std::string_view id) override {
@@ -586,19 +615,20 @@ class SignatureImpl final : public ObjectImpl, public Signature {
 
     void Sign(const Crypto::PrivateKey& key) override {
         RequireBlank();
-        if (m_parsed.references.empty()) {
+        if (m_references.empty()) {
             BASALT_THROW(XmlSecurityException, "A signature needs at least one reference");
         }
         EVP_PKEY* native = Crypto::NativePrivateKey(key);
-        if (KindOf(native) != m_parsed.keyKind) {
+        if (KindOf(native) != m_method->key) {
             BASALT_THROW(XmlSecurityException,
-                         "The key does not fit the signature method " + m_parsed.signatureMethod);
+                         "The key does not fit the signature method " + std::string(m_method->uri));
         }
         xmlNode* signature = NativeElementOf(m_element.Get());
         xmlNode* root = TreeRoot(signature);
         ResolvePendingNamespaces(root, true);
-        std::vector<std::unique_ptr<IdRegistration>> ids;
-        for (const SignatureReference& reference : m_parsed.references) {
+        std::vector<std::optional<IdRegistration>> ids;
+        ids.reserve(m_references.size());
+        for (const SignatureReference& reference : m_references) {
             ids.push_back(BindSignedElement(reference.uri, root));
         }
         UniquePtr<xmlSecDSigCtx> ctx = CreateContext();
@@ -621,12 +651,13 @@ class SignatureImpl final : public ObjectImpl, public Signature {
 
     // Checks that uri names exactly one of the signed elements, not named before; returns the
     // attribute that carries its id (null for the whole document).
-    xmlAttr* CheckReference(const std::string& uri, const std::vector<xmlNode*>& signedNodes,
-                            std::vector<bool>& covered) const {
+    template <class Covered>
+    xmlAttr* CheckReference(std::string_view uri, const NodeList& signedNodes,
+                            Covered& covered) const {
         xmlDoc* doc = signedNodes.front()->doc;
         xmlAttr* attr = nullptr;
         size_t index = 0;
-        std::string id = uri.empty() ? std::string() : uri.substr(1);
+        const std::string_view id = uri.empty() ? std::string_view() : uri.substr(1);
         for (; index < signedNodes.size(); ++index) {
             xmlNode* node = signedNodes[index];
             bool named = uri.empty() ? xmlDocGetRootElement(doc) == node
@@ -636,15 +667,16 @@ class SignatureImpl final : public ObjectImpl, public Signature {
             }
         }
         if (index == signedNodes.size()) {
-            BASALT_THROW(XmlSecurityException,
-                         uri.empty()
-                             ? std::string("An empty reference URI is only allowed when the "
-                                           "signed element is the document element")
-                             : "The reference '" + uri + "' does not name the signed element");
+            BASALT_THROW(
+                XmlSecurityException,
+                uri.empty()
+                    ? std::string("An empty reference URI is only allowed when the "
+                                  "signed element is the document element")
+                    : "The reference '" + std::string(uri) + "' does not name the signed element");
         }
         if (covered[index] && signedNodes.size() > 1) {
-            BASALT_THROW(XmlSecurityException,
-                         "The reference '" + uri + "' names an element already referenced");
+            BASALT_THROW(XmlSecurityException, "The reference '" + std::string(uri) +
+                                                   "' names an element already referenced");
         }
         covered[index] = true;
         if (uri.empty()) {
@@ -652,20 +684,21 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         }
         if (CountElementsWithId(doc, id) != 1) {
             BASALT_THROW(XmlSecurityException,
-                         "The id '" + id + "' appears on more than one element of the document");
+                         "The id '" + std::string(id) +
+                             "' appears on more than one element of the document");
         }
         return attr;
     }
 
     // Finds the one element of the tree that the reference names (by wsu:Id, Id or ID) and
     // registers its id for xmlsec.
-    std::unique_ptr<IdRegistration> BindSignedElement(const std::string& uri, xmlNode* root) const {
+    std::optional<IdRegistration> BindSignedElement(const std::string& uri, xmlNode* root) const {
         if (uri.empty()) {
             if (root->parent != reinterpret_cast<xmlNode*>(root->doc)) {
                 BASALT_THROW(XmlSecurityException,
                              "An empty reference URI needs the signature in a document");
             }
-            return nullptr;
+            return std::nullopt;
         }
         std::string id = uri.substr(1);
         size_t count = 0;
@@ -675,7 +708,8 @@ class SignatureImpl final : public ObjectImpl, public Signature {
                          count == 0 ? "No element has the id '" + id + "'"
                                     : "More than one element has the id '" + id + "'");
         }
-        return std::make_unique<IdRegistration>(root->doc, IdAttributeOf(found, id), id);
+        return std::optional<IdRegistration>(std::in_place, root->doc, IdAttributeOf(found, id),
+                                             id.c_str());
     }
 
     // True if xmlsec verifies the signature and every reference with the key (shared, a ready
@@ -710,9 +744,12 @@ class SignatureImpl final : public ObjectImpl, public Signature {
         return true;
     }
 
-    std::vector<Ref<ElementNode>> m_signed;
+    // One, but for a few request signatures.
+    boost::container::small_vector<Ref<ElementNode>, 2> m_signed;
     Ref<ElementNode> m_element;
-    ParsedSignature m_parsed;
+    const Algorithm* m_c14n;
+    const Algorithm* m_method;
+    std::vector<SignatureReference> m_references;
     bool m_blank;
 };
 
@@ -744,29 +781,35 @@ void CreateBlankSignature(ElementNode* parent, std::string_view canonicalization
     signature = new SignatureImpl(WrapElement(node), *c14n, *method);
 }
 
+namespace {
+
+void CreateSignatureFromDom(ElementNode* const* signedElements, size_t count,
+                            ElementNode* signatureElement, Ref<Signature>& signature) {
+    InitXmlSecurity();
+    if (count == 0 || !signatureElement ||
+        std::find(signedElements, signedElements + count, nullptr) != signedElements + count) {
+        BASALT_THROW(InvalidArgumentException, "No signed element or no signature element");
+    }
+    xmlNode* signatureNode = NativeElementOf(signatureElement);
+    for (size_t i = 0; i < count; ++i) {
+        if (signatureNode->doc != NativeElementOf(signedElements[i])->doc) {
+            SyntaxError("The signature is not in the signed element's document");
+        }
+    }
+    signature = new SignatureImpl(signedElements, count, Ref<ElementNode>(signatureElement));
+}
+
+}  // namespace
+
 void CreateSignatureFromDom(ElementNode* signedElement, ElementNode* signatureElement,
                             Ref<Signature>& signature) {
-    CreateSignatureFromDom(std::vector<ElementNode*>{signedElement}, signatureElement, signature);
+    CreateSignatureFromDom(&signedElement, 1, signatureElement, signature);
 }
 
 void CreateSignatureFromDom(const std::vector<ElementNode*>& signedElements,
                             ElementNode* signatureElement, Ref<Signature>& signature) {
-    InitXmlSecurity();
-    if (signedElements.empty() || !signatureElement ||
-        std::find(signedElements.begin(), signedElements.end(), nullptr) != signedElements.end()) {
-        BASALT_THROW(InvalidArgumentException, "No signed element or no signature element");
-    }
-    xmlNode* signatureNode = NativeElementOf(signatureElement);
-    std::vector<Ref<ElementNode>> held;
-    for (ElementNode* element : signedElements) {
-        if (signatureNode->doc != NativeElementOf(element)->doc) {
-            SyntaxError("The signature is not in the signed element's document");
-        }
-        held.emplace_back(element);
-    }
-    ParsedSignature parsed = ParseSignature(signatureNode);
-    signature =
-        new SignatureImpl(std::move(held), Ref<ElementNode>(signatureElement), std::move(parsed));
+    CreateSignatureFromDom(signedElements.data(), signedElements.size(), signatureElement,
+                           signature);
 }
 
 }  // namespace Security

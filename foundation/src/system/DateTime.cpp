@@ -48,7 +48,7 @@ int DaysInMonth(int year, int month) {
 // Reads the XML Schema lexical form one field at a time; any deviation is a format error.
 class DateTimeScanner {
   public:
-    explicit DateTimeScanner(const std::string& text) : m_text(text) {}
+    explicit DateTimeScanner(std::string_view text) : m_text(text) {}
 
     int Digits(size_t count) {
         int value = 0;
@@ -80,11 +80,11 @@ class DateTimeScanner {
     }
     bool AtEnd() const { return m_pos == m_text.size(); }
     [[noreturn]] void Fail() const {
-        throw DateTimeFormatException("Invalid date-time value: '" + m_text + "'");
+        throw DateTimeFormatException("Invalid date-time value: '" + std::string(m_text) + "'");
     }
 
   private:
-    const std::string& m_text;
+    std::string_view m_text;
     size_t m_pos = 0;
 };
 
@@ -102,7 +102,7 @@ std::string FormatFields(const DateTimeFields& f, bool withMicros) {
 
 }  // namespace
 
-DateTime::DateTime(const std::string& text) {
+DateTime::DateTime(std::string_view text) {
     DateTimeScanner in(text);
     DateTimeFields f;
     f.year = in.Digits(4);

@@ -1111,19 +1111,33 @@ std::string AttributeView::GetValue() const {
     return AttrValue(static_cast<xmlAttr*>(m_attr));
 }
 
-void CreateElementNode(const std::string& prefix, const std::string& localName,
-                       Ref<ElementNode>& element) {
+std::string_view AttributeView::GetValue(std::string& storage) const {
+    return AttrValueView(static_cast<xmlAttr*>(m_attr), storage);
+}
+
+namespace {
+
+// A new element of doc, not linked anywhere yet.
+xmlNode* NewElementOf(xmlDoc* doc, const std::string& prefix, const std::string& localName) {
     if (localName.empty() || localName.find(':') != std::string::npos ||
         prefix.find(':') != std::string::npos) {
         BASALT_THROW(
             InvalidArgumentException,
             "Invalid element name '" + QualifiedName(prefix, AsXmlChars(localName.c_str())) + "'");
     }
-    Ref<DocOwner> owner = CreateDocOwner();
-    xmlNode* node = xmlNewDocNode(owner->GetDoc(), nullptr, AsXmlChars(localName.c_str()), nullptr);
+    xmlNode* node = xmlNewDocNode(doc, nullptr, AsXmlChars(localName.c_str()), nullptr);
     if (!node) {
         throw std::bad_alloc();
     }
+    return node;
+}
+
+}  // namespace
+
+void CreateElementNode(const std::string& prefix, const std::string& localName,
+                       Ref<ElementNode>& element) {
+    Ref<DocOwner> owner = CreateDocOwner();
+    xmlNode* node = NewElementOf(owner->GetDoc(), prefix, localName);
     // A new element is its document's root until it is attached elsewhere: libxml2's
     // canonicalisation (and so signing) only sees nodes under the document.
     xmlDocSetRootElement(owner->GetDoc(), node);
@@ -1138,6 +1152,27 @@ void CreateTextNode(Ref<TextNode>& text) {
         throw std::bad_alloc();
     }
     xmlNode* node = owner->AddDetached(std::move(created));
+    text = Ref<TextNode>(dynamic_cast<TextNode*>(WrapNode(node).Get()));
+}
+
+void CreateChildElement(ElementNode* parent, const std::string& prefix,
+                        const std::string& localName, Ref<ElementNode>& element) {
+    xmlNode* parentNode = NativeElementOf(parent);
+    xmlNode* node = NewElementOf(parentNode->doc, prefix, localName);
+    LinkLastChild(parentNode, node);
+    // As AppendChild leaves a moved element: the prefix resolved now if it can be, else pending.
+    DocOwner::Of(node->doc)->AddPending(node, prefix);
+    ResolvePendingNamespaces(node, false);
+    element = WrapElement(node);
+}
+
+void CreateChildText(ElementNode* parent, Ref<TextNode>& text) {
+    xmlNode* parentNode = NativeElementOf(parent);
+    xmlNode* node = xmlNewDocText(parentNode->doc, AsXmlChars(""));
+    if (!node) {
+        throw std::bad_alloc();
+    }
+    LinkLastChild(parentNode, node);
     text = Ref<TextNode>(dynamic_cast<TextNode*>(WrapNode(node).Get()));
 }
 

@@ -31,6 +31,11 @@ class XMLBaseBuilder {
     virtual ~XMLBaseBuilder();
     // Creates the element with its subtree into out, replacing what out held.
     virtual void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const = 0;
+    // The same, made as the last child of parent (out receives it). By default built apart and
+    // appended; the element builders make it in parent's document directly, so that a tree
+    // built from its root is never moved between documents.
+    virtual void BuildChild(Basalt::Xml::ElementNode& parent,
+                            Basalt::Ref<Basalt::Xml::ElementNode>& out) const;
 };
 
 using XMLBuilderPtr = std::shared_ptr<XMLBaseBuilder>;
@@ -40,6 +45,8 @@ class ElementBuilderImpl : public XMLBaseBuilder {
   public:
     ElementBuilderImpl(std::string prefix, std::string name, AttributeMap attributes = {});
     void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
+    void BuildChild(Basalt::Xml::ElementNode& parent,
+                    Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
 
   private:
     std::string m_prefix;
@@ -56,8 +63,12 @@ class TextElementBuilderImpl : public XMLBaseBuilder {
     // The text may be a password: it is wiped when the builder goes.
     ~TextElementBuilderImpl() override;
     void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
+    void BuildChild(Basalt::Xml::ElementNode& parent,
+                    Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
 
   private:
+    void AddText(Basalt::Xml::TextNode& text) const;
+
     std::string m_prefix;
     std::string m_name;
     AttributeMap m_attributes;
@@ -82,8 +93,12 @@ class XMLCompositeBuilder : public XMLBaseBuilder {
     // Appends child; a null child is ignored, so optional parts can be passed straight in.
     XMLCompositeBuilder& Add(const XMLBuilderPtr& child);
     void Build(Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
+    void BuildChild(Basalt::Xml::ElementNode& parent,
+                    Basalt::Ref<Basalt::Xml::ElementNode>& out) const override;
 
   private:
+    void BuildChildren(Basalt::Xml::ElementNode& element) const;
+
     XMLBuilderPtr m_root;
     std::vector<XMLBuilderPtr> m_children;
 };
