@@ -132,6 +132,11 @@ TEST(ClientRequest, RefusesHeaderInjectionAndBadPaths) {
         EXPECT_TRUE(Throws<InvalidArgumentException>([&] { MakeRequest(path); },
                                                      "Invalid HTTP request path '" + path + "'"));
     }
+    for (const int method : {0, 8}) {  // either side of the enumeration
+        EXPECT_TRUE(Throws<InvalidArgumentException>(
+            [&] { MakeRequest("/a", "", static_cast<Http::HttpMethod>(method)); },
+            "Invalid HTTP method"));
+    }
 }
 
 TEST(HttpExchange, CarriesHeadersAndALargeBodyBothWaysWithEveryMethod) {
