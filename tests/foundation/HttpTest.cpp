@@ -132,6 +132,14 @@ TEST(ClientRequest, RefusesHeaderInjectionAndBadPaths) {
         EXPECT_TRUE(Throws<InvalidArgumentException>([&] { MakeRequest(path); },
                                                      "Invalid HTTP request path '" + path + "'"));
     }
+    // Zero means "no limit"; below zero is a mistake.
+    request->SetTimeout(0);
+    request->SetConnectTimeout(0);
+    EXPECT_TRUE(Throws<InvalidArgumentException>([&] { request->SetTimeout(-1); },
+                                                 "ClientRequest::SetTimeout: negative timeout"));
+    EXPECT_TRUE(
+        Throws<InvalidArgumentException>([&] { request->SetConnectTimeout(-1); },
+                                         "ClientRequest::SetConnectTimeout: negative timeout"));
     for (const int method : {0, 8}) {  // either side of the enumeration
         EXPECT_TRUE(Throws<InvalidArgumentException>(
             [&] { MakeRequest("/a", "", static_cast<Http::HttpMethod>(method)); },
