@@ -246,6 +246,24 @@ void LinkLastChild(xmlNode* parent, xmlNode* child) {
 
 namespace {
 
+NodeType TypeOf(const xmlNode* node) {
+    switch (node->type) {
+        case XML_ELEMENT_NODE:
+            return NodeType::Element;
+        case XML_TEXT_NODE:
+        case XML_CDATA_SECTION_NODE:
+            return NodeType::Text;
+        case XML_COMMENT_NODE:
+            return NodeType::Comment;
+        case XML_PI_NODE:
+            return NodeType::ProcessingInstruction;
+        case XML_DOCUMENT_NODE:
+            return NodeType::Document;
+        default:
+            return NodeType::Other;
+    }
+}
+
 // The declaration in scope of element for prefix (empty: the default namespace), or null.
 xmlNs* FindNamespace(xmlNode* element, const std::string& prefix) {
     return xmlSearchNs(element->doc, element,
@@ -566,23 +584,7 @@ class NodeBase : public ObjectImpl, public Interface, public NodeCore {
 
     Node* AsNode() override { return this; }
 
-    NodeType GetNodeType() const override {
-        switch (m_node->type) {
-            case XML_ELEMENT_NODE:
-                return NodeType::Element;
-            case XML_TEXT_NODE:
-            case XML_CDATA_SECTION_NODE:
-                return NodeType::Text;
-            case XML_COMMENT_NODE:
-                return NodeType::Comment;
-            case XML_PI_NODE:
-                return NodeType::ProcessingInstruction;
-            case XML_DOCUMENT_NODE:
-                return NodeType::Document;
-            default:
-                return NodeType::Other;
-        }
-    }
+    NodeType GetNodeType() const override { return TypeOf(m_node); }
 
     void GetChildren(std::vector<Ref<Node>>& children) const override {
         children.clear();
@@ -1018,21 +1020,7 @@ std::string_view PrefixView(const xmlNode* node) {
 NodeView::NodeView(const Node* node) : m_node(node ? NativeOf(node) : nullptr) {}
 
 NodeType NodeView::GetNodeType() const {
-    switch (NativeOfView(m_node)->type) {
-        case XML_ELEMENT_NODE:
-            return NodeType::Element;
-        case XML_TEXT_NODE:
-        case XML_CDATA_SECTION_NODE:
-            return NodeType::Text;
-        case XML_COMMENT_NODE:
-            return NodeType::Comment;
-        case XML_PI_NODE:
-            return NodeType::ProcessingInstruction;
-        case XML_DOCUMENT_NODE:
-            return NodeType::Document;
-        default:
-            return NodeType::Other;
-    }
+    return TypeOf(NativeOfView(m_node));
 }
 
 NodeView NodeView::GetFirstChild() const {
