@@ -12,15 +12,7 @@
 namespace SsoClient {
 
 bool SkipWsAndCommentsFilter::Accept(const Basalt::Ref<Basalt::Xml::Node>& node) const {
-    switch (node->GetNodeType()) {
-        case Basalt::Xml::NodeType::Text:
-            // The text of a text node, read without a down-cast (hot on every walk).
-            return node->GetTextContent().find_first_not_of("\t\n\r ") != std::string::npos;
-        case Basalt::Xml::NodeType::Comment:
-            return false;
-        default:
-            return true;
-    }
+    return Accept(Basalt::Xml::NodeView(node.Get()));
 }
 
 bool SkipWsAndCommentsFilter::Accept(const Basalt::Xml::NodeView& node) const {
