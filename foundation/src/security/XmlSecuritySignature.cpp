@@ -424,12 +424,15 @@ const AllowedTransformIds& AllowedIds() {
 
 // A context that takes its key from the caller only, processes only same-document references
 // and accepts only the allowed algorithms (xmlsec's empty lists would allow everything).
+// References reach it checked to be "" or a bare "#id", so xmlsec may look the id up directly
+// (the same node set as its XPointer "id()" evaluation, without compiling and running an XPath
+// expression per reference).
 UniquePtr<xmlSecDSigCtx> CreateContext() {
     UniquePtr<xmlSecDSigCtx> ctx(xmlSecDSigCtxCreate(nullptr));
     if (!ctx) {
         throw std::bad_alloc();
     }
-    ctx->flags |= XMLSEC_DSIG_FLAGS_IGNORE_MANIFESTS;
+    ctx->flags |= XMLSEC_DSIG_FLAGS_IGNORE_MANIFESTS | XMLSEC_DSIG_FLAGS_USE_VISA3D_HACK;
     ctx->enabledReferenceUris = static_cast<xmlSecTransformUriType>(
         xmlSecTransformUriTypeEmpty | xmlSecTransformUriTypeSameDocument);
     const AllowedTransformIds& ids = AllowedIds();
