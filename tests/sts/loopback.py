@@ -51,10 +51,17 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         self.server.counters.add("requests")
         length = int(self.headers.get("Content-Length") or 0)
         request = Request(self, self.rfile.read(length))
-        fault = FAULTS.get(request.path)
-        if fault:
+        if request.path in FAULTS:
             self.close_connection = True
-            return fault(self)
+            reply, reset = FAULTS[request.path]
+            if reply is None:
+                threading.Event().wait()
+            self.wfile.write(reply)
+            if reset:  # RST (SO_LINGER 0) instead of FIN
+                self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                           struct.pack("ii", 1, 0))
+                self.connection.close()
+            return
         route = self.server.routes.get(request.path) or self.server.routes.get(None)
         response = route(request) if route else Response(404, body="no route\n")
         self.send_response_only(response.status, response.reason)
@@ -67,29 +74,39 @@ class _Handler(http.server.BaseHTTPRequestHandler):
     do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_OPTIONS = do_PATCH = _dispatch
 
 
-def _fault_reset(handler):
-    # A reply promising more than it sends, then RST (SO_LINGER 0) instead of FIN.
-    handler.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\npartial")
-    handler.wfile.flush()
-    handler.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    handler.connection.close()
-
-
-FAULTS = {"/_fault/reset": _fault_reset, "/_fault/hang": lambda h: threading.Event().wait()}
+# path -> (the reply, or None for none at all; whether to reset the connection after it).
+CUT_SHORT = b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\npartial"
+FAULTS = {"/_fault/reset": (CUT_SHORT, True), "/_fault/truncated": (CUT_SHORT, False),
+          "/_fault/garbage": (b"\x16\x03\x01 not HTTP at all\r\n\r\n", False),
+          "/_fault/hang": (None, False)}
 
 
 class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
+    """silent: accepts connections and never reads or answers."""
     daemon_threads = True
-    request_queue_size = 128
+    request_queue_size = 512
 
-    def __init__(self, tls_context=None, routes=None):
+    def __init__(self, tls_context=None, routes=None, silent=False):
         super().__init__(("127.0.0.1", 0), _Handler)
-        self.tls_context, self.routes, self.counters = tls_context, routes or {}, Counters()
-        self.port = self.server_address[1]
+        self.tls_context, self.routes, self.silent = tls_context, routes or {}, silent
+        self.port, self.counters = self.server_address[1], Counters()
+        self.open, self.lock = set(), threading.Lock()  # the plain connections being served
+
+    def process_request(self, request, client_address):
+        with self.lock:
+            self.open.add(request)
+        super().process_request(request, client_address)
+
+    def shutdown_request(self, request):
+        with self.lock:
+            self.open.discard(request)
+        super().shutdown_request(request)
 
     def finish_request(self, request, client_address):
         # On the connection's own thread, so a slow or refused handshake blocks nobody.
         self.counters.add("connections")
+        if self.silent:
+            threading.Event().wait()
         # Headers and body go out in separate writes: without this, Nagle's algorithm and a
         # delayed ACK add 40 ms to every reply on a kept-alive connection.
         request.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -103,19 +120,25 @@ class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
                 self.counters.add("resumed")
         super().finish_request(request, client_address)
 
+    def stop(self):
+        """Refuses connections (the port stays held) and closes the open ones."""
+        self.socket.shutdown(socket.SHUT_RDWR)  # wakes serve_forever at once
+        self.shutdown()
+        self.socket.close()
+        self.socket = socket.socket(self.address_family, self.socket_type)
+        self.server_bind()
+        with self.lock:
+            for connection in self.open:
+                try:
+                    connection.shutdown(socket.SHUT_RDWR)
+                except OSError:  # already closed, or handed over to TLS
+                    pass
+        return "OK"
 
-class SilentServer:
-    """Accepts connections and never reads or answers."""
-
-    def __init__(self):
-        self.socket = socket.create_server(("127.0.0.1", 0))
-        self.counters, self._held = Counters(), []
-        self.port = self.socket.getsockname()[1]
-
-    def serve_forever(self):
-        while True:
-            self._held.append(self.socket.accept()[0])
-            self.counters.add("connections")
+    def start(self):
+        self.server_activate()
+        threading.Thread(target=self.serve_forever, daemon=True).start()
+        return "OK"
 
 
 def make_tls_context(cert, key, client_ca=None, max_version=None):
@@ -139,9 +162,10 @@ def run(server, commands=None):
     """Serves in the background, prints "READY <port>", then answers one command per stdin line
     ("stats" as "name value ..." pairs); end of input ends the process at once (hung handlers
     included)."""
-    threading.Thread(target=server.serve_forever, daemon=True).start()
+    server.start()
     print("READY %d" % server.port, flush=True)
-    commands = dict(commands or {}, reset=server.counters.reset,
+    commands = dict(commands or {}, reset=server.counters.reset, stop=server.stop,
+                    start=server.start,
                     stats=lambda: " ".join("%s %d" % item for item in server.counters.items()))
     for line in sys.stdin:
         words = line.split()

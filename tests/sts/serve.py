@@ -17,9 +17,12 @@ def echo(request):
 
 
 def status(request):
-    code = int(request.query.get("code", "200"))
-    return Response(code, request.query.get("reason", ""), [("Content-Type", "text/xml")],
-                    request.query.get("body", "status %d\n" % code))
+    code, query = int(request.query.get("code", "200")), request.query
+    body = query.get("body", "status %d\n" % code)
+    if "file" in query:  # for bodies too long for a URL
+        with open(query["file"], "rb") as file:
+            body = file.read()
+    return Response(code, query.get("reason", ""), [("Content-Type", "text/xml")], body)
 
 
 FLAKY = {}  # query -> requests seen
@@ -36,7 +39,7 @@ def flaky(request):
 
 ROUTES = {
     "/echo": echo,
-    "/status": status,  # ?code=&reason=&body=
+    "/status": status,  # ?code=&reason=&body=|file=
     "/flaky": flaky,  # ?fail=&code=&body=
     # The Cookie header received; sets seen=yes.
     "/cookies": lambda r: Response(headers=[("Set-Cookie", "seen=yes; Path=/")],
@@ -58,5 +61,4 @@ if __name__ == "__main__":
         context = loopback.make_tls_context(
             fixture + ".pem", fixture + ".key",
             args.client_ca and os.path.join(TLS_DIR, args.client_ca + ".pem"), args.max_tls)
-    loopback.run(loopback.SilentServer() if args.silent
-                 else loopback.LoopbackServer(context, ROUTES))
+    loopback.run(loopback.LoopbackServer(context, ROUTES, args.silent))
