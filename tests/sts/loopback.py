@@ -24,21 +24,20 @@ class Response:
         self.body = body if isinstance(body, bytes) else body.encode()
 
 
-class Counters(dict):
-    """connections, handshakes, resumed (TLS sessions) and requests."""
+# path -> (the reply, or None for none at all; whether to reset the connection after it).
+CUT_SHORT = b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\npartial"
+FAULTS = {"/_fault/reset": (CUT_SHORT, True), "/_fault/truncated": (CUT_SHORT, False),
+          "/_fault/garbage": (b"\x16\x03\x01 not HTTP at all\r\n\r\n", False),
+          "/_fault/hang": (None, False)}
 
-    def __init__(self):
-        super().__init__()
-        self._lock = threading.Lock()
-        self.reset()
 
-    def reset(self):
-        self.update(dict.fromkeys(("connections", "handshakes", "resumed", "requests"), 0))
-        return "OK"
-
-    def add(self, name):
-        with self._lock:
-            self[name] += 1
+def _pump(source, target):
+    try:
+        while data := source.recv(65536):
+            target.sendall(data)
+        target.shutdown(socket.SHUT_WR)
+    except OSError:
+        pass
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):
@@ -47,23 +46,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
     def log_message(self, *args):
         pass
 
-    def _dispatch(self):
-        self.server.counters.add("requests")
-        length = int(self.headers.get("Content-Length") or 0)
-        request = Request(self, self.rfile.read(length))
-        if request.path in FAULTS:
-            self.close_connection = True
-            reply, reset = FAULTS[request.path]
-            if reply is None:
-                threading.Event().wait()
-            self.wfile.write(reply)
-            if reset:  # RST (SO_LINGER 0) instead of FIN
-                self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
-                                           struct.pack("ii", 1, 0))
-                self.connection.close()
-            return
-        route = self.server.routes.get(request.path) or self.server.routes.get(None)
-        response = route(request) if route else Response(404, body="no route\n")
+    def _send(self, response):
         self.send_response_only(response.status, response.reason)
         for name, value in response.headers + [("Content-Length", str(len(response.body)))]:
             self.send_header(name, value)
@@ -71,26 +54,58 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         if self.command != "HEAD":
             self.wfile.write(response.body)
 
+    def _dispatch(self):
+        self.server.count("requests")
+        length = int(self.headers.get("Content-Length") or 0)
+        request = Request(self, self.rfile.read(length))
+        if request.path not in FAULTS:
+            route = self.server.routes.get(request.path) or self.server.routes.get(None)
+            return self._send(route(request) if route else Response(404, body="no route\n"))
+        self.close_connection = True
+        reply, reset = FAULTS[request.path]
+        if reply is None:
+            threading.Event().wait()
+        self.wfile.write(reply)
+        if reset:  # RST (SO_LINGER 0) instead of FIN
+            self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            self.connection.close()
+
     do_GET = do_POST = do_PUT = do_DELETE = do_HEAD = do_OPTIONS = do_PATCH = _dispatch
 
-
-# path -> (the reply, or None for none at all; whether to reset the connection after it).
-CUT_SHORT = b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\npartial"
-FAULTS = {"/_fault/reset": (CUT_SHORT, True), "/_fault/truncated": (CUT_SHORT, False),
-          "/_fault/garbage": (b"\x16\x03\x01 not HTTP at all\r\n\r\n", False),
-          "/_fault/hang": (None, False)}
+    def do_CONNECT(self):
+        # A tunnel (counted as a request) for a client presenting the proxy credentials.
+        self.close_connection = True
+        auth = self.server.proxy_auth
+        if not auth or self.headers.get("Proxy-Authorization") != auth:
+            return self._send(Response(407, headers=[("Proxy-Authenticate", 'Basic realm="test"')]))
+        host, _, port = self.path.rpartition(":")
+        upstream = socket.create_connection((host, int(port)))
+        self.server.count("requests")
+        self._send(Response(200, "Connection established"))
+        threading.Thread(target=_pump, args=(upstream, self.connection), daemon=True).start()
+        _pump(self.connection, upstream)
 
 
 class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
-    """silent: accepts connections and never reads or answers."""
+    """silent: accepts connections and never reads or answers. proxy_auth: the Proxy-Authorization
+    a CONNECT must carry."""
     daemon_threads = True
     request_queue_size = 512
 
-    def __init__(self, tls_context=None, routes=None, silent=False):
+    def __init__(self, tls_context=None, routes=None, silent=False, proxy_auth=None):
         super().__init__(("127.0.0.1", 0), _Handler)
         self.tls_context, self.routes, self.silent = tls_context, routes or {}, silent
-        self.port, self.counters = self.server_address[1], Counters()
-        self.open, self.lock = set(), threading.Lock()  # the plain connections being served
+        self.port, self.proxy_auth, self.lock = self.server_address[1], proxy_auth, threading.Lock()
+        self.open = set()  # the plain connections being served
+        self.reset()
+
+    def reset(self):
+        self.counters = dict.fromkeys(("connections", "handshakes", "resumed", "requests"), 0)
+        return "OK"
+
+    def count(self, name):
+        with self.lock:
+            self.counters[name] += 1
 
     def process_request(self, request, client_address):
         with self.lock:
@@ -104,7 +119,7 @@ class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
 
     def finish_request(self, request, client_address):
         # On the connection's own thread, so a slow or refused handshake blocks nobody.
-        self.counters.add("connections")
+        self.count("connections")
         if self.silent:
             threading.Event().wait()
         # Headers and body go out in separate writes: without this, Nagle's algorithm and a
@@ -115,9 +130,9 @@ class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
                 request = self.tls_context.wrap_socket(request, server_side=True)
             except (ssl.SSLError, OSError):
                 return
-            self.counters.add("handshakes")
+            self.count("handshakes")
             if request.session_reused:
-                self.counters.add("resumed")
+                self.count("resumed")
         super().finish_request(request, client_address)
 
     def stop(self):
@@ -164,8 +179,7 @@ def run(server, commands=None):
     included)."""
     server.start()
     print("READY %d" % server.port, flush=True)
-    commands = dict(commands or {}, reset=server.counters.reset, stop=server.stop,
-                    start=server.start,
+    commands = dict(commands or {}, reset=server.reset, stop=server.stop, start=server.start,
                     stats=lambda: " ".join("%s %d" % item for item in server.counters.items()))
     for line in sys.stdin:
         words = line.split()
