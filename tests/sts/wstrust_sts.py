@@ -89,15 +89,10 @@ def read(name):
 
 
 def load_accounts():
-    data = json.loads(read("accounts.json"))
-    accounts = {}
-    for entry in data["accounts"]:
-        upn = "%s@%s" % (entry["user"], data["domain"])
-        accounts[upn.lower()] = dict(  # a token record's identity fields, and the credentials
-            subject=upn, given=entry.get("givenName"), surname=entry.get("surname"),
-            groups=entry.get("groups", []), solution=entry.get("isSolution", False), delegates=[],
-            password=entry["password"], cert=entry.get("certificate") and ssl.PEM_cert_to_DER_cert(
-                read(entry["certificate"]).decode()))
+    accounts = {}  # a token record's identity fields, and the credentials
+    for entry in json.loads(read("accounts.json")):
+        cert = entry["cert"] and ssl.PEM_cert_to_DER_cert(read(entry["cert"]).decode())
+        accounts[entry["subject"].lower()] = dict(entry, cert=cert, delegates=[])
     return accounts
 
 
@@ -302,7 +297,8 @@ def respond(fill, status=200, headers=()):
                              etree.tostring(envelope, xml_declaration=True, encoding="utf-8"))
 
 
-def reply(token=None, collection=True, context=None, leg=None, headers=()):
+def reply(token=None, collection=True, context=None, leg=None, headers=(), status=None):
+    """status: (code, reason) of a validation."""
     def fill(body):
         if collection:
             body = el(body, "wst:RequestSecurityTokenResponseCollection", nsmap=["wst"])
@@ -312,6 +308,11 @@ def reply(token=None, collection=True, context=None, leg=None, headers=()):
         if token:
             el(response, "wst:TokenType", SAML + "assertion")
             el(response, "wst:RequestedSecurityToken").append(build(token))
+        if status:
+            el(response, "wst:TokenType", WST + "/RSTR/Status")
+            status_element = el(response, "wst:Status")
+            el(status_element, "wst:Code", WST + "/status/" + status[0])
+            el(status_element, "wst:Reason", status[1])
         if leg:
             el(response, "wst:BinaryExchange", base64.b64encode(leg).decode())
     return respond(fill, headers=headers)
@@ -416,17 +417,9 @@ def renew(envelope, request, _cookies):
 def validate(_envelope, request, _cookies):
     try:
         known_token(find(request, "wst:ValidateTarget/saml2:Assertion"))
-        status, reason = "valid", "The token is valid"
+        return reply(collection=False, status=("valid", "The token is valid"))
     except Fault as fault:
-        status, reason = "invalid", fault.args[1]
-
-    def fill(body):
-        response = el(body, "wst:RequestSecurityTokenResponse", nsmap=["wst"])
-        el(response, "wst:TokenType", WST + "/RSTR/Status")
-        status_element = el(response, "wst:Status")
-        el(status_element, "wst:Code", WST + "/status/" + status)
-        el(status_element, "wst:Reason", reason)
-    return respond(fill)
+        return reply(collection=False, status=("invalid", fault.args[1]))
 
 
 OPERATIONS = {"/RST/Issue": issue, "/RST/Renew": renew, "/RST/Validate": validate,
