@@ -1,5 +1,6 @@
 """HTTP/TLS plumbing of the loopback test servers (see README.md, "Loopback HTTP test server")."""
 
+import contextlib
 import http.server
 import os
 import socket
@@ -32,12 +33,10 @@ FAULTS = {"/_fault/reset": (CUT_SHORT, True), "/_fault/truncated": (CUT_SHORT, F
 
 
 def _pump(source, target):
-    try:
+    with contextlib.suppress(OSError):
         while data := source.recv(65536):
             target.sendall(data)
         target.shutdown(socket.SHUT_WR)
-    except OSError:
-        pass
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):
@@ -144,10 +143,8 @@ class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
         self.server_bind()
         with self.lock:
             for connection in self.open:
-                try:
+                with contextlib.suppress(OSError):  # already closed, or handed over to TLS
                     connection.shutdown(socket.SHUT_RDWR)
-                except OSError:  # already closed, or handed over to TLS
-                    pass
         return "OK"
 
     def start(self):
