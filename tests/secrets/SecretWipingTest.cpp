@@ -78,7 +78,7 @@ TEST(SecretWipingTest, NoFreedBlockHoldsThePassword) {
     static const TestSupport::StsTrust trust;
     static const std::string password = kPassword;  // the caller's own copy, not scanned
     TestSts::WsTrustSts sts;
-    TestSts::TestServer proxy({"proxyuser:" + password}, "connect_proxy.py");
+    TestSts::TestServer proxy({"--proxy", "proxyuser:" + password});
     TokenSpec spec;
     spec.tokenLifetimeSec = 600;
     for (const Case& c : {Case{"unsigned", false, false, false}, Case{"signed", true, false, false},

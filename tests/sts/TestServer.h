@@ -5,9 +5,7 @@
 // pipes and exits when its standard input closes.
 
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,7 +19,8 @@ extern char** environ;
 
 namespace TestSts {
 
-// The plain HTTP/TLS server (serve.py), args e.g. {"--tls", "server"}.
+// The plain HTTP/TLS server (serve.py), args e.g. {"--tls", "server"}. Servers on loopback.py
+// answer "stop" (refuse connections, holding the port, and close the open ones) and "start".
 class TestServer {
   public:
     explicit TestServer(std::vector<std::string> args = {}, const std::string& script = "serve.py")
@@ -63,8 +62,6 @@ class TestServer {
     TestServer(const TestServer&) = delete;
 
     int Port() const { return m_port; }
-    // What the READY line holds after the port, if anything.
-    const std::string& Detail() const { return m_detail; }
     std::string Url(const std::string& path) const {
         return m_base + ":" + std::to_string(m_port) + path;
     }
@@ -85,6 +82,9 @@ class TestServer {
         }
         return stats;
     }
+
+  protected:
+    std::string m_detail;  // what the READY line holds after the port, if anything
 
   private:
     std::string ReadLine() {
@@ -108,7 +108,6 @@ class TestServer {
     int m_in = -1;
     int m_out = -1;
     int m_port = 0;
-    std::string m_detail;
 };
 
 // The WS-Trust STS (wstrust_sts.py); it also answers "revoke <assertion ID>".
@@ -121,33 +120,10 @@ struct WsTrustSts : TestServer {
 };
 
 // A throw-away MIT KDC for the realm SSOCLIENT.TEST (kdc.py); Dir() holds its krb5.conf, the
-// keytabs and caches. It answers "stop" and "start" (the KDC itself).
+// keytabs and caches. "stop" and "start" stop and start the KDC itself.
 struct Kdc : TestServer {
     Kdc() : TestServer({}, "kdc.py") {}
-    std::string Dir() const { return Detail(); }
-};
-
-// A loopback port that refuses connections: bound but never listening, and held so that no other
-// process takes it while the test runs.
-class RefusedPort {
-  public:
-    RefusedPort() : m_socket(socket(AF_INET, SOCK_STREAM, 0)) {
-        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t size = sizeof address;
-        auto* generic = reinterpret_cast<sockaddr*>(&address);
-        if (bind(m_socket, generic, size) != 0 || getsockname(m_socket, generic, &size) != 0) {
-            throw std::runtime_error("cannot reserve a port");
-        }
-        m_port = ntohs(address.sin_port);
-    }
-    ~RefusedPort() { close(m_socket); }
-    RefusedPort(const RefusedPort&) = delete;
-    RefusedPort& operator=(const RefusedPort&) = delete;
-    int Port() const { return m_port; }
-
-  private:
-    const int m_socket;
-    int m_port = 0;
+    std::string Dir() const { return m_detail; }
 };
 
 }  // namespace TestSts

@@ -1,13 +1,7 @@
 #!/usr/bin/python3
-"""A throw-away MIT KDC on a loopback port for the Kerberos tests and the demo: kdc.py
-
-Creates the realm SSOCLIENT.TEST in a temporary directory, with the users alice and bob (random
-passwords, client keytabs) and the service HTTP/localhost (keytab for the test STS), runs krb5kdc
-on a free port, prints "READY <port> <dir>" and then answers "stop" / "start" (the KDC) on stdin.
-End of input stops the KDC and removes the directory. Files in <dir>: krb5.conf, <user>.keytab,
-http.keytab, alice.ccache (kinit with the password), expired.ccache (the same tickets, ended an
-hour ago).
-"""
+"""A throw-away MIT KDC on a loopback port for the Kerberos tests and the demo (see README.md,
+"Test KDC"). Files in <dir>: krb5.conf, <user>.keytab, http.keytab, alice.ccache (kinit with the
+password), expired.ccache (the same tickets, ended an hour ago)."""
 
 import os
 import secrets
@@ -25,8 +19,6 @@ SERVICE = "HTTP/localhost"
 
 KRB5_CONF = """[libdefaults]
     default_realm = {realm}
-    dns_lookup_kdc = false
-    dns_lookup_realm = false
     rdns = false
     dns_canonicalize_hostname = false
     udp_preference_limit = 1
@@ -45,11 +37,7 @@ KDC_CONF = """[kdcdefaults]
     {realm} = {{
         database_name = {dir}/principal
         key_stash_file = {dir}/stash
-        acl_file = {dir}/kadm5.acl
-        max_life = 10h
     }}
-[logging]
-    kdc = FILE:{dir}/kdc.log
 """
 
 
@@ -124,15 +112,19 @@ def start_kdc(port):
     sys.exit("krb5kdc did not start")
 
 
+def stop_kdc(kdc):
+    if kdc:
+        kdc.kill()
+        kdc.wait()
+
+
 def main():
     path, port = tempfile.mkdtemp(prefix="kdc-"), free_port()
     kdc = None
     try:
-        with open(path + "/krb5.conf", "w") as conf:
-            conf.write(KRB5_CONF.format(realm=REALM, port=port))
-        with open(path + "/kdc.conf", "w") as conf:
-            conf.write(KDC_CONF.format(realm=REALM, port=port, dir=path))
-        open(path + "/kadm5.acl", "w").close()
+        for name, text in (("krb5.conf", KRB5_CONF), ("kdc.conf", KDC_CONF)):
+            with open("%s/%s" % (path, name), "w") as conf:
+                conf.write(text.format(realm=REALM, port=port, dir=path))
         os.environ.update(KRB5_CONFIG=path + "/krb5.conf", KRB5_KDC_PROFILE=path + "/kdc.conf",
                           KRB5CCNAME="FILE:%s/kdc.ccache" % path)
         password = create_realm(path)
@@ -141,19 +133,15 @@ def main():
         expire(path + "/alice.ccache", path + "/expired.ccache")
         print("READY %d %s" % (port, path), flush=True)
         for line in sys.stdin:
-            if line.strip() == "stop" and kdc:
-                kdc.kill()
-                kdc.wait()
-                kdc = None
+            if line.strip() == "stop":
+                kdc = stop_kdc(kdc)
             elif line.strip() == "start" and not kdc:
                 kdc = start_kdc(port)
             print("OK", flush=True)
     except subprocess.CalledProcessError as error:
         print("%s failed: %s" % (error.cmd[0], error.stderr.decode().strip()), flush=True)
     finally:
-        if kdc:
-            kdc.kill()
-            kdc.wait()
+        stop_kdc(kdc)
         shutil.rmtree(path, ignore_errors=True)
 
 

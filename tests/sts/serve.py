@@ -1,7 +1,9 @@
 """The loopback HTTP test server: serve.py [--tls NAME] [--client-ca NAME] [--max-tls 1.1|1.2]
-[--silent], NAME a fixture under tests/data/tls. Routes are listed in ROUTES."""
+[--silent] [--proxy USER:PASSWORD], NAME a fixture under tests/data/tls. Routes are listed in
+ROUTES; with --proxy it also opens CONNECT tunnels for these Basic credentials (407 otherwise)."""
 
 import argparse
+import base64
 import os
 
 import loopback
@@ -17,9 +19,12 @@ def echo(request):
 
 
 def status(request):
-    code = int(request.query.get("code", "200"))
-    return Response(code, request.query.get("reason", ""), [("Content-Type", "text/xml")],
-                    request.query.get("body", "status %d\n" % code))
+    code, query = int(request.query.get("code", "200")), request.query
+    body = query.get("body", "status %d\n" % code)
+    if "file" in query:  # for bodies too long for a URL
+        with open(query["file"], "rb") as file:
+            body = file.read()
+    return Response(code, query.get("reason", ""), [("Content-Type", "text/xml")], body)
 
 
 FLAKY = {}  # query -> requests seen
@@ -36,7 +41,7 @@ def flaky(request):
 
 ROUTES = {
     "/echo": echo,
-    "/status": status,  # ?code=&reason=&body=
+    "/status": status,  # ?code=&reason=&body=|file=
     "/flaky": flaky,  # ?fail=&code=&body=
     # The Cookie header received; sets seen=yes.
     "/cookies": lambda r: Response(headers=[("Set-Cookie", "seen=yes; Path=/")],
@@ -48,7 +53,7 @@ ROUTES = {
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
-    for option in ("--tls", "--client-ca", "--max-tls"):
+    for option in ("--tls", "--client-ca", "--max-tls", "--proxy"):
         parser.add_argument(option)
     parser.add_argument("--silent", action="store_true")
     args = parser.parse_args()
@@ -58,5 +63,5 @@ if __name__ == "__main__":
         context = loopback.make_tls_context(
             fixture + ".pem", fixture + ".key",
             args.client_ca and os.path.join(TLS_DIR, args.client_ca + ".pem"), args.max_tls)
-    loopback.run(loopback.SilentServer() if args.silent
-                 else loopback.LoopbackServer(context, ROUTES))
+    auth = args.proxy and "Basic " + base64.b64encode(args.proxy.encode()).decode()
+    loopback.run(loopback.LoopbackServer(context, ROUTES, args.silent, auth))

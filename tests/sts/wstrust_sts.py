@@ -89,15 +89,10 @@ def read(name):
 
 
 def load_accounts():
-    data = json.loads(read("accounts.json"))
-    accounts = {}
-    for entry in data["accounts"]:
-        upn = "%s@%s" % (entry["user"], data["domain"])
-        accounts[upn.lower()] = dict(  # a token record's identity fields, and the credentials
-            subject=upn, given=entry.get("givenName"), surname=entry.get("surname"),
-            groups=entry.get("groups", []), solution=entry.get("isSolution", False), delegates=[],
-            password=entry["password"], cert=entry.get("certificate") and ssl.PEM_cert_to_DER_cert(
-                read(entry["certificate"]).decode()))
+    accounts = {}  # a token record's identity fields, and the credentials
+    for entry in json.loads(read("accounts.json")):
+        cert = entry["cert"] and ssl.PEM_cert_to_DER_cert(read(entry["cert"]).decode())
+        accounts[entry["subject"].lower()] = dict(entry, cert=cert, delegates=[])
     return accounts
 
 
@@ -195,8 +190,6 @@ def dsig(signature, operation, key, *ids):
 def known_token(assertion):
     """The record of an assertion this STS issued and still honours, its signature checked on a
     detached copy (so nothing around it takes part)."""
-    if assertion is None:
-        raise Fault("wst:InvalidRequest", "no SAML 2.0 assertion given")
     copy = etree.fromstring(etree.tostring(assertion))
     signature = find(copy, "ds:Signature")
     uri = None if signature is None else signature.find(".//ds:Reference", NS).get("URI")
@@ -304,7 +297,8 @@ def respond(fill, status=200, headers=()):
                              etree.tostring(envelope, xml_declaration=True, encoding="utf-8"))
 
 
-def reply(token=None, collection=True, context=None, leg=None, headers=()):
+def reply(token=None, collection=True, context=None, leg=None, headers=(), status=None):
+    """status: (code, reason) of a validation."""
     def fill(body):
         if collection:
             body = el(body, "wst:RequestSecurityTokenResponseCollection", nsmap=["wst"])
@@ -314,6 +308,11 @@ def reply(token=None, collection=True, context=None, leg=None, headers=()):
         if token:
             el(response, "wst:TokenType", SAML + "assertion")
             el(response, "wst:RequestedSecurityToken").append(build(token))
+        if status:
+            el(response, "wst:TokenType", WST + "/RSTR/Status")
+            status_element = el(response, "wst:Status")
+            el(status_element, "wst:Code", WST + "/status/" + status[0])
+            el(status_element, "wst:Reason", status[1])
         if leg:
             el(response, "wst:BinaryExchange", base64.b64encode(leg).decode())
     return respond(fill, headers=headers)
@@ -371,9 +370,6 @@ def gss_start(request, spec):
 def gss_continue(response, cookies):
     context = response.get("Context") or ""
     state = GSS.pop(context, None)
-    if state and "kerberos" in state:
-        leg = base64.b64decode(text(response, "wst:BinaryExchange"))
-        return kerberos(context, leg, state["spec"], state["kerberos"])
     if state is None or cookies.get("STSGSSSESSION") != state["cookie"]:
         raise Fault("wst:InvalidRequest", "GSS: unknown context or wrong session cookie")
     account = state["account"]
@@ -388,20 +384,19 @@ def gss_continue(response, cookies):
     return reply(token, context=context, leg=("WELCOME " + account["subject"]).encode())
 
 
-# Real SPNEGO (with --keytab): legs are accepted with the service keytab, and the token goes to
-# the account named like the initiator's principal (alice@REALM -> alice@example.test).
-def kerberos(context, leg, spec, acceptor=None):
+# Real SPNEGO (with --keytab): the first leg is accepted with the service keytab and must complete
+# the context (Kerberos does in one leg), and the token goes to the account named like the
+# initiator's principal (alice@REALM -> alice@example.test).
+def kerberos(context, leg, spec):
     import gssapi
-    if acceptor is None:
-        creds = gssapi.Credentials(usage="accept", store={b"keytab": KEYTAB.encode()})
-        acceptor = gssapi.SecurityContext(creds=creds, usage="accept")
+    creds = gssapi.Credentials(usage="accept", store={b"keytab": KEYTAB.encode()})
+    acceptor = gssapi.SecurityContext(creds=creds, usage="accept")
     try:
         out = acceptor.step(leg)
     except gssapi.exceptions.GSSError as error:
         raise Fault("wst:FailedAuthentication", "GSS: %s" % error)
     if not acceptor.complete:
-        GSS[context] = dict(kerberos=acceptor, spec=spec)
-        return reply(context=context, leg=out)
+        raise Fault("wst:FailedAuthentication", "GSS: the context needs more than one leg")
     account = account_named(str(acceptor.initiator_name).partition("@")[0])
     if not account:
         raise Fault("wst:FailedAuthentication", "GSS: no account for %s" % acceptor.initiator_name)
@@ -422,17 +417,9 @@ def renew(envelope, request, _cookies):
 def validate(_envelope, request, _cookies):
     try:
         known_token(find(request, "wst:ValidateTarget/saml2:Assertion"))
-        status, reason = "valid", "The token is valid"
+        return reply(collection=False, status=("valid", "The token is valid"))
     except Fault as fault:
-        status, reason = "invalid", fault.args[1]
-
-    def fill(body):
-        response = el(body, "wst:RequestSecurityTokenResponse", nsmap=["wst"])
-        el(response, "wst:TokenType", WST + "/RSTR/Status")
-        status_element = el(response, "wst:Status")
-        el(status_element, "wst:Code", WST + "/status/" + status)
-        el(status_element, "wst:Reason", reason)
-    return respond(fill)
+        return reply(collection=False, status=("invalid", fault.args[1]))
 
 
 OPERATIONS = {"/RST/Issue": issue, "/RST/Renew": renew, "/RST/Validate": validate,

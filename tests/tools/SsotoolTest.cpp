@@ -91,7 +91,8 @@ TEST_F(SsotoolTest, VerdictsAndExitCodes) {
         return std::vector<std::string>{"validate", file,         "--jwt", "--key",
                                         sts,        "--audience", audience};
     };
-    TestSts::RefusedPort refused;
+    TestSts::TestServer refused;
+    refused.Command("stop");
     const std::string nowhere = "https://localhost:" + std::to_string(refused.Port()) + "/sts";
     const struct {
         int status;

@@ -351,8 +351,8 @@ TEST(ServiceLimits, AServerThatNeverAnswersCostsAtMostTheLimit) {
 }
 
 TEST(ServiceLimits, RetriesWhatIsSafeAndLogsWhatTheExceptionDoesNotCarry) {
-    TestSts::TestServer server;
-    TestSts::RefusedPort refused;
+    TestSts::TestServer server, refused;
+    refused.Command("stop");
     const std::string fault =
         "%3Cs:Envelope%20xmlns:s=%27http://schemas.xmlsoap.org/soap/envelope/%27%3E%3Cs:Body%3E"
         "%3Cs:Fault%3E%3Cfaultcode%3Es:Server%3C/faultcode%3E%3Cfaultstring%3ESTS%20down%0Afor%20"
