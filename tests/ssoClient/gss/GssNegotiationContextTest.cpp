@@ -59,10 +59,10 @@ TEST(GssNegotiationContextTest, ContextIdFollowsTheHandledReplies) {
     const std::string down = "Server returned error: 503 Service Unavailable";
     AssertionSpec assertion;
     assertion.id = "_issued";
+    // The reply (none: the exchange fails), the context the leg is sent in (none: a fresh one),
+    // the server leg handed back, and whether a token comes with it.
     const struct {
-        std::string reply;    // empty: the exchange fails
-        std::string context;  // the context the leg is sent in; empty: a fresh one
-        std::string serverLeg;
+        std::string reply, context, serverLeg;
         bool token;
     } legs[] = {
         {NegotiationReply("ctx-1", "S1"), "", "S1", false},

@@ -80,10 +80,7 @@ struct TamperingHandler : NegotiationHandler {
 TEST_F(KerberosTest, EveryCredentialSourceLogsOnAsItsPrincipal) {
     const struct {
         CredentialSource source;
-        const char* file;
-        const char* target;
-        const char* principal;
-        const char* user;
+        const char *file, *target, *principal, *user;
     } cases[] = {
         {CredentialSource::ClientKeytab, "alice.keytab", "HTTP@localhost", "", "alice"},
         {CredentialSource::ClientKeytab, "bob.keytab", "HTTP/localhost@SSOCLIENT.TEST",
@@ -120,8 +117,7 @@ TEST_F(KerberosTest, FailuresSayWhatWentWrong) {
     const struct {
         const char* name;
         std::shared_ptr<NegotiationHandler> handler;
-        bool kdcDown;
-        bool invalidCredentials;  // otherwise CommunicationException
+        bool kdcDown, invalidCredentials;  // otherwise CommunicationException
         std::string message;
     } cases[] = {
         {"no default cache", Handler(CredentialSource::DefaultCache, ""), false, true,
