@@ -66,11 +66,11 @@ namespace {
 
 using namespace SsoClient;
 
+// Signed, xmlsec works on the document; async, the password waits in a queued call; proxied,
+// through a proxy whose password is the same.
 struct Case {
     const char* name;
-    bool holderOfKey;  // the request is signed, so xmlsec works on the document
-    bool async;        // the password waits in a queued call
-    bool proxied;      // through a proxy whose password is the same
+    bool holderOfKey, async, proxied;
 };
 
 TEST(SecretWipingTest, NoFreedBlockHoldsThePassword) {

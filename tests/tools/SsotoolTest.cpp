@@ -11,12 +11,12 @@ namespace {
 
 const std::string kData = SSOCLIENT_TEST_DATA_DIR "/";
 
-// Runs ssotool (or, with tool false, another program) with input on its standard input; standard
-// error stays the test's. Returns the exit status and standard output.
+// Runs ssotool with input on its standard input; standard error stays the test's. Returns the
+// exit status and standard output.
 std::pair<int, std::string> Tool(const std::vector<std::string>& args,
-                                 const std::string& input = "", bool tool = true) {
+                                 const std::string& input = "") {
     const TestData::TempDir dir("ssotool-input");
-    std::string command = tool ? SSOTOOL : "";
+    std::string command = SSOTOOL;
     for (const std::string& arg : args) {
         command += " '" + arg + "'";  // no argument here holds a quote
     }
@@ -78,9 +78,9 @@ TEST_F(SsotoolTest, VerdictsAndExitCodes) {
     const std::string old = m_dir.Write("old.xml", TestSupport::MakeSignedAssertion(expired));
     const std::string forged = m_dir.Write(
         "forged.xml", TestSupport::ReplaceOnce(assertion, "alice@example", "admin@example"));
-    std::string jwt = Tool({"/usr/bin/python3", kData + "../sts/issue_jwt.py", "alice@example.test",
-                            "Alice Liddell", "Users@example.test"},
-                           "", false)
+    std::string jwt = TestSupport::RunCommand("/usr/bin/python3 " + kData +
+                                              "../sts/issue_jwt.py alice@example.test "
+                                              "'Alice Liddell' Users@example.test")
                           .second;
     const std::string bearer = m_dir.Write("bearer.jwt", jwt);
     char& signature = jwt[jwt.rfind('.') + 5];

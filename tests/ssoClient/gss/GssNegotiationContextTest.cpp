@@ -20,35 +20,23 @@ using namespace SsoClient;
 using namespace SsoClient::InternalApi;
 using namespace TestSupport;
 
-TokenSpec Spec() {
-    TokenSpec spec;
-    spec.tokenLifetimeSec = 600;
-    return spec;
-}
-
-std::string Text(const std::vector<unsigned char>& bytes) {
-    return {bytes.begin(), bytes.end()};
+std::string Text(const std::shared_ptr<std::vector<unsigned char>>& bytes) {
+    return bytes ? std::string(bytes->begin(), bytes->end()) : "(none)";
 }
 
 // The STS answers a continued leg only in the context it named and with the session cookie it set
 // on the first reply, so a token at the end means every leg went out right over one session.
 TEST(GssNegotiationContextTest, NegotiatesWithTheServiceLegByLeg) {
     TestSts::WsTrustSts sts;
-    const StsTrust trust;
-    SecurityTokenServiceConfig config;
-    config.url = sts.Url();
-    config.sslContext = trust.sslContext.Get();
-    config.keyInfoResolver = trust.resolver;
-    config.allowPlainHttp = true;
+    SecurityTokenServiceConfig config = LoopbackStsConfig(sts.Url());
     auto context = CreateGssNegotiationContext(config, Spec());
     TestGssMechanism alice("alice@example.test", "alice-password", 2);
     GssLegResult result;
-    std::vector<unsigned char> serverLeg;
     for (const char* expected : {"CHALLENGE 1 ", "CHALLENGE 2 ", "WELCOME alice@example.test"}) {
         ASSERT_FALSE(result.token);
-        result = context->Step(alice.Answer(serverLeg));
-        serverLeg = *result.serverLeg;
-        EXPECT_EQ(Text(serverLeg).rfind(expected, 0), 0u) << Text(serverLeg);
+        result = context->Step(
+            alice.Answer(result.serverLeg ? *result.serverLeg : std::vector<unsigned char>()));
+        EXPECT_EQ(Text(result.serverLeg).rfind(expected, 0), 0u) << Text(result.serverLeg);
     }
     ASSERT_TRUE(result.token);
     EXPECT_EQ(*result.token->GetSubject(), (PrincipalId{"alice", "example.test"}));
@@ -71,19 +59,16 @@ TEST(GssNegotiationContextTest, ContextIdFollowsTheHandledReplies) {
     const std::string down = "Server returned error: 503 Service Unavailable";
     AssertionSpec assertion;
     assertion.id = "_issued";
-    const std::string issued = MakeSignedAssertion(assertion);
-    const std::string fresh = "urn:uuid:";
-    struct Leg {
-        std::string reply;  // empty: the exchange fails
-        std::string sentContext;
-        std::string serverLeg;
+    // The reply (none: the exchange fails), the context the leg is sent in (none: a fresh one),
+    // the server leg handed back, and whether a token comes with it.
+    const struct {
+        std::string reply, context, serverLeg;
         bool token;
-    };
-    const std::vector<Leg> legs = {
-        {NegotiationReply("ctx-1", "S1"), fresh, "S1", false},
-        {"", "ctx-1", "", false},
+    } legs[] = {
+        {NegotiationReply("ctx-1", "S1"), "", "S1", false},
+        {"", "ctx-1", "(none)", false},
         {NegotiationReply("", ""), "ctx-1", "", false},  // no BinaryExchange, no Context
-        {NegotiationReply("ctx-2", "S2", issued), fresh, "S2", true},
+        {NegotiationReply("ctx-2", "S2", MakeSignedAssertion(assertion)), "", "S2", true},
     };
     size_t step = 0;
     auto transport = std::make_shared<FakeTransport>([&](const SoapRequest&) {
@@ -95,33 +80,31 @@ TEST(GssNegotiationContextTest, ContextIdFollowsTheHandledReplies) {
     GssNegotiationContextImpl context(Spec(), std::make_shared<RequestBuilderImpl>(boost::none),
                                       transport, std::make_shared<ResponseHandlerImpl>(),
                                       StsResolver());
-    std::vector<std::string> firstContexts;
-    for (step = 0; step < legs.size(); ++step) {
+    std::vector<std::string> freshContexts;
+    for (const auto& leg : legs) {
         SCOPED_TRACE(step);
-        const Leg& leg = legs[step];
+        GssLegResult result;
         if (leg.reply.empty()) {
             EXPECT_TRUE(Throws<CommunicationException>([&] { context.Step({'x'}); }, down));
         } else {
-            const GssLegResult result = context.Step({'x'});
-            ASSERT_TRUE(result.serverLeg);
-            EXPECT_EQ(Text(*result.serverLeg), leg.serverLeg);
-            ASSERT_EQ(result.token != nullptr, leg.token);
-            EXPECT_TRUE(!leg.token || result.token->GetId() == "_issued");
+            result = context.Step({'x'});
         }
-        const SoapRequest sent = transport->Requests().at(step);
+        EXPECT_EQ(Text(result.serverLeg), leg.serverLeg);
+        EXPECT_EQ(result.token ? result.token->GetId() : "", leg.token ? "_issued" : "");
+        const SoapRequest sent = transport->Requests().at(step++);
         std::smatch match;
         ASSERT_TRUE(std::regex_search(sent.envelope, match, std::regex("Context=\"([^\"]*)\"")));
-        if (leg.sentContext == fresh) {
+        if (leg.context.empty()) {
             EXPECT_EQ(sent.soapAction, trust + "RST/Issue");
-            EXPECT_EQ(match[1].str().rfind(fresh, 0), 0u);
-            firstContexts.push_back(match[1]);
+            EXPECT_EQ(match[1].str().rfind("urn:uuid:", 0), 0u);
+            freshContexts.push_back(match[1]);
         } else {
             EXPECT_EQ(sent.soapAction, trust + "RSTR/Issue");
-            EXPECT_EQ(match[1], leg.sentContext);
+            EXPECT_EQ(match[1], leg.context);
         }
     }
-    ASSERT_EQ(firstContexts.size(), 2u);
-    EXPECT_NE(firstContexts[0], firstContexts[1]);
+    ASSERT_EQ(freshContexts.size(), 2u);
+    EXPECT_NE(freshContexts[0], freshContexts[1]);
 }
 
 }  // namespace

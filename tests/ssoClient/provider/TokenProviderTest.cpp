@@ -5,7 +5,6 @@
 #include <ssoClient/TokenProvider.h>
 
 #include <future>
-#include <map>
 #include <mutex>
 
 #include "internal/service/SecurityTokenServiceImpl.h"
@@ -23,22 +22,17 @@ using Calls = std::vector<std::string>;
 constexpr int64_t kSec = 1000000;
 const std::string kDown = "Server returned error: 503 Service Unavailable";
 
-// Signed assertions, each made once: valid from a minute ago until lifetimeSec from now. A
-// token's renew count is its proxy count.
-const std::string& Xml(int64_t lifetimeSec, bool holderOfKey = false, bool renewable = false) {
-    static std::mutex mutex;
-    static std::map<std::vector<int64_t>, std::string> made;
-    std::lock_guard<std::mutex> lock(mutex);
-    std::string& xml = made[{lifetimeSec, holderOfKey, renewable}];
-    if (xml.empty()) {
-        AssertionSpec spec;
-        spec.notOnOrAfterOffsetSec = lifetimeSec;
-        spec.holderOfKey = holderOfKey;
-        spec.renewCount = spec.proxyCount =
-            renewable ? std::optional<std::string>("5") : std::nullopt;
-        xml = MakeSignedAssertion(spec);
-    }
-    return xml;
+// Signed assertions valid from a minute before the suite started until lifetimeSec after it, the
+// same text for the same arguments. A token's renew count is its proxy count.
+std::string Xml(int64_t lifetimeSec, bool holderOfKey = false, bool renewable = false) {
+    static const ManualClock made(Basalt::System::GetUtcDateTime().GetUtcTime());
+    AssertionSpec spec;
+    spec.id = "_provided";
+    spec.clock = &made;
+    spec.notOnOrAfterOffsetSec = lifetimeSec;
+    spec.holderOfKey = holderOfKey;
+    spec.renewCount = spec.proxyCount = renewable ? std::optional<std::string>("5") : std::nullopt;
+    return MakeSignedAssertion(spec);
 }
 const Answer Short = [] { return CreateSamlToken(Xml(600)); };
 const Answer Long = [] { return CreateSamlToken(Xml(7200)); };
@@ -96,6 +90,18 @@ class TokenProviderTest : public ::testing::Test {
             return answer();
         };
     }
+    // GetTokenAsync's outcome: the token's XML or the failure's message. The callback runs once.
+    static std::future<std::string> Async(TokenProvider& provider) {
+        auto done = std::make_shared<std::promise<std::string>>();
+        provider.GetTokenAsync([done, calls = std::make_shared<std::atomic<int>>(0)](
+                                   const Token& token, const Basalt::Exception* e) {
+            EXPECT_EQ(++*calls, 1);
+            if (*calls == 1) {
+                done->set_value(token ? token->GetXml() : e ? e->what() : "neither");
+            }
+        });
+        return done->get_future();
+    }
     void At(int64_t micros) { m_clock->micros = micros; }
     testing::AssertionResult Fails(TokenProvider& provider) {
         return Throws<CommunicationException>([&] { provider.GetToken(); }, kDown);
@@ -134,7 +140,7 @@ TEST_F(TokenProviderTest, ReplacesOrRefreshesATokenOnTime) {
         {300, false, false, true, -180 * kSec, "acquire"},
     };
     for (const auto& c : cases) {
-        const std::string& xml = Xml(c.lifetimeSec, c.holderOfKey, c.renewable);
+        const std::string xml = Xml(c.lifetimeSec, c.holderOfKey, c.renewable);
         auto provider = Provider({[&] { return CreateSamlToken(xml); }, Long},
                                  c.refresh ? TokenProviderOptions() : noRefresh);
         const int64_t at = Expiry(CreateSamlToken(xml)) + c.sinceExpiry;
@@ -232,19 +238,6 @@ TEST_F(TokenProviderTest, RefusesWhatTheServiceShouldNotHaveReturned) {
         [&] { provider->GetToken(); }, "TokenRecipe::ByGss: the factory returned no handler"));
 }
 
-// Counts the calls of a callback; the first one fulfils the future.
-struct Outcome {
-    TokenCallback Callback() {
-        return [this](const Token& token, const Basalt::Exception* e) {
-            if (++calls == 1) {
-                done.set_value(token ? token->GetXml() : e ? e->what() : "neither");
-            }
-        };
-    }
-    std::atomic<int> calls{0};
-    std::promise<std::string> done;
-};
-
 // On a pool thread after an acquisition, at once with a token or a back-off failure at hand.
 // Invalidate drops both the token and the back-off.
 TEST_F(TokenProviderTest, AsyncCallsBackExactlyOnceAndInvalidateStartsAfresh) {
@@ -256,10 +249,7 @@ TEST_F(TokenProviderTest, AsyncCallsBackExactlyOnceAndInvalidateStartsAfresh) {
         if (invalidateFirst) {
             provider->Invalidate();
         }
-        Outcome outcome;
-        provider->GetTokenAsync(outcome.Callback());
-        EXPECT_EQ(outcome.done.get_future().get(), expected);
-        EXPECT_EQ(outcome.calls, 1);
+        EXPECT_EQ(Async(*provider).get(), expected);
     }
     EXPECT_EQ(Count(), 3u);
 }
@@ -267,12 +257,11 @@ TEST_F(TokenProviderTest, AsyncCallsBackExactlyOnceAndInvalidateStartsAfresh) {
 // The acquisition in flight owns what it touches: the provider may go first.
 TEST_F(TokenProviderTest, MayBeDestroyedWhileAnAcquisitionIsInFlight) {
     auto provider = Provider({Held(Short)});
-    Outcome outcome;
-    provider->GetTokenAsync(outcome.Callback());
+    auto outcome = Async(*provider);
     m_called.get_future().wait();
     provider.reset();
     m_release.set_value();
-    EXPECT_EQ(outcome.done.get_future().get(), Xml(600));
+    EXPECT_EQ(outcome.get(), Xml(600));
 }
 
 }  // namespace

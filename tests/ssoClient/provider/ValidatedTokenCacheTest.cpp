@@ -96,26 +96,21 @@ TEST_P(ValidatedTokenCacheTest, SameObjectForTheSameBytesOnly) {
     EXPECT_EQ(m_calls, 6);
 }
 
-TEST_P(ValidatedTokenCacheTest, EntryExpiresWithTheTokensTolerance) {
-    const Validate validate = Make();
-    const Token first = validate("text", 0);
-    m_clock->micros = first->GetExpirationTimeWithTolerance().GetUtcTime() - 1;
-    EXPECT_EQ(validate("text", 0), first);
-    ++m_clock->micros;
-    EXPECT_NE(validate("text", 0), first);
-    EXPECT_EQ(m_calls, 2);
-}
-
-TEST_P(ValidatedTokenCacheTest, HoldsItsBoundDroppingTheLeastRecentlyUsed) {
+// Entries go when the token's tolerance has passed, and beyond the bound the least recently used.
+TEST_P(ValidatedTokenCacheTest, DropsExpiredAndLeastRecentlyUsedEntries) {
     const Validate validate = Make(2);
     const Token a = validate("a", 0);
     const Token b = validate("b", 0);
+    m_clock->micros = a->GetExpirationTimeWithTolerance().GetUtcTime() - 1;
     EXPECT_EQ(validate("a", 0), a);
     validate("c", 0);
     EXPECT_EQ(validate("a", 0), a);
     EXPECT_EQ(m_calls, 3);
     EXPECT_NE(validate("b", 0), b);
     EXPECT_EQ(m_calls, 4);
+    ++m_clock->micros;
+    EXPECT_NE(validate("a", 0), a);
+    EXPECT_EQ(m_calls, 5);
 }
 
 // Run under TSan: hits, misses and evictions from several threads at once.
