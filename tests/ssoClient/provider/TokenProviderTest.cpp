@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/TokenProvider.h>
+#include <ssoClient/ValidatedTokenCache.h>
 
 #include <future>
 #include <mutex>
@@ -236,6 +237,43 @@ TEST_F(TokenProviderTest, RefusesWhatTheServiceShouldNotHaveReturned) {
                                    TokenRecipe::ByGss([] { return nullptr; }), TokenSpec{});
     EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(
         [&] { provider->GetToken(); }, "TokenRecipe::ByGss: the factory returned no handler"));
+    // Every option rule, and the caches' own.
+    const std::string range = "Token provider options out of range";
+    const std::pair<std::function<void(TokenProviderOptions&)>, std::string> misuses[] = {
+        {[](auto& o) { o.refreshFraction = -0.01; }, range},
+        {[](auto& o) { o.refreshFraction = 1.01; }, range},
+        {[](auto& o) { o.refreshBeforeSec = -1; }, range},
+        {[](auto& o) { o.minValiditySec = -1; }, range},
+        {[](auto& o) { o.initialBackoffSec = -1; }, range},
+        {[](auto& o) { o.maxBackoffSec = o.initialBackoffSec - 1; }, range},
+        {[](auto&) { CreateCachingSamlTokenFactory(nullptr); },
+         "A caching factory needs a factory to wrap"},
+        {[](auto&) {
+             ValidatedTokenCacheOptions none;
+             none.maxEntries = 0;
+             CreateCachingSamlTokenFactory(CreateSamlTokenFactory(StsResolver().Get()), none);
+         },
+         "A token cache needs room for one entry"},
+        {[](auto&) {
+             Basalt::Ref<TokenValidator> validator;
+             CreateCachingTokenValidator(nullptr, {}, validator);
+         },
+         "A caching validator needs a validator to wrap"},
+    };
+    for (const auto& [misuse, message] : misuses) {
+        EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(
+            [&] {
+                TokenProviderOptions options;
+                misuse(options);
+                Provider({Long}, options);
+            },
+            message));
+    }
+    TokenProviderOptions edges;  // every bound is inclusive
+    edges.refreshFraction = 1;
+    edges.refreshBeforeSec = edges.minValiditySec = edges.initialBackoffSec = edges.maxBackoffSec =
+        0;
+    EXPECT_NO_THROW(Provider({Long}, edges));
 }
 
 // On a pool thread after an acquisition, at once with a token or a back-off failure at hand.
