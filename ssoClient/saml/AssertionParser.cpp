@@ -1,12 +1,12 @@
 #include "internal/saml/AssertionParser.h"
 
 #include <algorithm>
+#include <charconv>
 #include <initializer_list>
 #include <string_view>
 #include <utility>
 
 #include <boost/container/small_vector.hpp>
-#include <boost/lexical_cast/try_lexical_convert.hpp>
 
 #include <basalt/Crypto.h>
 #include <basalt/Exception.h>
@@ -203,10 +203,15 @@ class Attributes {
         if (attribute == nullptr) {
             return std::nullopt;
         }
-        int64_t value = 0;
         std::string storage;
-        if (!boost::conversion::try_lexical_convert(attribute->view.GetValue(storage), value) ||
-            value < 0) {
+        std::string_view text = attribute->view.GetValue(storage);
+        if (!text.empty() && text[0] == '+') {
+            text.remove_prefix(1);  // the schema type allows a sign; "-0" passes as zero
+        }
+        // No stream: a stream's locale is shared state that threads would fight over.
+        int64_t value = 0;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (error != std::errc() || end != text.data() + text.size() || value < 0) {
             Fail(NameOf(m_element) + "/@" + std::string(name.display) +
                  " is not a non-negative integer.");
         }

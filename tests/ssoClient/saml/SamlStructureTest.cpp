@@ -91,6 +91,7 @@ TEST(SamlStructureTest, RefusesEveryStructuralDeviationWithItsMessageAndIgnoresT
         {r, "Version=\"2.0\"", "+ xmlns=\"urn:default\" xmlns:e=\"urn:e\"", ""},
         {r, ">Alice</", ">Alice<!-- given name --></", ""},  // one text node remains
         {r, "NameFormat=", "FriendlyName=\"f\" NameFormat=", ""},
+        {r, "Count=\"2\"", "Count=\"+02\"", ""},
         {moved, kAudience, kAudience, ""},
         {h, kXsiType,
          "xmlns:a=\"" + S(Xmlns::kSamlAssertion) + "\" xsi:type=\"a:KeyInfoConfirmationDataType\"",
