@@ -177,7 +177,7 @@ std::string Lookups(const ElementNode& e, const std::string& uri, const std::str
            " " + (e.LookupNamespaceUri(name, c) ? c : "-");
 }
 
-TEST(XmlDomTest, BuiltElementsResolveTheirPrefixOnceDeclared) {
+TEST(XmlDomTest, BuiltElementsResolveTheirPrefixOnceDeclaredAdoptedOnesKeepTheirs) {
     // "wsu:Id" is set before its prefix is declared on the same element, as the builders do.
     Ref<ElementNode> token = Element("wsse", "BinarySecurityToken", "QUJD");
     token->SetAttribute("EncodingType", "enc");
@@ -196,10 +196,8 @@ TEST(XmlDomTest, BuiltElementsResolveTheirPrefixOnceDeclared) {
     outer->AppendChild(inner);
     EXPECT_EQ("urn:default", inner->GetNamespaceUri());
     EXPECT_EQ("", Element("", "Plain")->GetNamespaceUri());
-}
-
-TEST(XmlDomTest, AdoptedNodesKeepTheirMeaning) {
-    // The assertion's prefixes are declared on its parsed document's root, not on it.
+    // Adopted nodes keep their meaning: the assertion's prefixes are declared on its parsed
+    // document's root, not on it.
     Ref<ElementNode> source = ParseRoot(
         "<w:wrap xmlns:w=\"urn:w\" xmlns:s=\"urn:saml\"><s:Assertion ID=\"_1\">"
         "<s:Issuer>me</s:Issuer></s:Assertion></w:wrap>");
@@ -265,15 +263,13 @@ const std::tuple<const char*, const char*, bool, std::string, const char*> kVect
      "<r xmlns:u=\"urn:u\"></r>"},
 };
 
-TEST(XmlCanonicalizerTest, Vectors) {
+// Then the refusals: unresolved prefixes, unknown algorithms and relative URIs.
+TEST(XmlCanonicalizerTest, VectorsAndRefusals) {
     for (const auto& [name, document, child, algorithm, expected] : kVectors) {
         Ref<ElementNode> root = ParseRoot(document);
         Ref<ElementNode> apex = child ? ChildElements(*root).at(0) : root;
         EXPECT_EQ(expected, Canonical(algorithm, *apex)) << name;
     }
-}
-
-TEST(XmlCanonicalizerTest, RefusesUnresolvedPrefixesUnknownAlgorithmsAndRelativeUris) {
     // A built tree resolves its prefixes first; an undeclared one cannot be canonicalised.
     Ref<ElementNode> outer = Element("p", "outer"), inner = Element("p", "inner");
     outer->SetAttribute("xmlns:p", "urn:p");
@@ -397,7 +393,7 @@ class XmlSignatureTest : public ::testing::Test {
 };
 std::string XmlSignatureTest::s_signed;
 
-TEST_F(XmlSignatureTest, OnlyTrustedKeysVerifyAgainAndAfterAMove) {
+TEST_F(XmlSignatureTest, OnlyTrustedKeysVerifyAgainAfterAMoveAndNeverAfterAnyChange) {
     Ref<ElementNode> root = ParseRoot(s_signed), holder = Element("w", "Holder");
     Ref<Signature> signature;
     CreateSignatureFromDom(root.Get(), root->FindChildElement(kDsig, "Signature").Get(), signature);
@@ -413,9 +409,7 @@ TEST_F(XmlSignatureTest, OnlyTrustedKeysVerifyAgainAndAfterAMove) {
         SignAssertion("certs/user-ec.key", "certs/user-ec.pem", kMore + "ecdsa-sha256");
     EXPECT_EQ("verified", Check(ecdsa, TrustOnly({"certs/user-ec.pem"}).Get()));
     EXPECT_EQ("rejected", Check(ecdsa, m_trusted.Get()));
-}
-
-TEST_F(XmlSignatureTest, AnyOneByteChangeFailsVerification) {
+    // Any one-byte change fails verification.
     std::string signatureValue = s_signed.substr(s_signed.find("<ds:SignatureValue>") + 19, 40);
     std::string digestValue = s_signed.substr(s_signed.find("<ds:DigestValue>") + 16, 10);
     auto flip = [](std::string text) { return text.replace(5, 1, text[5] == 'A' ? "B" : "A"); };
