@@ -50,15 +50,6 @@ class HttpsTransport : public ::testing::Test {
     Ref<Basalt::Ssl::SSLContext> m_context;
 };
 
-// Reuse and the TLS name reach the foundation (below); here what the specs refuse.
-TEST_F(HttpsTransport, SpecsRefuseAMissingContextOrEndpoint) {
-    Ref<Basalt::Http::ConnectionSpec> spec;
-    EXPECT_THROW(CreateSsoSSLConnectionSpec("sts.example", 443, nullptr, "", false, spec),
-                 Basalt::InvalidArgumentException);
-    EXPECT_THROW(CreateSsoConnectionSpec("", 80, false, spec), Basalt::InvalidArgumentException);
-    EXPECT_THROW(CreateSsoConnectionSpec("h", 0, false, spec), Basalt::InvalidArgumentException);
-}
-
 TEST_F(HttpsTransport, PostsSoapAndAcceptsSuccessAndSoapFaultStatusesOnly) {
     const std::string headers = Send(Client("/headers"));
     EXPECT_THAT(headers, HasSubstr("Content-Type: text/xml\n"));
@@ -92,7 +83,7 @@ TEST_F(HttpsTransport, SessionsKeepTheirCookiesAndShareConnectionsIfAsked) {
     }
 }
 
-TEST_F(HttpsTransport, FailuresBecomeCommunicationExceptions) {
+TEST_F(HttpsTransport, FailuresBecomeCommunicationExceptionsAndSpecsRefuseBadEndpoints) {
     // The TLS name and the wait reach the foundation; its failures keep their message.
     const std::tuple<const char*, const char*, int64_t, const char*> cases[] = {
         {"untrusted", "", 30000, "TLS certificate verification failed"},
@@ -106,6 +97,12 @@ TEST_F(HttpsTransport, FailuresBecomeCommunicationExceptions) {
                                      waitMillis * 1000, false)),
                     HasSubstr(outcome));
     }
+    // What the specs refuse.
+    Ref<Basalt::Http::ConnectionSpec> spec;
+    EXPECT_THROW(CreateSsoSSLConnectionSpec("sts.example", 443, nullptr, "", false, spec),
+                 Basalt::InvalidArgumentException);
+    EXPECT_THROW(CreateSsoConnectionSpec("", 80, false, spec), Basalt::InvalidArgumentException);
+    EXPECT_THROW(CreateSsoConnectionSpec("h", 0, false, spec), Basalt::InvalidArgumentException);
 }
 
 // Tunnels through the configured proxy with its credentials, unless the host is exempt; the
