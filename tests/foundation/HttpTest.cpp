@@ -86,7 +86,6 @@ TEST(ParseHttpURL, SplitsValidUrlsAndNamesTheFaultOfOthers) {
         {"ftp://sts.example/", "scheme must be http or https"},
         {"https://user:pw@sts.example/", "user information is not allowed"},
         {"https:///path", "missing host"},
-        {"https://:443/", "missing host"},
         {"https://h:0/", "port out of range"},
         {"https://h:65536/", "port out of range"},
         {"https://h:44a/", "bad port"},
@@ -233,7 +232,7 @@ TEST(HttpExchange, ManyRequestsFromManyThreads) {
     EXPECT_EQ(good.load(), 6 * 16);
 }
 
-TEST(HttpFailures, NameTheCauseAndThePeerAndRefuseMisuse) {
+TEST(HttpFailures, NameTheCauseAndThePeerRefuseMisuseAndCancelWhatTimedOut) {
     // A refused connection is checked at the service, where users meet it.
     EXPECT_THAT(
         FailureOf(*MakeAgent(80, nullptr, false, "no-such-host.invalid")),
@@ -265,20 +264,17 @@ TEST(HttpFailures, NameTheCauseAndThePeerAndRefuseMisuse) {
         [&] { other->Wait(pending.Get(), kWait, response); },
         "HttpUserAgent::Wait: the request was not sent by this agent"));
     one->Wait(pending.Get(), kWait, response);
-}
 
-TEST(HttpFailures, WaitTimesOutOnASilentServerAndCancels) {
+    // Wait times out on a silent server.
     TestSts::TestServer silent({"--silent"});
-    Ref<Http::HttpUserAgent> agent = MakeAgent(silent.Port());
+    agent = MakeAgent(silent.Port());
     std::promise<std::string> completion;
-    Ref<Http::PendingRequestItem> pending;
     agent->SendAsync(
         MakeRequest("/echo", "x").Get(),
         [&](const Exception* error, Http::ClientResponse*, Http::PendingRequestItem*) {
             completion.set_value(error ? error->what() : "response");
         },
         pending);
-    Ref<Http::ClientResponse> response;
     EXPECT_TRUE(Throws<Http::TransferException>(
         [&] { agent->Wait(pending.Get(), 200 * 1000, response); },
         "Timed out after 200 ms waiting for the reply from " + silent.Url("/echo")));
@@ -381,9 +377,25 @@ TEST(TlsConnections, FailClosedSucceedOnlyWhenTrustedAndWarnWhenTurnedOff) {
                                                   "SSLContext created with host name" + off}));
 }
 
+// A custom ConnectionSpec whose handshake step refuses every server, naming it and its chain.
+struct PickySpec final : ObjectImpl, Http::CustomConnectionSpec {
+    PickySpec(int port, Ssl::SSLContext* context) : m_port(port), m_context(context) {}
+    std::string GetHost() const override { return "127.0.0.1"; }
+    int GetPort() const override { return m_port; }
+    Ssl::SSLContext* GetSSLContext() const override { return m_context.Get(); }
+    std::string GetServerName() const override { return ""; }
+    bool IsReusable() const override { return false; }
+    void OnHandshake(const std::vector<Ref<Crypto::Certificate>>& chain) const override {
+        throw Exception("server " + chain.front()->GetSubjectName() + " of a chain of " +
+                        std::to_string(chain.size()) + " is not welcome");
+    }
+    int m_port;
+    Ref<Ssl::SSLContext> m_context;
+};
+
 // Which agents share kept-alive connections is checked where users meet it, in the transport
-// tests; here the TLS sessions, and contexts that must not share.
-TEST(TlsConnections, SessionsResumeButConnectionsNeverServeAnotherContext) {
+// tests; here the TLS sessions, contexts that must not share, and a custom spec's handshake step.
+TEST(TlsConnections, SessionsResumeConnectionsNeverServeAnotherContextCustomSpecsMayRefuse) {
     TestSts::TestServer server({"--tls", "server"});
     Ref<Ssl::SSLContext> trusting = Context("ca");
     Ref<Http::HttpUserAgent> first = MakeAgent(server.Port(), trusting.Get(), true);
@@ -397,6 +409,14 @@ TEST(TlsConnections, SessionsResumeButConnectionsNeverServeAnotherContext) {
     // not have trusted the server.
     EXPECT_THAT(FailureOf(*MakeAgent(server.Port(), Context("system").Get(), true)),
                 StartsWith(kUnverified + server.Url("/echo")));
+    // A custom spec's handshake step takes part and may refuse, seeing the whole chain.
+    Ref<PickySpec> spec = new PickySpec(server.Port(), trusting.Get());
+    Ref<Http::HttpUserAgent> agent;
+    Http::CreateHttpUserAgent(spec.Get(), nullptr, nullptr, agent);
+    EXPECT_EQ(FailureOf(*agent), "TLS handshake rejected by the connection spec for " +
+                                     server.Url("/echo") +
+                                     ": server CN=localhost,O=Basalt Tests of a chain of 2 is "
+                                     "not welcome");  // leaf and the test CA
 }
 
 TEST(SSLContext, RefusesInconsistentOptions) {
@@ -420,33 +440,6 @@ TEST(SSLContext, RefusesInconsistentOptions) {
             [&] { Ssl::CreateSSLContext(options, context); }, message,
             message[std::strlen(message) - 1] == ' '));  // OpenSSL's detail follows
     }
-}
-
-// A custom ConnectionSpec whose handshake step refuses every server, naming it and its chain.
-struct PickySpec final : ObjectImpl, Http::CustomConnectionSpec {
-    PickySpec(int port, Ssl::SSLContext* context) : m_port(port), m_context(context) {}
-    std::string GetHost() const override { return "127.0.0.1"; }
-    int GetPort() const override { return m_port; }
-    Ssl::SSLContext* GetSSLContext() const override { return m_context.Get(); }
-    std::string GetServerName() const override { return ""; }
-    bool IsReusable() const override { return false; }
-    void OnHandshake(const std::vector<Ref<Crypto::Certificate>>& chain) const override {
-        throw Exception("server " + chain.front()->GetSubjectName() + " of a chain of " +
-                        std::to_string(chain.size()) + " is not welcome");
-    }
-    int m_port;
-    Ref<Ssl::SSLContext> m_context;
-};
-
-TEST(TlsConnections, CustomConnectionSpecTakesPartInTheHandshake) {
-    TestSts::TestServer server({"--tls", "server"});
-    Ref<PickySpec> spec = new PickySpec(server.Port(), Context("ca").Get());
-    Ref<Http::HttpUserAgent> agent;
-    Http::CreateHttpUserAgent(spec.Get(), nullptr, nullptr, agent);
-    EXPECT_EQ(FailureOf(*agent), "TLS handshake rejected by the connection spec for " +
-                                     server.Url("/echo") +
-                                     ": server CN=localhost,O=Basalt Tests of a chain of 2 is "
-                                     "not welcome");  // leaf and the test CA
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ std::string Decode(std::string_view text) {
     return std::string(bytes.begin(), bytes.end());
 }
 
-TEST(Base64Test, Rfc4648VectorsAndEveryByteRoundTrip) {
+TEST(Base64Test, Rfc4648VectorsRoundTripsAndMalformedText) {
     // The encodings of the prefixes of "foobar".
     const char* encoded[] = {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy"};
     for (size_t size = 0; size < std::size(encoded); ++size) {
@@ -53,9 +53,7 @@ TEST(Base64Test, Rfc4648VectorsAndEveryByteRoundTrip) {
     // XML white space is skipped anywhere, even inside the padding.
     EXPECT_EQ(Decode(" Zm9v\r\nYmFy\t") + "|" + Decode("Zm9vYg=\n=") + "|" + Decode(" \n "),
               "foobar|foob|");
-}
-
-TEST(Base64Test, MalformedTextIsRejectedAndLeavesTheOutputAlone) {
+    // Malformed text is refused and leaves the output alone.
     const std::pair<const char*, std::vector<std::string>> malformed[] = {
         {"length is not a multiple of four", {"Zm9", "Zm9vY", "Zg="}},
         {"too much padding", {"Zg==="}},
@@ -95,10 +93,9 @@ TEST(StringUtilTest, UuidsWipingAndCase) {
     EXPECT_EQ(std::string(buffer, capacity), std::string(capacity, '\0'));
     EXPECT_EQ(StringUtil::ToLower(std::string("MiXeD-Case_09@[ \xC3\x89\0Z", 20)),
               std::string("mixed-case_09@[ \xC3\x89\0z", 20));
-    EXPECT_EQ(StringUtil::ToHex({0x00, 0x9f, 0xa0, 0xff}), "009fa0ff");
 }
 
-TEST(DateTimeTest, ParsesXmlSchemaForms) {
+TEST(DateTimeTest, ParsesXmlSchemaFormsOnly) {
     const std::pair<const char*, int64_t> cases[] = {
         {"1970-01-01T00:00:00Z", 0},
         // No zone means UTC.
@@ -109,7 +106,6 @@ TEST(DateTimeTest, ParsesXmlSchemaForms) {
         {"2024-01-05T03:04:05.1Z", 1704423845100000},
         {"2024-01-05T05:04:05+02:00", 1704423845000000},
         {"2024-01-04T22:34:05-04:30", 1704423845000000},
-        {"2024-01-05T03:04:05+00:00", 1704423845000000},
         {"2024-01-05T03:04:05-14:00", 1704423845000000 + 14 * 3600 * kSecond},
         {"2024-02-29T12:00:00Z", 1709208000000000},
         {"2000-02-29T00:00:00Z", 951782400000000},
@@ -122,13 +118,10 @@ TEST(DateTimeTest, ParsesXmlSchemaForms) {
     for (const auto& [text, micros] : cases) {
         EXPECT_EQ(DateTime(text).GetUtcTime(), micros) << text;
     }
-}
-
-TEST(DateTimeTest, RejectsInvalidTexts) {
     // Date only or no seconds, blank for T, white space, two-digit/negative/zero year, month 13 and
     // 0, 29 February of a common year and of a century, 31 April, hour 25, only 24:00:00 allowed,
     // no leap seconds, empty or comma fraction, lower-case z, offsets without colon or beyond
-    // 14:00, unpadded fields.
+    // 14:00, unpadded fields, nothing, a date only; and a NUL after a valid text.
     const char* invalid[] = {
         "2024-01-05T03:04",          "2024-01-05 03:04:05Z",      " 2024-01-05T03:04:05Z",
         "2024-01-05T03:04:05Z ",     "24-01-05T03:04:05Z",        "-2024-01-05T03:04:05Z",
@@ -138,15 +131,14 @@ TEST(DateTimeTest, RejectsInvalidTexts) {
         "2024-01-05T23:60:00Z",      "2024-01-05T23:59:60Z",      "2024-01-05T03:04:05.Z",
         "2024-01-05T03:04:05,5Z",    "2024-01-05T03:04:05z",      "2024-01-05T03:04:05+0200",
         "2024-01-05T03:04:05+14:01", "2024-01-05T03:04:05+02:60", "2024-01-05T03:04:05ZZ",
-        "2024-1-05T03:04:05Z",       "2024-01-05T03:04:05+02"};
+        "2024-1-05T03:04:05Z",       "2024-01-05T03:04:05+02",    "2024-01-05"};
     for (const std::string text : invalid) {
         EXPECT_TRUE(Throws<DateTimeFormatException>([&] { DateTime{text}; },
                                                     "Invalid date-time value: '" + text + "'"));
     }
-    for (const std::string& text :
-         {std::string(), std::string("2024-01-05"), std::string("2024-01-05T03:04:05Z\0", 21)}) {
-        EXPECT_THROW(DateTime{text}, DateTimeFormatException);
-    }
+    EXPECT_TRUE(
+        Throws<DateTimeFormatException>([] { DateTime{""}; }, "Invalid date-time value: ''"));
+    EXPECT_THROW(DateTime(std::string("2024-01-05T03:04:05Z\0", 21)), DateTimeFormatException);
 }
 
 // Round trips through the text form and through the fields, at the ends of the range and around
@@ -239,33 +231,12 @@ class CountingItem : public ScheduledItemMixin<ObjectImpl> {
     std::atomic<int>& m_runs;
 };
 
-TEST(ThreadPoolTest, RunsEveryPostedCallableAndItemOnceUnlessCancelled) {
+// Every posted callable and item runs once unless cancelled; exceptions reach Submit's future or
+// the handler, and the pool carries on.
+TEST(ThreadPoolTest, RunsEachItemOnceSurfacesExceptionsAndCarriesOn) {
     Ref<ThreadPool> pool;
     SystemFactory::Instance().CreateThreadPool(3, pool);
     EXPECT_EQ(pool->GetThreadCount(), 3u);
-    std::atomic<int> calls{0}, runs{0};
-    for (int i = 0; i < 500; ++i) {
-        pool->GetWorkQueue()->Post([&] { ++calls; });
-        pool->GetWorkQueue()->Enqueue(Ref<ScheduledItem>(new CountingItem(runs)));
-    }
-    pool->Shutdown();  // waits for queued work
-    EXPECT_EQ(calls, 500);
-    EXPECT_EQ(runs, 500);
-    EXPECT_THROW(pool->GetWorkQueue()->Post([] {}), InvalidStateException);
-
-    Ref<CountingItem> cancelled(new CountingItem(runs)), item(new CountingItem(runs));
-    EXPECT_TRUE(cancelled->Cancel());
-    EXPECT_FALSE(cancelled->Cancel());
-    cancelled->Run();
-    item->Run();
-    item->Run();
-    EXPECT_EQ(runs, 501);
-    EXPECT_FALSE(item->Cancel());
-}
-
-TEST(ThreadPoolTest, SubmitAndHandlerSurfaceExceptionsAndThePoolCarriesOn) {
-    Ref<ThreadPool> pool;
-    SystemFactory::Instance().CreateThreadPool(1, pool);
     WorkQueue* queue = pool->GetWorkQueue();
     std::promise<std::string> seen;
     pool->SetUnhandledExceptionHandler([&](std::exception_ptr error) {
@@ -278,10 +249,28 @@ TEST(ThreadPoolTest, SubmitAndHandlerSurfaceExceptionsAndThePoolCarriesOn) {
     queue->Post([] { throw std::runtime_error("escaped"); });
     auto failing = queue->Submit([]() -> int { throw InvalidStateException("no config"); });
     EXPECT_TRUE(Throws<InvalidStateException>([&] { failing.get(); }, "no config"));
-    EXPECT_EQ(queue->Submit([] { return 6 * 7; }).get(), 42);  // still serving
     EXPECT_EQ(seen.get_future().get(), "escaped");
     EXPECT_THROW(queue->Post({}), InvalidArgumentException);
     EXPECT_THROW(queue->Enqueue(nullptr), InvalidArgumentException);
+    std::atomic<int> calls{0}, runs{0};
+    for (int i = 0; i < 500; ++i) {
+        queue->Post([&] { ++calls; });
+        queue->Enqueue(Ref<ScheduledItem>(new CountingItem(runs)));
+    }
+    EXPECT_EQ(queue->Submit([] { return 6 * 7; }).get(), 42);
+    pool->Shutdown();  // waits for queued work
+    EXPECT_EQ(calls, 500);
+    EXPECT_EQ(runs, 500);
+    EXPECT_THROW(queue->Post([] {}), InvalidStateException);
+
+    Ref<CountingItem> cancelled(new CountingItem(runs)), item(new CountingItem(runs));
+    EXPECT_TRUE(cancelled->Cancel());
+    EXPECT_FALSE(cancelled->Cancel());
+    cancelled->Run();
+    item->Run();
+    item->Run();
+    EXPECT_EQ(runs, 501);
+    EXPECT_FALSE(item->Cancel());
 }
 
 std::atomic<int> g_destroyed{0};
