@@ -525,6 +525,12 @@ TEST_F(XmlSignatureTest, ForbiddenReferencesTransformsAndAlgorithmsAreSyntaxErro
         badUri("file://" + kSecretPath),
         badUri("http://127.0.0.1:1/x"),
         {uri(""), "A ds:Reference without URI is not allowed"},
+        {[&] {  // the Reference ends after its Transforms
+             std::string text = s_signed;
+             const size_t at = text.find("<ds:DigestMethod");
+             return text.erase(at, text.find("</ds:Reference>") - at);
+         }(),
+         "ds:Reference has no ds:DigestMethod"},
         {Replace(s_signed, " Algorithm=\"" + kSha256 + "\"", ""),
          "ds:DigestMethod has no Algorithm"},
         refused("Transform", "", "http://www.w3.org/TR/1999/REC-xpath-19991116"),
