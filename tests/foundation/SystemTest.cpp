@@ -194,6 +194,7 @@ TEST(LogTest, LevelDecidesWhatReachesTheSinkFromEveryThread) {
     Service::LogInternal(logger.Get(), Level::LL_Warning, "shown %1 %2", PrintFormatter(1),
                          PrintFormatter("two"));
     ASSERT_TRUE(Service::SetLoggerLevel("LogTest", Level::LL_Trace));
+    EXPECT_FALSE(Service::SetLoggerLevel("LogTes", Level::LL_Trace));  // no such logger
     Service::LogInternal(logger.Get(), Level::LL_Trace, "trace");
     Service::LogInternal(nullptr, Level::LL_Emergency, "no logger");
     EXPECT_EQ(lines, std::vector<std::string>({"LogTest/4/shown 1 two", "LogTest/7/trace"}));
