@@ -351,21 +351,20 @@ TEST(ServiceLimits, RetriesWhatIsSafeAndLogsWhatTheExceptionDoesNotCarry) {
         "%3Cs:Fault%3E%3Cfaultcode%3Es:Server%3C/faultcode%3E%3Cfaultstring%3ESTS%20down%0Afor%20"
         "repairs%3C/faultstring%3E%3C/s:Fault%3E%3C/s:Body%3E%3C/s:Envelope%3E";
     const std::string refusedUrl = "http://127.0.0.1:" + std::to_string(refused.Port()) + "/sts";
-    struct Case {
-        std::string url;
-        Check check;
-        std::string message;
-        int requests;
-        std::string notes;  // of the warning line
-    };
-    // Each pass has flaky replies of its own: the server counts them by query.
-    bool async = false;
-    const auto flaky = [&](const std::string& query) {
-        return server.Url("/flaky?" + query + (async ? "&pass=2" : ""));
-    };
     const std::string unexpected = "Unexpected response format: missing SAOP Body.";
-    const auto cases = [&] {
-        return std::vector<Case>{
+    ServiceLimits limits;
+    limits.retry = RetryPolicy{3, 10ms, 20ms};
+    // The plain-HTTP opt-in warns once per process: before the capture.
+    CreateSecurityTokenService(TestSupport::LoopbackStsConfig(refusedUrl));
+    TestSupport::LogCapture log(Basalt::Service::Logger::LL_Warning);
+    // The asynchronous call sends its retries from the pool's timer, with the same outcome.
+    for (const bool async : {false, true}) {
+        // Each pass has flaky replies of its own: the server counts them by query.
+        const auto flaky = [&](const std::string& query) {
+            return server.Url("/flaky?" + query + (async ? "&pass=2" : ""));
+        };
+        // The url, the failure, the requests the server sees, the notes of the warning line.
+        const std::tuple<std::string, Check, std::string, int, std::string> cases[] = {
             {flaky("fail=2&code=503&body=%3Cx/%3E"), kThrows<SsoException>, unexpected, 3,
              "; HTTP status 200; attempts 3"},
             {flaky("fail=1&code=502&body=%3Cx/%3E"), kThrows<SsoException>, unexpected, 2,
@@ -382,28 +381,20 @@ TEST(ServiceLimits, RetriesWhatIsSafeAndLogsWhatTheExceptionDoesNotCarry) {
             {refusedUrl, kThrows<CommunicationException>, "Cannot connect to " + refusedUrl, 0,
              "; attempts 3"},
         };
-    };
-    ServiceLimits limits;
-    limits.retry = RetryPolicy{3, 10ms, 20ms};
-    // The plain-HTTP opt-in warns once per process: before the capture.
-    CreateSecurityTokenService(TestSupport::LoopbackStsConfig(refusedUrl));
-    TestSupport::LogCapture log(Basalt::Service::Logger::LL_Warning);
-    // The asynchronous call sends its retries from the pool's timer, with the same outcome.
-    for (const bool pass : {false, true}) {
-        async = pass;
-        for (const Case& c : cases()) {
+        for (const auto& [url, check, message, requests, notes] : cases) {
             server.Command("reset");
             auto counter = std::make_shared<RetryCounter>();
-            EXPECT_TRUE(c.check([&] { Acquire(c.url, limits, async, counter); }, c.message, true))
-                << c.url;
-            EXPECT_EQ(server.Stats()["requests"], c.requests) << c.url;
-            EXPECT_EQ(counter->retries, c.url == refusedUrl ? 2 : c.requests - 1) << c.url;
+            EXPECT_TRUE(
+                check([&, &url = url] { Acquire(url, limits, async, counter); }, message, true))
+                << url;
+            EXPECT_EQ(server.Stats()["requests"], requests) << url;
+            EXPECT_EQ(counter->retries, url == refusedUrl ? 2 : requests - 1) << url;
             const std::string exception =
-                c.check == kThrows<SsoException> ? "SsoException" : "CommunicationException";
+                check == kThrows<SsoException> ? "SsoException" : "CommunicationException";
             EXPECT_EQ(log.Take(),
                       std::vector<std::string>{
                           "4 SecurityTokenServiceImpl::AcquireToken failed (SsoClient::" +
-                          exception + "): url " + c.url + c.notes});
+                          exception + "): url " + url + notes});
         }
     }
 }

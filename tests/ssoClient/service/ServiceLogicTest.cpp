@@ -465,21 +465,18 @@ TEST_F(ServiceLogicTest, ObserverHearsEachCallInOrder) {
     };
     const Responder rejected = [](auto&) { return SoapFault("wst:FailedAuthentication", ""); };
     const Responder odd = [](auto&) { return SoapEnvelope("<soapenv:Fault/>"); };
-    const struct {
-        Responder responder;
-        std::vector<std::string> events;
-    } cases[] = {
+    const std::pair<Responder, std::vector<std::string>> cases[] = {
         {Answer, {"issued AcquireToken", "finished AcquireToken Success"}},
         {Unavailable, {"finished AcquireToken Communication"}},
         {rejected, {"finished AcquireToken Rejected"}},
         {odd, {"finished AcquireToken Failed"}},
     };
     for (bool async : {false, true}) {
-        for (const auto& c : cases) {
+        for (auto [responder, expected] : cases) {
             auto recorder = std::make_shared<Recorder>();
-            auto service = Service(c.responder, recorder);
-            std::promise<void> done;
+            auto service = Service(responder, recorder);
             if (async) {
+                std::promise<void> done;
                 service->AcquireTokenAsync("alice", "secret", Spec(), [&](auto&, auto*) {
                     recorder->Add("done");
                     done.set_value();
@@ -492,8 +489,7 @@ TEST_F(ServiceLogicTest, ObserverHearsEachCallInOrder) {
                 }
                 recorder->Add("done");
             }
-            std::vector<std::string> expected = {"started AcquireToken"};
-            expected.insert(expected.end(), c.events.begin(), c.events.end());
+            expected.insert(expected.begin(), "started AcquireToken");
             expected.push_back("done");
             std::lock_guard<std::mutex> lock(recorder->mutex);
             EXPECT_EQ(recorder->events, expected) << async;
