@@ -426,7 +426,9 @@ TEST_F(ServiceLogicTest, CanonicalTokensAndTraceLinesOnlyWhenTheLevelAdmitsThem)
                   "7 Validating subject of token " + CreateSamlTokenDescription(*token),
                   "7 Result: true", "7 END operation SecurityTokenServiceImpl::ValidateSubject",
                   "7 START operation SecurityTokenServiceImpl::AcquireToken",
-                  "7 Requested token for subject `alice', spec `" + DescribeTokenSpec(Spec()) + "'",
+                  "7 Requested token for subject `alice', spec `TokenSpec [tokenLifetimeSec=600, "
+                  "delegable=false, delegateTo=<unset>, renewable=false, confirmationType=0,"
+                  "audienceRestriction=, advice=[]'",
                   "7 SecurityTokenServiceImpl::AcquireToken sending request",
                   "7 SecurityTokenServiceImpl::AcquireToken processing response",
                   "5 Successfully acquired token: " + CreateSamlTokenDescription(*acquired),
