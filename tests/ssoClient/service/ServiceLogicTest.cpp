@@ -101,20 +101,16 @@ std::string Describe(const boost::optional<bool>& valid) {
 
 // Collects asynchronous outcomes as "label result[ exception class: message]".
 struct Outcomes {
-    struct Recorder {
-        Outcomes* outcomes;
-        std::string label;
-        template <class Result>
-        void operator()(const Result& result, const Basalt::Exception* error) const {
-            const std::string outcome = label + " " + Describe(result);
-            std::lock_guard<std::mutex> lock(outcomes->mutex);
-            outcomes->all.insert(error ? outcome + " " + Basalt::DemangledName(typeid(*error)) +
-                                             ": " + error->what()
-                                       : outcome);
-            outcomes->changed.notify_all();
-        }
-    };
-    Recorder For(const std::string& label) { return {this, label}; }
+    // A callback for either kind of result.
+    auto For(const std::string& label) {
+        return [this, label](const auto& result, const Basalt::Exception* error) {
+            std::lock_guard<std::mutex> lock(mutex);
+            all.insert(
+                label + " " + Describe(result) +
+                (error ? " " + Basalt::DemangledName(typeid(*error)) + ": " + error->what() : ""));
+            changed.notify_all();
+        };
+    }
     // Waits for count outcomes (a generous bound, not a delay).
     std::multiset<std::string> Wait(size_t count) {
         std::unique_lock<std::mutex> lock(mutex);
@@ -151,32 +147,35 @@ struct Operation {
     std::string name;
     // The token's text, or the validation's answer.
     std::function<std::string(const SecurityTokenService&, const SamlToken& presented)> call;
+    // Reports to outcomes under label.
     std::function<void(const SecurityTokenService&, const std::shared_ptr<const SamlToken>&,
-                       const Outcomes::Recorder&)>
+                       Outcomes& outcomes, const std::string& label)>
         start;
 };
 
 enum OperationIndex { kAcquire, kByCertificate, kByToken, kValidate, kRenew, kGss };
 const Operation kOperations[] = {
     {"AcquireToken", [](auto& s, auto&) { return Xml(s.AcquireToken("alice", "secret", Spec())); },
-     [](auto& s, auto&, auto& r) { s.AcquireTokenAsync("alice", "secret", Spec(), r); }},
+     [](auto& s, auto&, auto& o, auto& l) {
+         s.AcquireTokenAsync("alice", "secret", Spec(), o.For(l));
+     }},
     {"AcquireTokenByCertificate",
      [](auto& s, auto&) { return Xml(s.AcquireTokenByCertificate(Spec())); },
-     [](auto& s, auto&, auto& r) { s.AcquireTokenByCertificateAsync(Spec(), r); }},
+     [](auto& s, auto&, auto& o, auto& l) { s.AcquireTokenByCertificateAsync(Spec(), o.For(l)); }},
     {"AcquireTokenByToken", [](auto& s, auto& t) { return Xml(s.AcquireTokenByToken(t, Spec())); },
-     [](auto& s, auto& t, auto& r) { s.AcquireTokenByTokenAsync(t, Spec(), r); }},
+     [](auto& s, auto& t, auto& o, auto& l) { s.AcquireTokenByTokenAsync(t, Spec(), o.For(l)); }},
     {"ValidateSubject", [](auto& s, auto& t) { return s.ValidateToken(t) ? "true" : "false"; },
-     [](auto& s, auto& t, auto& r) { s.ValidateTokenAsync(t, r); }},
+     [](auto& s, auto& t, auto& o, auto& l) { s.ValidateTokenAsync(t, o.For(l)); }},
     {"RenewToken", [](auto& s, auto& t) { return Xml(s.RenewToken(t, 600)); },
-     [](auto& s, auto& t, auto& r) { s.RenewTokenAsync(t, 600, r); }},
+     [](auto& s, auto& t, auto& o, auto& l) { s.RenewTokenAsync(t, 600, o.For(l)); }},
     {"AcquireTokenByGSS",
      [](auto& s, auto&) {
          ScriptedHandler handler({"HELLO"});
          return Xml(s.AcquireTokenByGSS(Spec(), handler));
      },
-     [](auto& s, auto&, auto& r) {
+     [](auto& s, auto&, auto& o, auto& l) {
          s.AcquireTokenByGSSAsync(Spec(), std::make_shared<ScriptedHandler>(std::vector{"HELLO"}),
-                                  r);
+                                  o.For(l));
      }},
 };
 
@@ -271,7 +270,7 @@ TEST_F(ServiceLogicTest, AsyncOperationsDeliverOnceAfterTheCallerLetGo) {
         for (int t = 0; t < kThreads; ++t) {
             threads.emplace_back([&] {
                 for (const Operation& op : kOperations) {
-                    op.start(*service, presented, outcomes.For(op.name));
+                    op.start(*service, presented, outcomes, op.name);
                 }
             });
             for (const Operation& op : kOperations) {
@@ -414,7 +413,7 @@ TEST_F(ServiceLogicTest, CanonicalTokensAndTraceLinesOnlyWhenTheLevelAdmitsThem)
         EXPECT_EQ(lines.front(), "7 START operation SecurityTokenServiceImpl::" + op.name);
         EXPECT_EQ(lines.back(), "7 END operation SecurityTokenServiceImpl::" + op.name);
         Outcomes outcomes;  // the asynchronous operation writes the same lines
-        op.start(*service, token, outcomes.For(op.name));
+        op.start(*service, token, outcomes, op.name);
         outcomes.Wait(1);
         EXPECT_EQ(log.Take(), lines) << op.name;
     }
