@@ -12,6 +12,7 @@
 
 #include "TestData.h"
 #include "internal/requests/RequestBuilder.h"
+#include "internal/xml/XmlUtils.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
 #include "support/TestCredentials.h"
@@ -103,6 +104,8 @@ std::string Spans(const std::string& text) {
 TEST(RequestBuilderTest, ChecksRunFirstAndInOrder) {
     using TestSupport::Throws;
     const std::string lifetime = "Token lifetime must be positive";
+    const std::string tooLong = "Token lifetime must not exceed 3155760000 seconds (100 years)";
+    const int64_t kLast = 253402300799000000;  // 9999-12-31T23:59:59Z
     const std::string noConfig = "No HolderOfKeyConfig provided. Unable to ";
     const auto hok = Token(), bearer = Token(false);
     TokenSpec five = Spec(), bearerSpec = Spec();
@@ -125,11 +128,18 @@ TEST(RequestBuilderTest, ChecksRunFirstAndInOrder) {
         {[&] { without.BuildRenewTokenRequest(*bearer, 60); }, true, noConfig + "renew token"},
         {[&] { with.BuildRenewTokenRequest(*bearer, 60); }, false,
          "Unable to renew token: the provided token must be Holder Of Key"},
+        {[&] { with.BuildAcquireTokenByCertificateRequest(Spec(kMaxTokenLifetimeSec + 1)); }, false,
+         tooLong},
+        {[&] { without.BuildAcquireTokenRequest("u", "p", Spec(INT64_MAX)); }, false, tooLong},
+        {[&] { FormatXmlDateTime(Basalt::System::DateTimeFromUtc(kLast + 1000000, false)); }, false,
+         "Date outside the years 0001 to 9999: year 10000"},
     };
     for (const auto& [call, state, message] : checks) {
         EXPECT_TRUE(state ? Throws<Basalt::InvalidStateException>(call, message)
                           : Throws<Basalt::InvalidArgumentException>(call, message));
     }
+    EXPECT_EQ(FormatXmlDateTime(Basalt::System::DateTimeFromUtc(kLast, false)).substr(0, 23),
+              "9999-12-31T23:59:59.000");
 }
 
 // Every operation's action and envelope, with the spans of its Timestamp and Lifetime.
