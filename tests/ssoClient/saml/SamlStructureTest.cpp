@@ -156,6 +156,10 @@ TEST(SamlStructureTest, RefusesEveryStructuralDeviationWithItsMessageAndIgnoresT
         {h, kXsiType, "", Missing(data, "xsi:type")},
         {h, kXsiType, kXsiType.substr(4), Missing(data, "xsi:type")},
         {h, kXsiType, "+ Address=\"a\"", Attr("Address", data)},
+        {h, kXsiType, "+ NotOnOrAfter=\"2000-01-01T00:00:00Z\"", ""},
+        {r, "del:DelegationRestrictionType\"", "+ Count=\"1\"", Attr("Count", "Condition")},
+        // A restriction's name in another namespace is no restriction.
+        {r, kProxy, "<x:ProxyRestriction xmlns:x=\"urn:x\" ", Restriction(": ProxyRestriction")},
         {h, "</ds:X509Certificate>", "+<ds:X/>", After("X509Certificate")},
         {h, "</ds:X509Data>", "+<ds:X/>", After("X509Data")},
         {h, "</ds:KeyInfo>", stray, After(data + "/KeyInfo")},
