@@ -176,6 +176,7 @@ TEST(SamlTokenTest, NamesGroupsAndSolutionFlagAreInterpretedStrictly) {
         {a, {{groups, {"\\U"}}}, group("\\U")},
         {a, {{groups, {"d\\"}}}, group("d\\")},
         {a, {{groups, {"U"}}}, group("U")},
+        {a, {{solution, {"tru"}}}, "a|example.test|0||"},  // a prefix of "true" is not true
         {a, {{solution, {}}}, "No value found for attribute isSolution."},
         {a, {{solution, {"1", "1"}}}, "More than one value found for attribute isSolution."},
     };
