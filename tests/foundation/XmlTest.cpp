@@ -439,8 +439,9 @@ TEST_F(XmlSignatureTest, KeysComeOnlyFromTheTrustedResolver) {
     EXPECT_EQ("security: No trusted key to verify the signature with",
               Check(s_signed, TrustOnly({}).Get()));
 
-    // The resolver narrows its certificates to the one KeyInfo names, by certificate or by
-    // issuer and serial (names compared as DNs, serials as numbers); no KeyInfo gives them all.
+    // The resolver narrows its certificates to the one KeyInfo names, by certificate, by issuer
+    // and serial (names compared as DNs, serials as numbers) or by subject key identifier; no
+    // KeyInfo gives them all.
     Ref<KeyInfoResolver> resolver = TrustOnly({"certs/other-rsa.pem", kStsCert});
     std::string genuine = SignaturePart(s_signed).substr(SignaturePart(s_signed).find("<ds:K"));
     genuine.resize(genuine.size() - 15);  // without </ds:Signature>
@@ -452,7 +453,11 @@ TEST_F(XmlSignatureTest, KeysComeOnlyFromTheTrustedResolver) {
                   "<ds:X509Data><ds:X509SubjectName>CN=x</ds:X509SubjectName>"),
           Replace(Replace(Replace(issuerSerial, ">", ds), "4660", "04660"),
                   "CN=Test STS Signing, O=Example Test, C=US",
-                  "cn=Test STS Signing,o=Example Test,c=US")}) {
+                  "cn=Test STS Signing,o=Example Test,c=US"),
+          // The STS certificate's subject key identifier.
+          "<ds:KeyInfo" + ds +
+              "<ds:X509Data><ds:X509SKI>MeTb4UvOMOlsihl9RxuywTu3pEY=</ds:X509SKI>"
+              "</ds:X509Data></ds:KeyInfo>"}) {
         std::vector<Ref<Crypto::Certificate>> candidates;
         resolver->Resolve(ParseRoot(text).Get(), candidates);
         ASSERT_EQ(1u, candidates.size()) << text;
