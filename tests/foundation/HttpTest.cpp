@@ -294,7 +294,7 @@ Ref<Ssl::SSLContext> Context(const std::string& name) {
     o.trustedCaPem = name == "system" ? "" : TestData::Read("tls/ca.pem");
     if (name == "objects") {
         o.trustedCaPem.clear();
-        o.trustedCertificates = {Certificate("other-ca"), Certificate("ca")};
+        o.trustedCertificates = {Certificate("other-ca"), Certificate("ca"), Certificate("ca")};
     } else if (name == "pin" || name == "badpin") {
         o.pinnedPublicKeyPem = name == "pin" ? Certificate("server")->GetPublicKeyPem()
                                              : TestData::Read("tls/client.pem");
