@@ -64,14 +64,9 @@ class TestGssHandler : public NegotiationHandler, public TestSupport::TestGssMec
 
 class SecurityTokenServiceTest : public ::testing::Test {
   protected:
-    // A service for the STS (with the client identity if withHolderOfKey), over TLS with this
-    // context if one is given.
-    std::shared_ptr<SecurityTokenService> Service(bool withHolderOfKey = true,
-                                                  Basalt::Ssl::SSLContext* tls = nullptr) {
+    // A service for the STS, with the client identity if withHolderOfKey.
+    std::shared_ptr<SecurityTokenService> Service(bool withHolderOfKey = true) {
         SecurityTokenServiceConfig config = TestSupport::LoopbackStsConfig(m_sts.Url());
-        if (tls) {
-            config.sslContext = tls;
-        }
         if (withHolderOfKey) {
             config.holderOfKey = Trust().client;
         }
@@ -115,9 +110,10 @@ TEST_F(SecurityTokenServiceTest, PasswordTokenCarriesWhatWasAskedFor) {
         [&] { Service(false)->AcquireToken("alice", "wrong", spec); },
         "Authentication failed: Invalid user name or password"));
     const StsTrust other("tls/ca.pem");
-    EXPECT_THROW(
-        Service(false, other.sslContext.Get())->AcquireToken("alice", "alice-password", spec),
-        CommunicationException);
+    SecurityTokenServiceConfig config = TestSupport::LoopbackStsConfig(m_sts.Url());
+    config.sslContext = other.sslContext.Get();
+    EXPECT_THROW(CreateSecurityTokenService(config)->AcquireToken("alice", "alice-password", spec),
+                 CommunicationException);
 }
 
 TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
