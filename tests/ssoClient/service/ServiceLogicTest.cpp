@@ -364,19 +364,10 @@ TEST_F(ServiceLogicTest, GssNegotiationsAndTheirContractViolations) {
         EXPECT_EQ(handler.seen, c.seen) << c.message;
         const std::vector<std::string> lines = log.Take();
         EXPECT_EQ(std::count(lines.begin(), lines.end(), warning), c.message == warning ? 1 : 0);
-        // One session; each leg carries the handler's answer and the last reply's context.
+        // One session; no request for a null leg (each leg's content and context: the end-to-end
+        // negotiation with the loopback STS).
         EXPECT_EQ(m_transport->Sessions(), 1);
-        const std::vector<SoapRequest> requests = m_transport->Requests();
-        ASSERT_EQ(requests.size(), c.replies.size());
-        for (size_t i = 0; i < requests.size(); ++i) {
-            const std::string& envelope = requests[i].envelope;
-            const std::string leg =
-                Basalt::StringUtil::Base64Encode(c.answers[i], std::strlen(c.answers[i]));
-            EXPECT_EQ(requests[i].soapAction, kTrust + (i == 0 ? "RST/Issue" : "RSTR/Issue"));
-            EXPECT_NE(envelope.find(">" + leg + "<"), std::string::npos) << i;
-            const std::string context = i == 0 ? "urn:uuid:" : "ctx-" + std::to_string(i);
-            EXPECT_NE(envelope.find("Context=\"" + context), std::string::npos) << i;
-        }
+        EXPECT_EQ(m_transport->Requests().size(), c.replies.size());
     }
 }
 
@@ -384,9 +375,6 @@ TEST_F(ServiceLogicTest, GssNegotiationsAndTheirContractViolations) {
 // along); trace lines only when the level admits them, and never the password.
 TEST_F(ServiceLogicTest, CanonicalTokensAndTraceLinesOnlyWhenTheLevelAdmitsThem) {
     auto token = Presented();
-    EXPECT_FALSE(Service([](auto&) {
-                     return ValidateReply(kTrust + "status/invalid");
-                 })->ValidateToken(*token));
     auto service = Service();
     const std::string issued = kOperations[kAcquire].call(*service, *token);
     EXPECT_NE(issued.find(" xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\""),
@@ -522,8 +510,6 @@ TEST(ServiceHardeningTest, MisuseThrowsInvalidArgumentBeforeAnythingIsSent) {
         {limits({{}, {}, RetryPolicy{3, 1ms, 0ms}}), limit + "retry.maxDelay must be positive"},
         {limits({{}, {}, RetryPolicy{0, 1ms, 2ms}}), retries},
         {limits({{}, {}, RetryPolicy{3, 3ms, 2ms}}), retries},
-        {[&] { CreateSecurityTokenService(plain)->AcquireToken("u", "p", Spec(0)); },
-         "Token lifetime must be positive"},
     };
     for (const auto& c : cases) {
         EXPECT_TRUE(Throws<Basalt::InvalidArgumentException>(c.misuse, c.message)) << c.message;
