@@ -44,17 +44,17 @@ inline FaultLoadReport RunFaultLoad(int waves, int perWave, int64_t waitMicros) 
     using namespace SsoClient;
     const TestData::TempDir replies("fault-load");
     TestSts::TestServer sts, rogue;
-    const std::string ok = replies.Write("ok", IssueReply(MakeSignedAssertion({})));
-    const std::string fault =
-        replies.Write("fault", SoapFault("wst:FailedAuthentication", "Invalid credentials"));
+    const std::string ok = IssueReply(MakeSignedAssertion({}));
+    const std::string fault = SoapFault("wst:FailedAuthentication", "Invalid credentials");
+    const std::map<std::string, std::string> urls = {
+        {"/ok", sts.Url("/status?code=200&file=" + replies.Write("ok", ok))},
+        {"/fault", sts.Url("/status?code=500&file=" + replies.Write("fault", fault))},
+        {"/garbage", rogue.Url("/_fault/garbage")},
+        {"/truncated", rogue.Url("/_fault/truncated")},
+        {"/hang", rogue.Url("/_fault/hang")}};
     auto factory = CreateSamlTokenFactory(StsResolver().Get());
     std::map<std::string, std::shared_ptr<SecurityTokenService>> services;
-    for (const auto& [kind, url] :
-         std::map<std::string, std::string>{{"/ok", sts.Url("/status?code=200&file=" + ok)},
-                                            {"/fault", sts.Url("/status?code=500&file=" + fault)},
-                                            {"/garbage", rogue.Url("/_fault/garbage")},
-                                            {"/truncated", rogue.Url("/_fault/truncated")},
-                                            {"/hang", rogue.Url("/_fault/hang")}}) {
+    for (const auto& [kind, url] : urls) {
         services[kind] = std::make_shared<SecurityTokenServiceImpl>(
             std::make_shared<RequestBuilderImpl>(boost::none),
             std::make_shared<HttpsClient>(url, nullptr, "", waitMicros, true),
