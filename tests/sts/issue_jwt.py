@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Prints a JWT bearer token for a user, as the test STS's issuer would sign it (RS256 with
-tests/data/sts/signing.key), valid for ten minutes for the audience "urn:sso-demo".
-usage: issue_jwt.py UPN "FULL NAME" GROUP@DOMAIN..."""
+# Prints a JWT bearer token for a user, as the test STS's issuer would sign it (RS256 with
+# tests/data/sts/signing.key), valid for ten minutes for the audience "urn:sso-demo".
+# usage: issue_jwt.py UPN "FULL NAME" GROUP@DOMAIN...
 
 import os
 import sys

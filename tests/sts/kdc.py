@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""A throw-away MIT KDC on a loopback port for the Kerberos tests and the demo (see README.md,
-"Test KDC"). Files in <dir>: krb5.conf, <user>.keytab, http.keytab, alice.ccache (kinit with the
-password), expired.ccache (the same tickets, ended an hour ago)."""
+# A throw-away MIT KDC on a loopback port for the Kerberos tests and the demo (see README.md,
+# "Test KDC"). Files in <dir>: krb5.conf, <user>.keytab, http.keytab, alice.ccache (kinit with the
+# password), expired.ccache (the same tickets, ended an hour ago).
 
 import os
 import secrets
@@ -65,9 +65,9 @@ def create_realm(path):
     return passwords["alice"]
 
 
+# Copies a FILE ccache (format 4) with every ticket made to end an hour ago: no KDC issues such a
+# ticket, and no test waits for one to expire.
 def expire(source, target):
-    """Copies a FILE ccache (format 4) with every ticket made to end an hour ago: no KDC issues
-    such a ticket, and no test waits for one to expire."""
     data, now = bytearray(open(source, "rb").read()), int(time.time())
     at = 4 + struct.unpack_from(">H", data, 2)[0]  # version, header
 

@@ -1,4 +1,4 @@
-"""HTTP/TLS plumbing of the loopback test servers (see README.md, "Loopback HTTP test server")."""
+# HTTP/TLS plumbing of the loopback test servers (see README.md, "Loopback HTTP test server").
 
 import contextlib
 import http.server
@@ -85,9 +85,9 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         _pump(self.connection, upstream)
 
 
+# silent: accepts connections and never answers; counts the ones the client closes as "closed".
+# proxy_auth: the Proxy-Authorization a CONNECT must carry.
 class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
-    """silent: accepts connections and never answers; counts the ones the client closes as
-    "closed". proxy_auth: the Proxy-Authorization a CONNECT must carry."""
     daemon_threads = True
     request_queue_size = 512
 
@@ -141,8 +141,7 @@ class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
                 self.count("resumed")
         super().finish_request(request, client_address)
 
-    def stop(self):
-        """Refuses connections (the port stays held) and closes the open ones."""
+    def stop(self):  # refuses connections (the port stays held) and closes the open ones
         self.socket.shutdown(socket.SHUT_RDWR)  # wakes serve_forever at once
         self.shutdown()
         self.socket.close()
@@ -177,10 +176,10 @@ def make_tls_context(cert, key, client_ca=None, max_version=None):
     return context
 
 
+# Serves in the background, prints "READY <port>", then answers one command per stdin line
+# ("stats" as "name value ..." pairs); end of input ends the process at once (hung handlers
+# included).
 def run(server, commands=None):
-    """Serves in the background, prints "READY <port>", then answers one command per stdin line
-    ("stats" as "name value ..." pairs); end of input ends the process at once (hung handlers
-    included)."""
     server.start()
     print("READY %d" % server.port, flush=True)
     commands = dict(commands or {}, reset=server.reset, stop=server.stop, start=server.start,

@@ -1,6 +1,6 @@
-"""The loopback HTTP test server: serve.py [--tls NAME] [--client-ca NAME] [--max-tls 1.1|1.2]
-[--silent] [--proxy USER:PASSWORD], NAME a fixture under tests/data/tls. Routes are listed in
-ROUTES; with --proxy it also opens CONNECT tunnels for these Basic credentials (407 otherwise)."""
+# The loopback HTTP test server: serve.py [--tls NAME] [--client-ca NAME] [--max-tls 1.1|1.2]
+# [--silent] [--proxy USER:PASSWORD], NAME a fixture under tests/data/tls. Routes are listed in
+# ROUTES; with --proxy it also opens CONNECT tunnels for these Basic credentials (407 otherwise).
 
 import argparse
 import base64

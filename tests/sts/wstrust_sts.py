@@ -1,11 +1,12 @@
 #!/usr/bin/python3
-"""Loopback WS-Trust test STS (see README.md, "Loopback test STS"): wstrust_sts.py [--workers N]."""
+# Loopback WS-Trust test STS (see README.md, "Loopback test STS"): wstrust_sts.py [--workers N].
 
 import base64
 import datetime
 import hashlib
 import json
 import os
+import pathlib
 import secrets
 import ssl
 import sys
@@ -23,16 +24,14 @@ DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "data", "s
 EXT = "http://sso.example.com"  # the client's configure-time vendor-extension base
 WST = "http://docs.oasis-open.org/ws-sx/ws-trust/200512"
 OASIS = "http://docs.oasis-open.org/wss/2004/01/oasis-200401-wss-"
-NS = {"soapenv": "http://schemas.xmlsoap.org/soap/envelope/", "wst": WST,
-      "wst14": "http://docs.oasis-open.org/ws-sx/ws-trust/200802",
+SAML = "urn:oasis:names:tc:SAML:2.0:"
+NS = {"soapenv": "http://schemas.xmlsoap.org/soap/envelope/", "wst": WST, "wst14": WST[:-3] + "802",
       "wsse": OASIS + "wssecurity-secext-1.0.xsd", "wsu": OASIS + "wssecurity-utility-1.0.xsd",
       "wsa": "http://www.w3.org/2005/08/addressing", "ds": "http://www.w3.org/2000/09/xmldsig#",
-      "saml2": "urn:oasis:names:tc:SAML:2.0:assertion",
-      "del": "urn:oasis:names:tc:SAML:2.0:conditions:delegation",
+      "saml2": SAML + "assertion", "del": SAML + "conditions:delegation",
       "xs": "http://www.w3.org/2001/XMLSchema", "xsi": "http://www.w3.org/2001/XMLSchema-instance",
       "rsa": EXT + "/names/2009/12/std-ext/SAML2.0",
       "adv": EXT + "/names/2009/12/std-ext/WS-Trust1.4/advice"}
-SAML = "urn:oasis:names:tc:SAML:2.0:"
 UPN = {"Format": "http://schemas.xmlsoap.org/claims/UPN"}
 CLAIMS = "http://schemas.xmlsoap.org/ws/2005/05/identity/claims/"
 SKEW, MAX_LIFETIME = datetime.timedelta(minutes=5), datetime.timedelta(days=30)
@@ -43,8 +42,8 @@ KEY_LOCK = threading.Lock()  # xmlsec copies a key on assignment; threads must n
 PARSER = etree.XMLParser(resolve_entities=False, no_network=True, load_dtd=False)
 
 
-class Fault(Exception):
-    """args: the fault code and its message."""
+class Fault(Exception):  # args: the fault code and its message
+    pass
 
 
 def q(tag):
@@ -84,8 +83,7 @@ def parse_time(value):
 
 
 def read(name):
-    with open(os.path.join(DATA, name), "rb") as handle:
-        return handle.read()
+    return pathlib.Path(DATA, name).read_bytes()
 
 
 def load_accounts():
@@ -116,7 +114,7 @@ def attributes(parent, rows):
 
 
 def build(token):
-    """The signed assertion, in the element order the client's parser insists on."""
+    # The signed assertion, in the element order the client's parser insists on.
     assertion = etree.Element(q("saml2:Assertion"), ID=token["id"], IssueInstant=fmt(now()),
                               Version="2.0", nsmap={k: NS[k] for k in ("saml2", "xs", "xsi")})
     el(assertion, "saml2:Issuer", "https://localhost/sts",
@@ -188,8 +186,8 @@ def dsig(signature, operation, key, *ids):
 
 
 def known_token(assertion):
-    """The record of an assertion this STS issued and still honours, its signature checked on a
-    detached copy (so nothing around it takes part)."""
+    # The record of an assertion this STS issued and still honours, its signature checked on a
+    # detached copy (so nothing around it takes part).
     copy = etree.fromstring(etree.tostring(assertion))
     signature = find(copy, "ds:Signature")
     uri = None if signature is None else signature.find(".//ds:Reference", NS).get("URI")
@@ -206,8 +204,8 @@ def known_token(assertion):
 
 
 def security(envelope):
-    """The request's credentials; a signature must cover exactly the Body and the Timestamp and
-    verify with the header's certificate or the key of a presented holder-of-key token."""
+    # The request's credentials; a signature must cover exactly the Body and the Timestamp and
+    # verify with the header's certificate or the key of a presented holder-of-key token.
     header = find(envelope, "soapenv:Header/wsse:Security")
     result = types.SimpleNamespace(cert=None, presented=None, signature_id=None,
                                    user=text(header, "wsse:UsernameToken/wsse:Username"),
@@ -289,8 +287,7 @@ def make_token(who, spec, authn):
     return store(token, spec["span"] or datetime.timedelta(hours=1))
 
 
-def respond(fill, status=200, headers=()):
-    """An envelope whose Body fill() fills."""
+def respond(fill, status=200, headers=()):  # an envelope whose Body fill() fills
     envelope = etree.Element(q("soapenv:Envelope"), nsmap={"soapenv": NS["soapenv"]})
     fill(el(envelope, "soapenv:Body"))
     return loopback.Response(status, None, [("Content-Type", "text/xml; charset=utf-8"), *headers],
@@ -298,7 +295,7 @@ def respond(fill, status=200, headers=()):
 
 
 def reply(token=None, collection=True, context=None, leg=None, headers=(), status=None):
-    """status: (code, reason) of a validation."""
+    # status: (code, reason) of a validation.
     def fill(body):
         if collection:
             body = el(body, "wst:RequestSecurityTokenResponseCollection", nsmap=["wst"])

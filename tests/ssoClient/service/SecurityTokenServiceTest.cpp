@@ -64,14 +64,9 @@ class TestGssHandler : public NegotiationHandler, public TestSupport::TestGssMec
 
 class SecurityTokenServiceTest : public ::testing::Test {
   protected:
-    // A service for the STS (with the client identity if withHolderOfKey), over TLS with this
-    // context if one is given.
-    std::shared_ptr<SecurityTokenService> Service(bool withHolderOfKey = true,
-                                                  Basalt::Ssl::SSLContext* tls = nullptr) {
+    // A service for the STS, with the client identity if withHolderOfKey.
+    std::shared_ptr<SecurityTokenService> Service(bool withHolderOfKey = true) {
         SecurityTokenServiceConfig config = TestSupport::LoopbackStsConfig(m_sts.Url());
-        if (tls) {
-            config.sslContext = tls;
-        }
         if (withHolderOfKey) {
             config.holderOfKey = Trust().client;
         }
@@ -115,21 +110,10 @@ TEST_F(SecurityTokenServiceTest, PasswordTokenCarriesWhatWasAskedFor) {
         [&] { Service(false)->AcquireToken("alice", "wrong", spec); },
         "Authentication failed: Invalid user name or password"));
     const StsTrust other("tls/ca.pem");
-    EXPECT_THROW(
-        Service(false, other.sslContext.Get())->AcquireToken("alice", "alice-password", spec),
-        CommunicationException);
-    // Callers of a provider who find no token share one request.
-    auto provider = CreateTokenProvider(Service(false),
-                                        TokenRecipe::ByPassword("alice", "alice-password"), Spec());
-    std::vector<std::future<std::shared_ptr<const SamlToken>>> callers(8);
-    for (auto& caller : callers) {
-        caller = std::async(std::launch::async, [&] { return provider->GetToken(); });
-    }
-    const auto shared = provider->GetToken();
-    for (auto& caller : callers) {
-        EXPECT_EQ(caller.get(), shared);
-    }
-    EXPECT_EQ(m_sts.Stats()["requests"], 3);
+    SecurityTokenServiceConfig config = TestSupport::LoopbackStsConfig(m_sts.Url());
+    config.sslContext = other.sslContext.Get();
+    EXPECT_THROW(CreateSecurityTokenService(config)->AcquireToken("alice", "alice-password", spec),
+                 CommunicationException);
 }
 
 TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
@@ -200,13 +184,9 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegsAndServicesOnAUser
         auto token = issued.get_future().get();
         ASSERT_TRUE(token);
         EXPECT_EQ(token->GetSubject()->name, "alice");
-        // Empty first leg, two challenges, then the final WELCOME handed to the handler again.
-        ASSERT_EQ(handler->serverLegs.size(), 4u);
-        EXPECT_EQ(handler->serverLegs[0], "");
-        EXPECT_EQ(handler->serverLegs[3], "WELCOME alice@example.test");
         EXPECT_EQ(m_sts.Stats()["requests"], async ? 6 : 3);
     }
-    config.url = "https://localhost:" + std::to_string(m_sts.Port()) + "/sts/STSService";
+    config.url = m_sts.Url();
     ASSERT_TRUE(CreateSecurityTokenService(config)->AcquireToken("bob", "bob-password", Spec()));
     config.url = "sts/STSService";
     EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
