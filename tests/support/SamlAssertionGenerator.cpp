@@ -68,13 +68,10 @@ std::string SubjectConfirmation(const AssertionSpec& spec) {
         return xml + "<saml2:SubjectConfirmationData NotOnOrAfter=\"" +
                At(spec.notOnOrAfterOffsetSec) + "\"/></saml2:SubjectConfirmation>";
     }
-    const std::string pem = spec.holderOfKeyCertificatePem.empty()
-                                ? TestData::Read("certs/user-ec.pem")
-                                : spec.holderOfKeyCertificatePem;
     return xml +
            "<saml2:SubjectConfirmationData xsi:type=\"saml2:KeyInfoConfirmationDataType\">"
            "<ds:KeyInfo" +
-           kDsig + ">" + X509Data(pem) +
+           kDsig + ">" + X509Data(TestData::Read("certs/user-ec.pem")) +
            "</ds:KeyInfo></saml2:SubjectConfirmationData></saml2:SubjectConfirmation>";
 }
 
