@@ -4,7 +4,6 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/KerberosNegotiationHandler.h>
 
-#include <cstdlib>
 #include <future>
 
 #include "sts/TestServer.h"

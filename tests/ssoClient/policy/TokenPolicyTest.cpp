@@ -2,7 +2,6 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/TokenPolicy.h>
 
-#include <functional>
 #include <iterator>
 #include <sstream>
 

@@ -1,12 +1,11 @@
 // The token provider over a scripted service and a hand-set clock (end to end in
 // SecurityTokenServiceTest).
 #include <gtest/gtest.h>
-#include <ssoClient/Exceptions.h>
+
 #include <ssoClient/TokenProvider.h>
 #include <ssoClient/ValidatedTokenCache.h>
 
 #include <future>
-#include <mutex>
 
 #include "internal/service/SecurityTokenServiceImpl.h"
 #include "support/ExpectThrow.h"
@@ -249,9 +248,7 @@ TEST_F(TokenProviderTest, RefusesWhatTheServiceShouldNotHaveReturned) {
         {[](auto&) { CreateCachingSamlTokenFactory(nullptr); },
          "A caching factory needs a factory to wrap"},
         {[](auto&) {
-             ValidatedTokenCacheOptions none;
-             none.maxEntries = 0;
-             CreateCachingSamlTokenFactory(CreateSamlTokenFactory(StsResolver().Get()), none);
+             CreateCachingSamlTokenFactory(CreateSamlTokenFactory(nullptr), {0, {}});
          },
          "A token cache needs room for one entry"},
         {[](auto&) {
