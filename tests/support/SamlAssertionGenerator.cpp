@@ -3,8 +3,12 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <memory>
+#include <stdexcept>
 
+#include <basalt/IO.h>
 #include <basalt/StringUtil.h>
+#include <basalt/Xml.h>
 
 #include "TestData.h"
 #include "internal/saml/SamlNames.h"

@@ -50,7 +50,7 @@ struct AssertionSpec {
     // ProxyRestriction / RenewRestriction: absent when nullopt; "" writes one without Count.
     std::optional<std::string> proxyCount;
     std::optional<std::string> renewCount;
-    std::vector<SsoClient::Advice> advice;         // an Advice element when not empty
+    std::vector<SsoClient::Advice> advice;  // an Advice element when not empty
     std::vector<SamlAttribute> attributes;  // an AttributeStatement when not empty
     // Fragments replaced (first occurrence, in order) in the text before it is signed.
     std::vector<std::pair<std::string, std::string>> edits;

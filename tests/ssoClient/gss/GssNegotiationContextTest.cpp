@@ -2,8 +2,10 @@
 // session cookie), and the context's own bookkeeping over a scripted transport.
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
+#include <ssoClient/GssNegotiationContext.h>
 
 #include <regex>
+#include <set>
 
 #include "internal/gss/GssNegotiationContextImpl.h"
 #include "sts/TestServer.h"

@@ -4,6 +4,7 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/KerberosNegotiationHandler.h>
 
+#include <cstdlib>
 #include <future>
 
 #include "sts/TestServer.h"

@@ -4,6 +4,8 @@
 #include <ssoClient/JwtTokenValidator.h>
 
 #include <future>
+#include <map>
+#include <tuple>
 
 #include "foundation/JwtTestSupport.h"
 #include "internal/jwt/JwtTokenValidator.h"

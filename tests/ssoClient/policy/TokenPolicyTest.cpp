@@ -2,6 +2,7 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/TokenPolicy.h>
 
+#include <functional>
 #include <iterator>
 #include <sstream>
 

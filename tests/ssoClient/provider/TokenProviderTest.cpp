@@ -1,11 +1,12 @@
 // The token provider over a scripted service and a hand-set clock (end to end in
 // SecurityTokenServiceTest).
 #include <gtest/gtest.h>
-
+#include <ssoClient/Exceptions.h>
 #include <ssoClient/TokenProvider.h>
 #include <ssoClient/ValidatedTokenCache.h>
 
 #include <future>
+#include <mutex>
 
 #include "internal/service/SecurityTokenServiceImpl.h"
 #include "support/ExpectThrow.h"

@@ -1,11 +1,14 @@
 // The validated-token caches, SAML factory and token validator alike, over counting inner
 // validators and a hand-set clock.
 
+#include <basalt/Object.h>
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/ValidatedTokenCache.h>
 
 #include <future>
+#include <string>
+#include <vector>
 
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"

@@ -2,10 +2,14 @@
 // the wire (tests/data/requests/envelopes.txt), and its signatures checked by implementations
 // other than ours: Apache Santuario's xsec-checksig and the xmlsec1 command-line tool.
 
+#include <basalt/Exception.h>
+#include <basalt/StringUtil.h>
 #include <gtest/gtest.h>
+#include <ssoClient/SamlTokenFactory.h>
 
 #include <regex>
 
+#include "TestData.h"
 #include "internal/requests/RequestBuilder.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"

@@ -3,6 +3,8 @@
 #include <ssoClient/Exceptions.h>
 #include <ssoClient/SamlTokenFactory.h>
 
+#include <basalt/Xml.h>
+
 #include "TestData.h"
 #include "internal/xml/Namespaces.h"
 #include "internal/xml/XmlUtils.h"

@@ -3,12 +3,18 @@
 #include <gtest/gtest.h>
 #include <ssoClient/Description.h>
 #include <ssoClient/Exceptions.h>
+#include <ssoClient/SamlTokenFactory.h>
 
+#include <atomic>
 #include <thread>
+
+#include <basalt/IO.h>
+#include <basalt/Xml.h>
 
 #include "internal/saml/Descriptions.h"
 #include "internal/saml/SamlNames.h"
 #include "internal/saml/SamlTokenImpl.h"
+#include "internal/xml/Namespaces.h"
 #include "internal/xml/XmlUtils.h"
 #include "support/ExpectThrow.h"
 #include "support/LogCapture.h"
