@@ -63,14 +63,10 @@ std::string Masked(std::string text, const SamlToken& token) {
     return text;
 }
 
-// The section of envelopes.txt that follows the line "=== name".
+// The section of envelopes.txt that follows the line "=== name" (a missing one compares unequal).
 std::string Golden(const std::string& name) {
     const std::string text = TestData::Read("requests/envelopes.txt");
-    const size_t start = text.find("=== " + name + "\n");
-    if (start == std::string::npos) {
-        return "(no " + name + ")";
-    }
-    const size_t begin = text.find('\n', start) + 1;
+    const size_t begin = text.find("=== " + name + "\n") + name.size() + 5;
     return text.substr(begin, std::min(text.find("\n===", begin), text.size() - 1) - begin);
 }
 
