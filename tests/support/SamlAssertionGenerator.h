@@ -17,7 +17,6 @@ namespace TestSupport {
 
 // An attribute (name and values) and an advice (source and attributes), as requests carry them.
 using SamlAttribute = SsoClient::AdviceAttribute;
-using SamlAdvice = SsoClient::Advice;
 
 // A delegation-chain link: the delegate's UPN and when, in seconds relative to now.
 struct SamlDelegate {
@@ -42,8 +41,7 @@ struct AssertionSpec {
     std::string id;  // empty: a fresh "_" + UUID
     std::string version = "2.0";
     std::string subjectUpn = "alice@example.test";
-    bool holderOfKey = false;
-    std::string holderOfKeyCertificatePem;  // holder-of-key only; empty: tests/data user-ec.pem
+    bool holderOfKey = false;  // bound to tests/data certs/user-ec.pem
     int64_t notBeforeOffsetSec = -60;
     int64_t notOnOrAfterOffsetSec = 3600;
     // A DelegationRestriction when not empty; the SubjectConfirmation names the last delegate.
@@ -52,7 +50,7 @@ struct AssertionSpec {
     // ProxyRestriction / RenewRestriction: absent when nullopt; "" writes one without Count.
     std::optional<std::string> proxyCount;
     std::optional<std::string> renewCount;
-    std::vector<SamlAdvice> advice;         // an Advice element when not empty
+    std::vector<SsoClient::Advice> advice;  // an Advice element when not empty
     std::vector<SamlAttribute> attributes;  // an AttributeStatement when not empty
     // Fragments replaced (first occurrence, in order) in the text before it is signed.
     std::vector<std::pair<std::string, std::string>> edits;

@@ -83,9 +83,6 @@ TEST_F(SsotoolTest, VerdictsAndExitCodes) {
                                               "'Alice Liddell' Users@example.test")
                           .second;
     const std::string bearer = m_dir.Write("bearer.jwt", jwt);
-    char& signature = jwt[jwt.rfind('.') + 5];
-    signature = signature == 'A' ? 'B' : 'A';
-    const std::string tampered = m_dir.Write("tampered.jwt", jwt);
     const std::string sts = kData + "sts/signing.pem", other = kData + "certs/sts-rsa.pem";
     auto jwtCheck = [&](const std::string& file, const std::string& audience) {
         return std::vector<std::string>{"validate", file,         "--jwt", "--key",
@@ -104,13 +101,11 @@ TEST_F(SsotoolTest, VerdictsAndExitCodes) {
         {1,
          "invalid: Failed to verify signature: token might have been tampered with.\n",
          {"validate", forged, "--trust", other}},
-        {1, "invalid: Failed to verify signature", {"validate", saml, "--trust", sts}},
         {1, "invalid: The token has expired at: ", {"validate", old, "--trust", other}},
         {0, "valid: ", {"validate", old, "--trust", other, "--tolerance", "4000"}},
         {0, "Format:        SAML 2.0 assertion", {"inspect", old}},
         {0, "valid: SamlToken [subject={Name: alice;", jwtCheck(bearer, "urn:sso-demo")},
         {1, "invalid: Missing or incorrect audience\n", jwtCheck(bearer, "urn:other")},
-        {1, "invalid: Token signature validation failed\n", jwtCheck(tampered, "urn:sso-demo")},
         {0, "Format:        JWT (signature not checked)\n", {"inspect", "-"}, jwt},
         {1, "", {"inspect", "-"}, "not a token"},
         {1, "", Sts("acquire", {"--user", "alice", "--password-file", "-"}), "wrong\n"},

@@ -249,9 +249,7 @@ TEST_F(TokenProviderTest, RefusesWhatTheServiceShouldNotHaveReturned) {
         {[](auto&) { CreateCachingSamlTokenFactory(nullptr); },
          "A caching factory needs a factory to wrap"},
         {[](auto&) {
-             ValidatedTokenCacheOptions none;
-             none.maxEntries = 0;
-             CreateCachingSamlTokenFactory(CreateSamlTokenFactory(StsResolver().Get()), none);
+             CreateCachingSamlTokenFactory(CreateSamlTokenFactory(nullptr), {0, {}});
          },
          "A token cache needs room for one entry"},
         {[](auto&) {

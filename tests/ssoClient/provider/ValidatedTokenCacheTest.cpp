@@ -1,5 +1,6 @@
 // The validated-token caches, SAML factory and token validator alike, over counting inner
 // validators and a hand-set clock.
+
 #include <basalt/Object.h>
 #include <gtest/gtest.h>
 #include <ssoClient/Exceptions.h>
