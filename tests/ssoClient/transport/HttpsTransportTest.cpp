@@ -79,9 +79,10 @@ TEST_F(HttpsTransport, SessionsKeepTheirCookiesAndShareConnectionsIfAsked) {
 }
 
 TEST_F(HttpsTransport, FailuresBecomeCommunicationExceptionsAndSpecsRefuseBadEndpoints) {
-    // The TLS name and the wait reach the foundation; its failures keep their message. (Peer
-    // verification itself: the foundation's TLS tests and the end-to-end service test.)
-    TestSts::TestServer names({"--tls", "names-only"});
+    // The TLS name and the wait reach the foundation; its failures keep their message.
+    TestSts::TestServer untrusted({"--tls", "untrusted"}), names({"--tls", "names-only"});
+    EXPECT_THAT(Send(HttpsClient(untrusted.Url("/echo"), m_tls, "", kWait, false)),
+                HasSubstr("TLS certificate verification failed"));
     EXPECT_EQ(Send(HttpsClient(names.Url("/echo"), m_tls, "sts.test", kWait, false)),
               "<Envelope/>");
     EXPECT_THAT(Send(HttpsClient(m_server.Url("/_fault/hang"), m_tls, "", 300000, false)),
