@@ -6,8 +6,6 @@
 #include <basalt/Xml.h>
 
 #include "TestData.h"
-#include "internal/xml/Namespaces.h"
-#include "internal/xml/XmlUtils.h"
 #include "support/ExpectThrow.h"
 #include "support/SamlAssertionGenerator.h"
 
@@ -59,8 +57,6 @@ TEST(SamlSignatureTest, AcceptsTokensSignedByIndependentSignersOnlyWithTheRightK
             const std::string noted =
                 ReplaceOnce(xml, "<saml2:Subject>", "<!--n--><saml2:Subject>");
             EXPECT_EQ(CreateSamlToken(noted, StsResolver().Get())->GetXml(), noted);
-            EXPECT_TRUE(Throws<InvalidSignatureException>(
-                [&] { CreateSamlToken(xml, OtherResolver().Get()); }, kTampered));
             const std::string tampered = ReplaceOnce(xml, "alice@", "alicf@");
             EXPECT_TRUE(Throws<InvalidSignatureException>(
                 [&] { CreateSamlToken(tampered, StsResolver().Get()); }, kTampered));
@@ -68,61 +64,28 @@ TEST(SamlSignatureTest, AcceptsTokensSignedByIndependentSignersOnlyWithTheRightK
     }
 }
 
-TEST(SamlSignatureTest, RefusesSignatureWrapping) {
+// How the foundation's refusals reach the user (every wrapping shape, reference, transform and
+// algorithm has its case in the foundation's tables), and the one rule of the token itself: its
+// signature covers the whole assertion.
+TEST(SamlSignatureTest, FoundationRefusalsReachTheUserAndTheSignatureCoversTheToken) {
     AssertionSpec genuine, forged;
     genuine.id = "_genuine";
+    forged.id = "_forged";
     forged.subjectUpn = "mallory@example.test";
-    const std::string original = MakeSignedAssertion(genuine);
-    const size_t begin = original.find("<ds:Signature");
-    const std::string signature =
-        original.substr(begin, original.find("</ds:Signature>") + 15 - begin);
-    const auto forge = [&](const std::string& id) {
-        forged.id = id;
-        return ReplaceOnce(BuildAssertionXml(forged), "</saml2:Issuer>",
-                           "</saml2:Issuer>" + signature);
-    };
+    const std::string xml = MakeSignedAssertion(genuine);
+    const size_t begin = xml.find("<ds:Signature");
+    const std::string signature = xml.substr(begin, xml.find("</ds:Signature>") + 15 - begin);
     // The genuine signature on a forged assertion with its own ID covers another element (a
     // whole-document reference is accepted, as Santuario signs).
+    const std::string wrapped =
+        ReplaceOnce(BuildAssertionXml(forged), "</saml2:Issuer>", "</saml2:Issuer>" + signature);
+    EXPECT_TRUE(Throws<ParseException>([&] { CreateSamlToken(wrapped, StsResolver().Get()); },
+                                       "Token's signature must cover the entire token"));
+    // A transform outside the allowed set (XPath could select nothing at all).
+    const std::string xpath =
+        ReplaceOnce(xml, "xmldsig#enveloped-signature\"", "TR/1999/REC-xpath-19991116\"");
     EXPECT_TRUE(
-        Throws<ParseException>([&] { CreateSamlToken(forge("_forged"), StsResolver().Get()); },
-                               "Token's signature must cover the entire token"));
-    // With the genuine ID: the digest no longer matches.
-    const std::string sameId = forge("_genuine");
-    EXPECT_TRUE(Throws<InvalidSignatureException>(
-        [&] { CreateSamlToken(sameId, StsResolver().Get()); }, kTampered));
-    // The genuine assertion hidden inside the signature: the signature may not carry it.
-    const std::string hidden = ReplaceOnce(
-        sameId, "</ds:Signature>", "<ds:Object>" + original + "</ds:Object></ds:Signature>");
-    EXPECT_TRUE(Throws<ParseException>([&] { CreateSamlToken(hidden, StsResolver().Get()); },
-                                       "Signature syntax error: ", true));
-    // The same ID twice in one message, the genuine assertion in a header: the reference no longer
-    // names exactly one element.
-    Basalt::Ref<Basalt::Xml::Document> document;
-    ParseXmlText("<e:Envelope xmlns:e='urn:e'><e:Header>" + original + "</e:Header><e:Body>" +
-                     sameId + "</e:Body></e:Envelope>",
-                 document);
-    const auto assertion = document->GetDocumentElement()
-                               ->FindChildElement("urn:e", "Body")
-                               ->FindChildElement(Xmlns::kSamlAssertion, "Assertion");
-    EXPECT_TRUE(Throws<InvalidSignatureException>(
-        [&] { CreateSamlTokenFromDom(assertion.Get(), StsResolver().Get()); },
-        "Signature verification error. ", true));
-}
-
-TEST(SamlSignatureTest, MalformedSignaturesAndDocumentTypesAreRefused) {
-    const std::string xml = MakeSignedAssertion(AssertionSpec{});
-    const std::string edited[] = {
-        // A transform outside the allowed set (XPath could select nothing at all).
-        ReplaceOnce(xml, "xmldsig#enveloped-signature\"", "TR/1999/REC-xpath-19991116\""),
-        ReplaceOnce(xml, "URI=\"#", "URI=\"http://evil.example/doc#"),  // another document
-        // No signature where one must be.
-        ReplaceOnce(ReplaceOnce(xml, "ds:Signature>", "ds:Signatur>"), "<ds:Signature",
-                    "<ds:Signatur"),
-    };
-    for (const auto& text : edited) {
-        EXPECT_TRUE(Throws<ParseException>([&] { CreateSamlToken(text); },
-                                           "Signature syntax error: ", true));
-    }
+        Throws<ParseException>([&] { CreateSamlToken(xpath); }, "Signature syntax error: ", true));
     // A signature value that no longer decodes to the right length cannot be checked at all.
     std::string broken = xml;
     const size_t value = xml.find("<ds:SignatureValue>") + 19;
