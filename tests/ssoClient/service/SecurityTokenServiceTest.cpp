@@ -103,17 +103,10 @@ TEST_F(SecurityTokenServiceTest, PasswordTokenCarriesWhatWasAskedFor) {
     PersonName name;
     token->GetPersonName(name);
     EXPECT_EQ(name.givenName + " " + name.surname, "Alice Liddell");
-    // A wrong password is refused; TLS verification is on: a server certificate from another CA
-    // is refused, also after a context that trusts the server's CA has been used in this process
-    // (every context keeps its own trust).
+    // A wrong password is refused. (An untrusted server: the transport's and the TLS tests.)
     EXPECT_TRUE(TestSupport::Throws<InvalidCredentialsException>(
         [&] { Service(false)->AcquireToken("alice", "wrong", spec); },
         "Authentication failed: Invalid user name or password"));
-    const StsTrust other("tls/ca.pem");
-    SecurityTokenServiceConfig config = TestSupport::LoopbackStsConfig(m_sts.Url());
-    config.sslContext = other.sslContext.Get();
-    EXPECT_THROW(CreateSecurityTokenService(config)->AcquireToken("alice", "alice-password", spec),
-                 CommunicationException);
 }
 
 TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
