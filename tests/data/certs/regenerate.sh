@@ -13,4 +13,3 @@ openssl req -x509 -newkey rsa:2048 -nodes -keyout other-rsa.key -out other-rsa.p
 openssl pkcs8 -topk8 -in sts-rsa.key -out sts-rsa-encrypted.key -v2 aes-256-cbc \
     -passout pass:correct-horse
 openssl rsa -in sts-rsa.key -traditional -out sts-rsa-traditional.key 2>/dev/null
-openssl x509 -in sts-rsa.pem -noout -fingerprint -sha256 | sed 's/.*=//; s/://g' > sts-rsa.sha256
