@@ -19,6 +19,7 @@ using Basalt::Jwt::Decoder;
 using JwtTest::Base64Url;
 using JwtTest::Fixture;
 using JwtTest::Sign;
+using TestData::LoadCertificate;
 
 Ref<Certificate> FromDer(const std::string& der) {
     Ref<Certificate> cert;
@@ -26,16 +27,10 @@ Ref<Certificate> FromDer(const std::string& der) {
     return cert;
 }
 
-Ref<Certificate> FromPem(const std::string& file) {
-    Ref<Certificate> cert;
-    CreateCertificateFromPem(TestData::Read(file), cert);
-    return cert;
-}
-
 TEST(CertificateTest, PemAndDerGiveTheSameCertificateSharedByItsBytesOnlyAndNothingMalformed) {
     const std::string der = TestData::Read("certs/sts-rsa.der");
-    const Ref<Certificate> fromPem = FromPem("certs/sts-rsa.pem"), first = FromDer(der);
-    const std::vector<unsigned char> otherDer = FromPem("certs/other-rsa.pem")->GetDer();
+    const Ref<Certificate> fromPem = LoadCertificate("certs/sts-rsa.pem"), first = FromDer(der);
+    const std::vector<unsigned char> otherDer = LoadCertificate("certs/other-rsa.pem")->GetDer();
     const auto other = FromDer(std::string(otherDer.begin(), otherDer.end()));
     EXPECT_TRUE(fromPem->Equals(*first));
     EXPECT_FALSE(fromPem->Equals(*other));
@@ -75,12 +70,12 @@ TEST(PrivateKeyTest, KeysLoadInEachFormMatchTheirCertificateAndBadOnesAreRejecte
         {"certs/sts-rsa-encrypted.key", "certs/sts-rsa.pem", "correct-horse", "RSA", 2048},
         {"certs/user-ec.key", "certs/user-ec.pem", "", "EC", 256},
     };
-    Ref<Certificate> other = FromPem("certs/other-rsa.pem");
+    Ref<Certificate> other = LoadCertificate("certs/other-rsa.pem");
     for (const auto& [keyFile, certFile, passphrase, algorithm, bits] : cases) {
         SCOPED_TRACE(keyFile);
         Ref<PrivateKey> key;
         CreatePrivateKeyFromPem(TestData::Read(keyFile), key, passphrase);
-        Ref<Certificate> cert = FromPem(certFile);
+        Ref<Certificate> cert = LoadCertificate(certFile);
         EXPECT_EQ(key->GetAlgorithmName() + std::to_string(key->GetBits()) +
                       std::to_string(key->Matches(*cert)) + std::to_string(key->Matches(*other)),
                   algorithm + std::to_string(bits) + "10");

@@ -46,12 +46,7 @@ Ref<Http::ClientRequest> MakeRequest(const std::string& path, const std::string&
 std::string ReadBody(const Http::ClientResponse& response) {
     Ref<Reader> reader;
     response.GetBodyReader(reader);
-    std::string body;
-    char buffer[65536];
-    while (size_t count = reader->Read(buffer, sizeof buffer)) {
-        body.append(buffer, count);
-    }
-    return body;
+    return TestData::ReadAll(*reader);
 }
 
 Ref<Http::ClientResponse> Exchange(Http::HttpUserAgent& agent, const std::string& path,
@@ -185,9 +180,7 @@ TEST(HttpFailures, NameTheCauseAndThePeer) {
 }
 
 Ref<Crypto::Certificate> Certificate(const std::string& name) {
-    Ref<Crypto::Certificate> certificate;
-    Crypto::CreateCertificateFromPem(TestData::Read("tls/" + name + ".pem"), certificate);
-    return certificate;
+    return TestData::LoadCertificate("tls/" + name + ".pem");
 }
 
 // Named option sets; "ca" trusts the test CA and is the base of the others except "system".
@@ -202,7 +195,7 @@ Ref<Ssl::SSLContext> Context(const std::string& name) {
                                              : TestData::Read("tls/client.pem");
     } else if (name == "client") {
         o.clientCertificate = Certificate("client");
-        Crypto::CreatePrivateKeyFromPem(TestData::Read("tls/client.key"), o.clientKey);
+        o.clientKey = TestData::LoadPrivateKey("tls/client.key");
     } else if (name == "tls13") {
         o.minimumVersion = Ssl::TlsVersion::Tls1_3;
     } else if (name == "unverified") {
@@ -295,7 +288,7 @@ TEST(TlsConnections, KeptAliveConnectionsNeverServeAnotherContext) {
 TEST(SSLContext, RefusesInconsistentOptions) {
     Ssl::SSLContextOptions noKey, otherKey, garbageCa, garbagePin, nullCa;
     noKey.clientCertificate = otherKey.clientCertificate = Certificate("client");
-    Crypto::CreatePrivateKeyFromPem(TestData::Read("tls/server.key"), otherKey.clientKey);
+    otherKey.clientKey = TestData::LoadPrivateKey("tls/server.key");
     garbageCa.trustedCaPem = "not a certificate";
     garbagePin.pinnedPublicKeyPem = "-----BEGIN PUBLIC KEY-----\nAAAA\n-----END PUBLIC KEY-----\n";
     nullCa.trustedCertificates.emplace_back();

@@ -47,10 +47,9 @@ inline std::string Sign(const std::string& payload,
                         const std::string& header = R"({"alg":"RS256"})",
                         const std::string& keyFile = "rsa.key") {
     const std::string input = Base64Url(header) + "." + Base64Url(payload);
-    Basalt::Ref<Basalt::Crypto::PrivateKey> key;
-    Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("jwt/" + keyFile), key);
     const auto signature =
-        key->Sign(Basalt::Crypto::DigestAlgorithm::Sha256, input.data(), input.size());
+        TestData::LoadPrivateKey("jwt/" + keyFile)
+            ->Sign(Basalt::Crypto::DigestAlgorithm::Sha256, input.data(), input.size());
     return input + "." + Base64Url(std::string(signature.begin(), signature.end()));
 }
 

@@ -4,10 +4,7 @@
 #include <basalt/StringUtil.h>
 #include <basalt/XmlSecurity.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -18,6 +15,9 @@
 using namespace Basalt;
 using namespace Basalt::Xml;
 using namespace Basalt::Xml::Security;
+using TestData::LoadCertificate;
+using TestData::TrustOnly;
+const auto Replace = &TestData::ReplaceOnce;
 using TestSupport::Throws;
 
 namespace {
@@ -223,28 +223,6 @@ const std::string kAssertion =
     "</saml2:Subject><saml2:Conditions NotBefore=\"2024-01-05T03:04:05Z\" "
     "NotOnOrAfter=\"2124-01-05T03:04:05Z\"/></saml2:Assertion>";
 
-Ref<Crypto::Certificate> LoadCertificate(const std::string& path) {
-    Ref<Crypto::Certificate> certificate;
-    Crypto::CreateCertificateFromPem(TestData::Read(path), certificate);
-    return certificate;
-}
-
-Ref<Crypto::PrivateKey> LoadKey(const std::string& path) {
-    Ref<Crypto::PrivateKey> key;
-    Crypto::CreatePrivateKeyFromPem(TestData::Read(path), key);
-    return key;
-}
-
-Ref<KeyInfoResolver> TrustOnly(const std::vector<std::string>& certificatePaths) {
-    std::vector<Ref<Crypto::Certificate>> trusted;
-    for (const auto& path : certificatePaths) {
-        trusted.push_back(LoadCertificate(path));
-    }
-    Ref<KeyInfoResolver> resolver;
-    CreateTrustedCertificateResolver(trusted, resolver);
-    return resolver;
-}
-
 // Signs the assertion's root (enveloped, exclusive c14n, RSA-SHA256 unless given) and returns
 // the serialised result.
 std::string SignAssertion(const std::string& keyPath, const std::string& certificatePath,
@@ -258,7 +236,7 @@ std::string SignAssertion(const std::string& keyPath, const std::string& certifi
         Element("ds", "X509Certificate",
                 StringUtil::Base64Encode(LoadCertificate(certificatePath)->GetDer())));
     signature->AddKeyInfoContent(data);
-    signature->Sign(*LoadKey(keyPath));
+    signature->Sign(*TestData::LoadPrivateKey(keyPath));
     return Serialize(*root);
 }
 
@@ -284,15 +262,6 @@ std::string Check(const std::string& text, const KeyInfoResolver* resolver, int 
     }
 }
 
-// text with the first occurrence of from replaced by to (which must be there).
-std::string Replace(std::string text, const std::string& from, const std::string& to) {
-    size_t at = text.find(from);
-    if (at == std::string::npos) {
-        throw std::runtime_error("not found: " + from);
-    }
-    return text.replace(at, from.size(), to);
-}
-
 const char kStsKey[] = "certs/sts-rsa.key";
 const char kStsCert[] = "certs/sts-rsa.pem";
 
@@ -300,12 +269,6 @@ const char kStsCert[] = "certs/sts-rsa.pem";
 std::string SignaturePart(const std::string& text) {
     size_t begin = text.find("<ds:Signature");
     return text.substr(begin, text.find("</ds:Signature>") + 15 - begin);
-}
-
-// The exit status of a shell command, its output discarded.
-int Shell(const std::string& command) {
-    const int status = std::system((command + " >/dev/null 2>&1").c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 class XmlSignatureTest : public ::testing::Test {
@@ -506,16 +469,17 @@ TEST_F(XmlSignatureTest, ForbiddenReferencesTransformsAndAlgorithmsAreSyntaxErro
 // signs with ECDSA, whose signature value encoding differs from RSA's.
 TEST_F(XmlSignatureTest, InteroperatesWithIndependentImplementations) {
     TestData::TempDir dir("xmlinterop");
-    EXPECT_EQ(0, Shell("xsec-checksig --id ID " + dir.Write("signed.xml", s_signed)));
-    EXPECT_EQ(1, Shell("xsec-checksig --id ID " +
-                       dir.Write("tampered.xml", Replace(s_signed, "user@", "uber@"))));
+    const auto checksig = [&](const std::string& name, const std::string& text) {
+        return TestData::RunCommand("xsec-checksig --id ID " + dir.Write(name, text)).first;
+    };
+    EXPECT_EQ(0, checksig("signed.xml", s_signed));
+    EXPECT_EQ(1, checksig("tampered.xml", Replace(s_signed, "user@", "uber@")));
     const std::string data = SSOCLIENT_TEST_DATA_DIR;
-    ASSERT_EQ(0, Shell("xmlsec1 sign --privkey-pem " + data + "/certs/user-ec.key," + data +
-                       "/certs/user-ec.pem --id-attr:ID "
-                       "urn:oasis:names:tc:SAML:2.0:assertion:Assertion --output " +
-                       dir.File("ecdsa.xml") + " " + data + "/xml/ecdsa-template.xml"));
-    std::ifstream in(dir.File("ecdsa.xml"), std::ios::binary);
-    const std::string ecdsa{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    const auto [status, ecdsa] = TestData::RunCommand(
+        "xmlsec1 sign --privkey-pem " + data + "/certs/user-ec.key," + data +
+        "/certs/user-ec.pem --id-attr:ID urn:oasis:names:tc:SAML:2.0:assertion:Assertion " + data +
+        "/xml/ecdsa-template.xml");
+    ASSERT_EQ(0, status);
     EXPECT_EQ("verified", Check(ecdsa, TrustOnly({"certs/user-ec.pem"}).Get()));
 }
 

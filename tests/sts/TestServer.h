@@ -72,7 +72,7 @@ class TestServer {
         return write(m_in, text.data(), text.size()) < 0 ? "(write failed)" : ReadLine();
     }
 
-    // The counters: connections, handshakes, resumed (TLS sessions), requests.
+    // The counters: connections, handshakes (TLS), requests, closed (by the client).
     std::map<std::string, int> Stats() {
         std::map<std::string, int> stats;
         std::istringstream line(Command("stats"));

@@ -100,7 +100,7 @@ class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
 
     def reset(self):
         self.counters = dict.fromkeys(
-            ("connections", "handshakes", "resumed", "requests", "closed"), 0)
+            ("connections", "handshakes", "requests", "closed"), 0)
         return "OK"
 
     def count(self, name):
@@ -137,8 +137,6 @@ class LoopbackServer(socketserver.ThreadingMixIn, http.server.HTTPServer):
             except (ssl.SSLError, OSError):
                 return
             self.count("handshakes")
-            if request.session_reused:
-                self.count("resumed")
         super().finish_request(request, client_address)
 
     def stop(self):  # refuses connections (the port stays held) and closes the open ones

@@ -46,7 +46,6 @@ ROUTES = {
     # The Cookie header received; sets seen=yes.
     "/cookies": lambda r: Response(headers=[("Set-Cookie", "seen=yes; Path=/")],
                                    body=r.headers.get("Cookie", "")),
-    "/close": lambda r: Response(headers=[("Connection", "close")], body="closed\n"),
     "/headers": lambda r: Response(headers=[("Content-Type", "text/plain")], body="".join(
         "%s: %s\n" % item for item in r.headers.items())),
 }

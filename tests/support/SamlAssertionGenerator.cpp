@@ -1,16 +1,9 @@
 #include "support/SamlAssertionGenerator.h"
 
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <memory>
-#include <stdexcept>
-
 #include <basalt/IO.h>
 #include <basalt/StringUtil.h>
 #include <basalt/Xml.h>
 
-#include "TestData.h"
 #include "internal/saml/SamlNames.h"
 #include "internal/xml/XmlUtils.h"
 
@@ -52,11 +45,9 @@ std::string Attributes(const std::vector<SamlAttribute>& attributes, bool typed)
 
 const char kDsig[] = " xmlns:ds=\"http://www.w3.org/2000/09/xmldsig#\"";
 
-std::string X509Data(const std::string& pem, const std::string& declarations = "") {
-    Ref<Basalt::Crypto::Certificate> certificate;
-    Basalt::Crypto::CreateCertificateFromPem(pem, certificate);
+std::string X509Data(const std::string& pemFile, const std::string& declarations = "") {
     return "<ds:X509Data" + declarations + "><ds:X509Certificate>" +
-           Basalt::StringUtil::Base64Encode(certificate->GetDer()) +
+           Basalt::StringUtil::Base64Encode(TestData::LoadCertificate(pemFile)->GetDer()) +
            "</ds:X509Certificate></ds:X509Data>";
 }
 
@@ -71,7 +62,7 @@ std::string SubjectConfirmation(const AssertionSpec& spec) {
     return xml +
            "<saml2:SubjectConfirmationData xsi:type=\"saml2:KeyInfoConfirmationDataType\">"
            "<ds:KeyInfo" +
-           kDsig + ">" + X509Data(TestData::Read("certs/user-ec.pem")) +
+           kDsig + ">" + X509Data("certs/user-ec.pem") +
            "</ds:KeyInfo></saml2:SubjectConfirmationData></saml2:SubjectConfirmation>";
 }
 
@@ -118,22 +109,14 @@ std::string Advice(const AssertionSpec& spec) {
     return xml.empty() ? xml : "<saml2:Advice>" + xml + "</saml2:Advice>";
 }
 
-Ref<Basalt::Xml::Security::KeyInfoResolver> ResolverOf(const std::string& file) {
-    Ref<Basalt::Crypto::Certificate> certificate;
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read(file), certificate);
-    Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;
-    Basalt::Xml::Security::CreateTrustedCertificateResolver({certificate}, resolver);
-    return resolver;
-}
-
 }  // namespace
 
 Ref<Basalt::Xml::Security::KeyInfoResolver> StsResolver() {
-    return ResolverOf("certs/sts-rsa.pem");
+    return TestData::TrustOnly({"certs/sts-rsa.pem"});
 }
 
 Ref<Basalt::Xml::Security::KeyInfoResolver> OtherResolver() {
-    return ResolverOf("certs/other-rsa.pem");
+    return TestData::TrustOnly({"certs/other-rsa.pem"});
 }
 
 std::string BuildAssertionXml(const AssertionSpec& spec, bool withSignatureTemplate) {
@@ -167,11 +150,8 @@ std::string BuildAssertionXml(const AssertionSpec& spec, bool withSignatureTempl
 
 std::string SignAssertion(const std::string& unsignedXml,
                           const std::optional<std::string>& referenceUri) {
-    static const Ref<Basalt::Crypto::PrivateKey> key = [] {
-        Ref<Basalt::Crypto::PrivateKey> loaded;
-        Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read("certs/sts-rsa.key"), loaded);
-        return loaded;
-    }();
+    static const Ref<Basalt::Crypto::PrivateKey> key =
+        TestData::LoadPrivateKey("certs/sts-rsa.key");
     Ref<Basalt::Xml::Document> document, keyInfo;
     ParseXmlText(unsignedXml, document);
     const auto assertion = document->GetDocumentElement();
@@ -192,7 +172,7 @@ std::string SignAssertion(const std::string& unsignedXml,
         referenceUri.value_or("#" + id), "http://www.w3.org/2001/04/xmlenc#sha256",
         std::vector<std::string>{"http://www.w3.org/2000/09/xmldsig#enveloped-signature",
                                  "http://www.w3.org/2001/10/xml-exc-c14n#"});
-    ParseXmlText(X509Data(TestData::Read("certs/sts-rsa.pem"), kDsig), keyInfo);
+    ParseXmlText(X509Data("certs/sts-rsa.pem", kDsig), keyInfo);
     signature->AddKeyInfoContent(keyInfo->GetDocumentElement());
     signature->Sign(*key);
     Ref<Basalt::StringWriter> writer;
@@ -203,25 +183,6 @@ std::string SignAssertion(const std::string& unsignedXml,
 
 std::string MakeSignedAssertion(const AssertionSpec& spec) {
     return SignAssertion(BuildAssertionXml(spec));
-}
-
-std::string ReplaceOnce(std::string text, const std::string& from, const std::string& to) {
-    const size_t at = text.find(from);
-    if (at == std::string::npos) {
-        throw std::logic_error("test mutation does not apply: " + from);
-    }
-    return text.replace(at, from.size(), to);
-}
-
-std::pair<int, std::string> RunCommand(const std::string& command) {
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
-    std::string output;
-    char buffer[4096];
-    for (size_t n = 0; (n = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;) {
-        output.append(buffer, n);
-    }
-    const int status = pclose(pipe.release());
-    return {WEXITSTATUS(status), output};
 }
 
 }  // namespace TestSupport

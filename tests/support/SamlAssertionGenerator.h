@@ -13,6 +13,8 @@
 #include <basalt/XmlSecurity.h>
 #include <ssoClient/Types.h>
 
+#include "TestData.h"
+
 namespace TestSupport {
 
 // An attribute (name and values) and an advice (source and attributes), as requests carry them.
@@ -73,10 +75,7 @@ std::string SignAssertion(const std::string& unsignedXml,
 // BuildAssertionXml + SignAssertion.
 std::string MakeSignedAssertion(const AssertionSpec& spec);
 
-// Replaces the first occurrence of from by to; throws std::logic_error if from is absent.
-std::string ReplaceOnce(std::string text, const std::string& from, const std::string& to);
-
-// Runs a shell command; returns its exit status and standard output.
-std::pair<int, std::string> RunCommand(const std::string& command);
+using TestData::ReplaceOnce;
+using TestData::RunCommand;
 
 }  // namespace TestSupport

@@ -25,10 +25,7 @@ inline SsoClient::TokenSpec Spec(int64_t lifetimeSec = 600) {
 inline SsoClient::HolderOfKeyConfig LoadHolderOfKey(
     const std::string& certificateFile = "certs/sts-rsa.pem",
     const std::string& keyFile = "certs/sts-rsa.key") {
-    SsoClient::HolderOfKeyConfig config;
-    Basalt::Crypto::CreateCertificateFromPem(TestData::Read(certificateFile), config.certificate);
-    Basalt::Crypto::CreatePrivateKeyFromPem(TestData::Read(keyFile), config.privateKey);
-    return config;
+    return {TestData::LoadCertificate(certificateFile), TestData::LoadPrivateKey(keyFile)};
 }
 
 // The STS's TLS and token-signing trust, and the client's holder-of-key identity.
@@ -37,9 +34,7 @@ struct StsTrust {
         Basalt::Ssl::SSLContextOptions options;
         options.trustedCaPem = TestData::Read(tlsCa);
         Basalt::Ssl::CreateSSLContext(options, sslContext);
-        std::vector<Basalt::Ref<Basalt::Crypto::Certificate>> signing(1);
-        Basalt::Crypto::CreateCertificateFromPem(TestData::Read("sts/signing.pem"), signing[0]);
-        Basalt::Xml::Security::CreateTrustedCertificateResolver(signing, resolver);
+        resolver = TestData::TrustOnly({"sts/signing.pem"});
     }
     Basalt::Ref<Basalt::Ssl::SSLContext> sslContext;
     Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> resolver;

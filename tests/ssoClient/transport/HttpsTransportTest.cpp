@@ -9,21 +9,13 @@
 #include "support/TestCredentials.h"
 
 using namespace SsoClient;
+using TestData::ReadAll;
 using ::testing::HasSubstr;
 
 namespace {
 
 constexpr int64_t kWait = 30 * 1000 * 1000;
 const char* const kIssue = "http://docs.oasis-open.org/ws-sx/ws-trust/200512/RST/Issue";
-
-std::string ReadAll(Basalt::Reader& reader) {
-    std::string text;
-    char buffer[4096];
-    while (size_t count = reader.Read(buffer, sizeof buffer)) {
-        text.append(buffer, count);
-    }
-    return text;
-}
 
 // The reply body, or the message of the CommunicationException the exchange throws.
 std::string Send(const Transport& transport, const std::string& envelope = "<Envelope/>") {
