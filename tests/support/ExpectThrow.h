@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <typeinfo>
 
@@ -30,5 +31,11 @@ template <class Expected, class Action>
     }
     return ::testing::AssertionFailure() << "nothing thrown";
 }
+
+// Throws<Expected> as a value, for tables whose rows expect different exception classes.
+using ThrowCheck = ::testing::AssertionResult (*)(const std::function<void()>&, const std::string&,
+                                                  bool);
+template <class Expected>
+constexpr ThrowCheck kThrows = &Throws<Expected, const std::function<void()>&>;
 
 }  // namespace TestSupport

@@ -111,14 +111,6 @@ std::string Advice(const AssertionSpec& spec) {
 
 }  // namespace
 
-Ref<Basalt::Xml::Security::KeyInfoResolver> StsResolver() {
-    return TestData::TrustOnly({"certs/sts-rsa.pem"});
-}
-
-Ref<Basalt::Xml::Security::KeyInfoResolver> OtherResolver() {
-    return TestData::TrustOnly({"certs/other-rsa.pem"});
-}
-
 std::string BuildAssertionXml(const AssertionSpec& spec, bool withSignatureTemplate) {
     t_buildMicros = (spec.clock ? *spec.clock : Basalt::System::SystemClock()).Now().GetUtcTime();
     const std::string id = spec.id.empty() ? "_" + Basalt::StringUtil::GenerateUuid() : spec.id;

@@ -60,8 +60,12 @@ struct AssertionSpec {
 };
 
 // Trusted-certificate resolvers over the STS certificate of tests/data/certs, and an unrelated one.
-Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> StsResolver();
-Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> OtherResolver();
+inline Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> StsResolver() {
+    return TestData::TrustOnly({"certs/sts-rsa.pem"});
+}
+inline Basalt::Ref<Basalt::Xml::Security::KeyInfoResolver> OtherResolver() {
+    return TestData::TrustOnly({"certs/other-rsa.pem"});
+}
 
 // The unsigned assertion text. With a signature template, an empty ds:Signature for an external
 // signer (RSA-SHA256, exclusive c14n, reference "#ID") follows the Issuer.

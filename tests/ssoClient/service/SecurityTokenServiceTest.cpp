@@ -33,13 +33,11 @@
 namespace {
 
 using namespace SsoClient;
+using TestSupport::kThrows;
 using TestSupport::Spec;
 using TestSupport::StsTrust;
+using TestSupport::ThrowCheck;
 using namespace std::chrono_literals;
-using Check = ::testing::AssertionResult (*)(const std::function<void()>&, const std::string&,
-                                             bool);
-template <class E>
-constexpr Check kThrows = &TestSupport::Throws<E, const std::function<void()>&>;
 
 // The description without its times.
 std::string Described(const SamlToken& token) {
@@ -51,16 +49,6 @@ std::string Described(const SamlToken& token) {
 int64_t LifetimeSeconds(const SamlToken& token) {
     return (token.GetExpirationTime().GetUtcTime() - token.GetStartTime().GetUtcTime()) / 1000000;
 }
-
-// The STS's test GSS mechanism as a negotiation handler.
-class TestGssHandler : public NegotiationHandler, public TestSupport::TestGssMechanism {
-  public:
-    using TestGssMechanism::TestGssMechanism;
-    std::shared_ptr<std::vector<unsigned char>> NextLeg(
-        const std::vector<unsigned char>& serverLeg) override {
-        return std::make_shared<std::vector<unsigned char>>(Answer(serverLeg));
-    }
-};
 
 class SecurityTokenServiceTest : public ::testing::Test {
   protected:
@@ -164,7 +152,8 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegsAndServicesOnAUser
     config.url = "/sts/STSService";
     config.tokenFactory = CreateSamlTokenFactory(Trust().resolver.Get());
     for (bool async : {false, true}) {
-        auto handler = std::make_shared<TestGssHandler>("alice@example.test", "alice-password", 2);
+        auto handler = std::make_shared<TestSupport::TestGssMechanism>("alice@example.test",
+                                                                       "alice-password", 2);
         std::promise<std::shared_ptr<const SamlToken>> issued;
         if (async) {
             Service(false)->AcquireTokenByGSSAsync(
@@ -201,7 +190,7 @@ TEST_F(SecurityTokenServiceTest, GssNegotiationOverSeveralLegsAndServicesOnAUser
                                      std::make_shared<LimitedTransport>(client, limits, clock),
                                      std::make_shared<ResponseHandlerImpl>(),
                                      CreateSamlTokenFactory(Trust().resolver.Get()));
-    TestGssHandler handler("alice@example.test", "alice-password", 3);
+    TestSupport::TestGssMechanism handler("alice@example.test", "alice-password", 3);
     EXPECT_TRUE(TestSupport::Throws<CommunicationException>(
         [&] { service.AcquireTokenByGSS(Spec(), handler); },
         "deadline of 5 s exceeded after 2 legs"));
@@ -342,7 +331,7 @@ TEST(ServiceLimits, RetriesWhatIsSafeAndLogsWhatTheExceptionDoesNotCarry) {
             return server.Url("/flaky?" + query + (async ? "&pass=2" : ""));
         };
         // The url, the failure, the requests the server sees, the notes of the warning line.
-        const std::tuple<std::string, Check, std::string, int, std::string> cases[] = {
+        const std::tuple<std::string, ThrowCheck, std::string, int, std::string> cases[] = {
             {flaky("fail=2&code=503&body=%3Cx/%3E"), kThrows<SsoException>, unexpected, 3,
              "; HTTP status 200; attempts 3"},
             {flaky("fail=1&code=502&body=%3Cx/%3E"), kThrows<SsoException>, unexpected, 2,

@@ -29,10 +29,6 @@ namespace {
 using namespace SsoClient;
 using namespace TestSupport;
 using Level = Basalt::Service::Logger;
-using Check = ::testing::AssertionResult (*)(const std::function<void()>&, const std::string&,
-                                             bool);
-template <class E>
-constexpr Check kThrows = &Throws<E, const std::function<void()>&>;
 
 const std::string kTrust = "http://docs.oasis-open.org/ws-sx/ws-trust/200512/";
 const std::string kDown = "Server returned error: 503 Service Unavailable";
@@ -186,8 +182,8 @@ TEST_F(ServiceLogicTest, FaultsAndOddRepliesMapToTheLibraryExceptions) {
     const std::string valid = ValidateReply(kTrust + "status/valid");
     const std::string gss = NegotiationReply("ctx", "", Issued());
     const std::string format = "Unexpected XML format";
-    const Check credentials = kThrows<InvalidCredentialsException>;
-    const Check sso = kThrows<SsoException>;
+    const ThrowCheck credentials = kThrows<InvalidCredentialsException>;
+    const ThrowCheck sso = kThrows<SsoException>;
     // A fault with this code and no faultstring.
     auto fault = [](const std::string& ns, const std::string& code) {
         return SoapEnvelope("<soapenv:Fault><faultcode xmlns:t=\"" + ns + "\">" + code +
@@ -196,7 +192,7 @@ TEST_F(ServiceLogicTest, FaultsAndOddRepliesMapToTheLibraryExceptions) {
     struct Case {
         std::string reply;
         std::string message;
-        Check check = kThrows<SsoException>;
+        ThrowCheck check = kThrows<SsoException>;
         OperationIndex op = kAcquire;
     };
     const Case cases[] = {
@@ -323,8 +319,8 @@ TEST_F(ServiceLogicTest, GssNegotiationsAndTheirContractViolations) {
     const std::string nullLeg = "Invalid NegotiationHandler: the returned leg may not be NULL";
     const std::string warning =
         "4 GSS contract error: non-empty user leg after negotiation is complete";
-    const Check invalid = kThrows<Basalt::InvalidArgumentException>;
-    const Check failed = kThrows<CommunicationException>;
+    const ThrowCheck invalid = kThrows<Basalt::InvalidArgumentException>;
+    const ThrowCheck failed = kThrows<CommunicationException>;
     // The nth reply: context "ctx-n" (none for 0), the service's leg, perhaps the token.
     auto reply = [](int n, const std::string& leg, bool token = false) {
         return NegotiationReply(n ? "ctx-" + std::to_string(n) : "", leg, token ? Issued() : "");
@@ -335,7 +331,7 @@ TEST_F(ServiceLogicTest, GssNegotiationsAndTheirContractViolations) {
         std::vector<std::string> replies;
         std::vector<std::string> seen;  // the legs the handler is shown
         std::string message;            // the warning written, or the exception's
-        Check check = nullptr;          // null: a token is issued
+        ThrowCheck check = nullptr;     // null: a token is issued
     };
     const Case cases[] = {
         {{"HELLO", "R1", "R2"},
