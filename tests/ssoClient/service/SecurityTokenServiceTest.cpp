@@ -95,6 +95,18 @@ TEST_F(SecurityTokenServiceTest, PasswordTokenCarriesWhatWasAskedFor) {
     EXPECT_TRUE(TestSupport::Throws<InvalidCredentialsException>(
         [&] { Service(false)->AcquireToken("alice", "wrong", spec); },
         "Authentication failed: Invalid user name or password"));
+    // Callers of a provider who find no token share one request.
+    auto provider = CreateTokenProvider(Service(false),
+                                        TokenRecipe::ByPassword("alice", "alice-password"), Spec());
+    std::vector<std::future<std::shared_ptr<const SamlToken>>> callers(8);
+    for (auto& caller : callers) {
+        caller = std::async(std::launch::async, [&] { return provider->GetToken(); });
+    }
+    const auto shared = provider->GetToken();
+    for (auto& caller : callers) {
+        EXPECT_EQ(caller.get(), shared);
+    }
+    EXPECT_EQ(m_sts.Stats()["requests"], 3);
 }
 
 TEST_F(SecurityTokenServiceTest, HolderOfKeyOperationsChainTogether) {
