@@ -76,12 +76,18 @@ TEST_F(SsotoolTest, VerdictsAndExitCodes) {
     const std::string assertion = TestSupport::MakeSignedAssertion({});
     const std::string saml = m_dir.Write("saml.xml", assertion);
     const std::string old = m_dir.Write("old.xml", TestSupport::MakeSignedAssertion(expired));
+    const std::string forged = m_dir.Write(
+        "forged.xml", TestSupport::ReplaceOnce(assertion, "alice@example", "admin@example"));
     std::string jwt = TestSupport::RunCommand("/usr/bin/python3 " + kData +
                                               "../sts/issue_jwt.py alice@example.test "
                                               "'Alice Liddell' Users@example.test")
                           .second;
     const std::string bearer = m_dir.Write("bearer.jwt", jwt);
     const std::string sts = kData + "sts/signing.pem", other = kData + "certs/sts-rsa.pem";
+    auto jwtCheck = [&](const std::string& audience) {
+        return std::vector<std::string>{"validate", bearer,       "--jwt", "--key",
+                                        sts,        "--audience", audience};
+    };
     TestSts::TestServer refused;
     refused.Command("stop");
     const std::string nowhere = "https://localhost:" + std::to_string(refused.Port()) + "/sts";
@@ -92,14 +98,14 @@ TEST_F(SsotoolTest, VerdictsAndExitCodes) {
         std::string input = "";
     } cases[] = {
         {0, "valid: SamlToken [subject={Name: alice;", {"validate", saml, "--trust", other}},
+        {1,
+         "invalid: Failed to verify signature: token might have been tampered with.\n",
+         {"validate", forged, "--trust", other}},
         {1, "invalid: The token has expired at: ", {"validate", old, "--trust", other}},
         {0, "valid: ", {"validate", old, "--trust", other, "--tolerance", "4000"}},
         {0, "Format:        SAML 2.0 assertion", {"inspect", old}},
-        // The library's own verdicts (tampering, audience) are its tests'; here that each option
-        // reaches it.
-        {0,
-         "valid: SamlToken [subject={Name: alice;",
-         {"validate", bearer, "--jwt", "--key", sts, "--audience", "urn:sso-demo"}},
+        {0, "valid: SamlToken [subject={Name: alice;", jwtCheck("urn:sso-demo")},
+        {1, "invalid: Missing or incorrect audience\n", jwtCheck("urn:other")},
         {0, "Format:        JWT (signature not checked)\n", {"inspect", "-"}, jwt},
         {1, "", {"inspect", "-"}, "not a token"},
         {1, "", Sts("acquire", {"--user", "alice", "--password-file", "-"}), "wrong\n"},
