@@ -108,12 +108,17 @@ TEST(XmlParserTest, RefusesHostileInputWithAClearMessageAndAdmitsWhatIsAtEachLim
                       attributes = ": A start tag has more than ";
     // Each row: input, limits, and the message after "XML parse error at line ".
     const std::tuple<std::string, ParserLimits, std::string> cases[] = {
-        // No DOCTYPE at all, with an internal subset (an external entity reading a local file)
-        // or without (an external DTD): entity bombs and ATTLIST-declared ids go with it.
+        // No DOCTYPE at all: an external entity reading a local file, an external DTD, an entity
+        // expansion bomb, an ATTLIST declaring ids.
         {"<!DOCTYPE r [<!ENTITY x SYSTEM \"file://" + kSecretPath + "\">]><r>&x;</r>", L{},
          "1, column 13" + doctype},
         {"<!DOCTYPE r SYSTEM \"file://" + kSecretPath + "\"><r/>", L{},
          "1, column " + std::to_string(kSecretPath.size() + 29) + doctype},
+        {"<!DOCTYPE r [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\">"
+         "<!ENTITY c \"&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;\">]><r>&c;</r>",
+         L{}, "1, column 13" + doctype},
+        {"<!DOCTYPE r [<!ATTLIST e AssertionID ID #IMPLIED>]><r><e AssertionID=\"x\"/></r>", L{},
+         "1, column 13" + doctype},
         {"<r>&x;</r>", L{}, "1, column 7: Entity 'x' not defined"},
         {"<r>\n  <a>\n</r>", L{}, "3, column 5: Opening and ending tag mismatch: a line 2 and r"},
         // XInclude is not processed: the prefix must be declared, and nothing is included.
@@ -187,6 +192,9 @@ const std::tuple<const char*, const char*, bool, std::string, const char*> kVect
      "<a:child xmlns:a=\"urn:a\" xmlns:b=\"urn:b\" b:attr=\"1\"><x xmlns=\"urn:d\"></x></a:child>"},
     {"undeclared default namespace", "<r xmlns=\"urn:d\"><e xmlns=\"\"><f/></e></r>", true, kIncl,
      "<e><f></f></e>"},
+    {"attributes by namespace URI, then name; declarations first",
+     "<r xmlns:z=\"urn:a\" z:c=\"3\" b=\"2\" xmlns:y=\"urn:b\" y:a=\"4\" a=\"1\"/>", false,
+     kExcC14n, "<r xmlns:y=\"urn:b\" xmlns:z=\"urn:a\" a=\"1\" b=\"2\" z:c=\"3\" y:a=\"4\"></r>"},
     {"comments dropped", "<r><!--c-->t</r>", false, kExcC14n, "<r>t</r>"},
     {"comments kept, exclusive", "<r><!--c-->t</r>", false, kExcComments, "<r><!--c-->t</r>"},
     {"comments kept, inclusive", "<r><!--c-->t</r>", false, kInclComments, "<r><!--c-->t</r>"},

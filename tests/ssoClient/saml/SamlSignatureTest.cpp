@@ -53,6 +53,8 @@ TEST(SamlSignatureTest, AcceptsTokensSignedByIndependentSignersOnlyWithTheRightK
     for (const auto& spec : {bearer, holderOfKey}) {
         for (const std::string& xml : {SignWithXmlsec1(spec), SignWithSantuario(spec)}) {
             EXPECT_EQ(CreateSamlToken(xml, StsResolver().Get())->GetXml(), xml);
+            EXPECT_TRUE(Throws<InvalidSignatureException>(
+                [&] { CreateSamlToken(xml, OtherResolver().Get()); }, kTampered));
             // A reference by id or to the whole document leaves comments out of the digest.
             const std::string noted =
                 ReplaceOnce(xml, "<saml2:Subject>", "<!--n--><saml2:Subject>");
